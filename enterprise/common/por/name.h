@@ -1,0 +1,56 @@
+#pragma once
+
+#include <cstddef>
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "core/common/string.h"
+
+namespace Por {
+
+// Name of a property or trait: zero-terminated UTF-8. Names compare by strcmp, so by bytes and case.
+//
+// A name made from a literal keeps the literal's address and allocates nothing; any other name keeps
+// its own copy. Threads: as a plain value.
+class Name {
+ public:
+  // The empty name.
+  Name() noexcept : text_("") {}
+
+  // From a string literal, whose address is kept: the array must live as long as the program.
+  template <std::size_t N>
+  Name(const char (&literal)[N]) noexcept : text_(literal) {}  // NOLINT: literals convert
+  template <std::size_t N>
+  Name(char (&buffer)[N]) = delete;
+
+  // Copies of the text; a code unit or byte 0 ends the name.
+  explicit Name(const Common::String& text);
+  static Name FromUtf8(std::string_view text);
+
+  Name(const Name& other);
+  Name(Name&& other) noexcept;
+  Name& operator=(const Name& other);
+  Name& operator=(Name&& other) noexcept;
+  ~Name() = default;
+
+  // Zero-terminated UTF-8; valid as long as this name is neither changed nor destroyed.
+  const char* GetText() const noexcept { return text_; }
+  Common::String ToString() const;
+  bool IsEmpty() const noexcept { return *text_ == 0; }
+
+  // Sign of strcmp.
+  int Compare(const Name& other) const noexcept {
+    return text_ == other.text_ ? 0 : std::strcmp(text_, other.text_);
+  }
+  friend bool operator==(const Name& a, const Name& b) noexcept { return a.Compare(b) == 0; }
+  friend bool operator<(const Name& a, const Name& b) noexcept { return a.Compare(b) < 0; }
+
+ private:
+  bool OwnsText() const noexcept { return text_ == storage_.c_str(); }
+
+  std::string storage_;
+  const char* text_;
+};
+
+}  // namespace Por
