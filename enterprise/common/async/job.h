@@ -20,7 +20,8 @@ class DescriptiveEntity : public Common::NonCopyable {
   virtual JobDescription Describe() = 0;
 };
 
-// Running work. Held by std::shared_ptr<Job> only. Its end is told to the handler it was started with.
+// Running work. Held by std::shared_ptr<Job> only. Its end is told to the handler it was started
+// with.
 class Job : public DescriptiveEntity {
  public:
   // The job's number, unique in the process.
