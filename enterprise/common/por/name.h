@@ -4,15 +4,17 @@
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "core/common/string.h"
 
 namespace Por {
 
-// Name of a property or trait: zero-terminated UTF-8. Names compare by strcmp, so by bytes and case.
+// Name of a property or trait: zero-terminated UTF-8. Names compare by strcmp, so by bytes and
+// case.
 //
-// A name made from a literal keeps the literal's address and allocates nothing; any other name keeps
-// its own copy. Threads: as a plain value.
+// A name made from a literal keeps the literal's address and allocates nothing; any other name
+// keeps its own copy. Threads: as a plain value.
 class Name {
  public:
   // The empty name.
@@ -28,8 +30,13 @@ class Name {
   explicit Name(const Common::String& text);
   static Name FromUtf8(std::string_view text);
 
-  Name(const Name& other);
-  Name(Name&& other) noexcept;
+  // A literal's address is shared, an own text copied. What was moved from is the empty name.
+  Name(const Name& other) : text_(other.text_) {
+    if (other.OwnsText()) KeepCopy(other.storage_);
+  }
+  Name(Name&& other) noexcept : text_(other.text_) {
+    if (other.OwnsText()) TakeStorage(other);
+  }
   Name& operator=(const Name& other);
   Name& operator=(Name&& other) noexcept;
   ~Name() = default;
@@ -47,7 +54,19 @@ class Name {
   friend bool operator<(const Name& a, const Name& b) noexcept { return a.Compare(b) < 0; }
 
  private:
+  // Decided by address alone: an own text may be empty.
   bool OwnsText() const noexcept { return text_ == storage_.c_str(); }
+  void KeepCopy(const std::string& text) {
+    storage_ = text;
+    text_ = storage_.c_str();
+  }
+  // A short text lies inside the string object, so its address changes with the move.
+  void TakeStorage(Name& other) noexcept {
+    storage_ = std::move(other.storage_);
+    text_ = storage_.c_str();
+    other.storage_.clear();
+    other.text_ = "";
+  }
 
   std::string storage_;
   const char* text_;
