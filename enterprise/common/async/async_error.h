@@ -42,7 +42,7 @@ class StaticError {
   const std::uint32_t code_;
   const std::optional<Common::MessageRow> row_;
   std::atomic<const char16_t*> message_{nullptr};
-  std::atomic<const Common::Error*> error_{nullptr};
+  std::atomic<Common::ErrorRecord*> record_{nullptr};  // one counted reference
 };
 
 extern StaticError invalid_result_error;  // "ASYNC: The operation result is invalid."
