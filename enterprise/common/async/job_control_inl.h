@@ -11,6 +11,11 @@
 #include "enterprise/common/async/async_error.h"
 #include "enterprise/common/async/job_control.h"
 
+#if defined(__clang__)
+#pragma clang diagnostic push
+#pragma clang diagnostic ignored "-Wstring-conversion"  // asserting !"text" is meant
+#endif
+
 namespace Async {
 namespace Detail {
 
@@ -336,3 +341,7 @@ Common::Error BasicJobControl<Atomics>::SafeFinishRun(ActionHandler& handler, Co
 }
 
 }  // namespace Async
+
+#if defined(__clang__)
+#pragma clang diagnostic pop
+#endif
