@@ -1,0 +1,59 @@
+#include "enterprise/common/dml/safe_invoke.h"
+
+#include "core/common/line_tag.h"
+#include "core/common/message_table.h"
+#include "core/common/trace.h"
+#include "enterprise/common/por/module_error.h"
+
+namespace Dml {
+
+namespace {
+
+constexpr Common::SourceFile kSource{"enterprise/common/dml/safe_invoke"};
+
+// Units that came from outside may be null.
+const Por::View::Unit& NotNull(const Por::SharedUnit& unit) {
+  if (unit == nullptr) {
+    throw Common::Error(Por::kPorNullUnit, Common::GetMessageText(Common::MessageRow::PorNullUnit),
+                        kSource.At("NotNull", 20));
+  }
+  return *unit;
+}
+
+}  // namespace
+
+void GetBaseError(const Common::Error& error) noexcept {
+  Common::Error wrapped(kCallbackExceptionCode, u"Exception from callback.",
+                        kSource.At("GetBaseError", 40));
+  wrapped.SetReason(error);
+  Common::Trace(Common::kTraceDebug, wrapped);
+}
+
+void ReadObjects(const std::vector<Por::SharedUnit>& units, ReportReader& reader) {
+  for (const Por::SharedUnit& unit : units) {
+    SafeInvoke([&] { reader.Read(NotNull(unit)); });
+  }
+}
+
+void ReadUpdates(const std::vector<ViewManagement::ViewUpdate>& updates,
+                 SubscriptionReader& reader) {
+  for (const ViewManagement::ViewUpdate& update : updates) {
+    SafeInvoke([&] {
+      switch (update.type) {
+        case ViewManagement::kUpdateCreated:
+          reader.OnCreated(NotNull(update.key));
+          break;
+        case ViewManagement::kUpdateUpdated:
+          reader.OnUpdated(NotNull(update.key), NotNull(update.packed_update));
+          break;
+        case ViewManagement::kUpdateDeleted:
+          reader.OnDeleted(NotNull(update.key));
+          break;
+        default:
+          break;
+      }
+    });
+  }
+}
+
+}  // namespace Dml

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <utility>
+#include <vector>
+
+#include "core/common/error.h"
+#include "enterprise/common/dml/reader.h"
+#include "enterprise/common/dml_view_common/view_records.h"
+
+// Calls into readers. A reader never ends a report or a subscription by raising: a Common::Error
+// out of a call is traced and dropped, and the next object follows. Other exceptions pass through.
+
+namespace Dml {
+
+inline constexpr unsigned int kCallbackExceptionCode = 0xFC0001;
+
+// Takes care of an error out of a reader: it becomes the reason of kCallbackExceptionCode, which is
+// traced at the debug level and dropped.
+void GetBaseError(const Common::Error& error) noexcept;
+
+// Calls `call` without an argument, under the rule above.
+template <class Function>
+void SafeInvoke(Function&& call) {
+  try {
+    std::forward<Function>(call)();
+  } catch (const Common::Error& error) {
+    GetBaseError(error);
+  }
+}
+
+// Calls Read for each unit in order. A null unit counts as an object whose reader raised.
+void ReadObjects(const std::vector<Por::SharedUnit>& units, ReportReader& reader);
+
+// Calls the operation of each update's kind in order; other kinds are skipped in silence. An update
+// without a unit that its operation takes counts as one whose reader raised.
+void ReadUpdates(const std::vector<ViewManagement::ViewUpdate>& updates,
+                 SubscriptionReader& reader);
+
+}  // namespace Dml
