@@ -7,7 +7,8 @@
 
 // Questions and small changes about one unit: its traits, properties and elements.
 // References and pointers that come out are borrowed from the tree and valid until it is changed.
-// Nothing here allocates, except to make a property, a trait, a copy or an error.
+// Only what makes a property, a trait, a copy or an error allocates, and the lookup in a map whose
+// keys are long.
 
 namespace Por::Util {
 
