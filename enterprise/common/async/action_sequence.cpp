@@ -68,6 +68,8 @@ void ActionSequence::Execute(std::shared_ptr<Action> action) {
   actions_->push_back(std::move(action));
 }
 
-bool ActionSequence::IsRepeating(ActionHandler&) { return false; }
+bool ActionSequence::IsRepeating(ActionHandler&) {
+  return false;
+}
 
 }  // namespace Async

@@ -22,9 +22,9 @@ class ActionExecutor : public Common::NonCopyable {
 // A step that ends with kStopSequenceCode in its chain ends the sequence with success; in a
 // repeating one kStopRepeatingCode does the same.
 //
-// A sequence may be performed more than once, and destroyed while its jobs run: they share the queue
-// of actions. Threads: Perform and Execute on one; steps run where the step before completed. The
-// returned job may be cancelled from any thread.
+// A sequence may be performed more than once, and destroyed while its jobs run: they share the
+// queue of actions. Threads: Perform and Execute on one; steps run where the step before completed.
+// The returned job may be cancelled from any thread.
 class ActionSequence : public Action, public ActionExecutor {
  public:
   // Without an action: success is told at once, and there is no job.

@@ -15,8 +15,8 @@ namespace CyclicRunnerImpl {
 // or the job is cancelled. So it never ends with success.
 //
 // Passes that complete inside their Perform run in a loop on one constant stack. After
-// kMaxImmediatePasses of them on one thread the cycle goes on by way of the async service, when there
-// is one, so that the thread that started it gets back to its own work.
+// kMaxImmediatePasses of them on one thread the cycle goes on by way of the async service, when
+// there is one, so that the thread that started it gets back to its own work.
 //
 // Threads: a pass ends on any; Cancel any. Lifetime: whoever started the cycle holds the job until
 // the handler has been told; nothing else does while a pass runs elsewhere.

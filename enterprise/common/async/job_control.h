@@ -7,6 +7,9 @@
 #include <thread>
 
 #include "core/common/error.h"
+#include "core/common/unix/event.h"
+#include "core/common/unix/mutex.h"
+#include "core/common/unix/static_mutex.h"
 #include "enterprise/common/async/action.h"
 #include "enterprise/common/async/job.h"
 #include "enterprise/common/async/job_state.h"
@@ -14,10 +17,16 @@
 
 namespace Async {
 
-// The atomics of a JobControl between threads. Tests put a scheduler of their own in its place,
-// which sees every access to the state word; it is a friend of the control.
+// What the job machinery uses between threads. Tests put a scheduler of their own in its place,
+// which sees every access to a state word and every lock; it is a friend of the control.
 struct ThreadAtomics {
   using Word = std::atomic<std::uintptr_t>;
+  using Counter = std::atomic<int>;
+  using Mutex = Common::Mutex;
+  using MutexLock = Common::MutexLock;
+  using StaticMutex = Common::StaticMutex;
+  using StaticMutexLock = Common::StaticMutexLock;
+  using Event = Common::Event;
   // Called between two looks at a state that another thread is about to leave.
   static void Pause() noexcept { std::this_thread::yield(); }
 };

@@ -37,7 +37,8 @@ bool BasicMetronomeListener<Atomics>::Start(Metronome* metronome) {
     Common::SafeAssert("!\"Metronome logic broken.\"", "enterprise/common/async/metronome", 91);
     return false;
   }
-  ActionRefAdaptor wait([metronome](ActionHandler& handler) { return metronome->WaitTick(handler); });
+  ActionRefAdaptor wait(
+      [metronome](ActionHandler& handler) { return metronome->WaitTick(handler); });
   control_.Run(wait, *this, nullptr);
   return true;
 }

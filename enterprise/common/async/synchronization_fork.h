@@ -8,8 +8,8 @@
 
 namespace Async {
 
-// Hands `work` to a thread of the async service, where it runs on its own: a failure of it is traced
-// and nothing else. False without a service; then the work stays with the caller.
+// Hands `work` to a thread of the async service, where it runs on its own: a failure of it is
+// traced and nothing else. False without a service; then the work stays with the caller.
 bool ForkWork(std::unique_ptr<Work>& work);
 
 // Gives an object a chance when the thread it lives on is about to block, or was busy for too long:

@@ -29,8 +29,8 @@ class BasicTailRecursionController : public Common::NonCopyable {
   virtual ~BasicTailRecursionController() = default;
   // Keeps the object alive while a thread is in the loop.
   virtual std::shared_ptr<void> GetKeepAlive() = 0;
-  // Starts one step, whose end leads to Continue, now or later, on any thread; or to none, if it was
-  // the last.
+  // Starts one step, whose end leads to Continue, now or later, on any thread; or to none, if it
+  // was the last.
   virtual void Iterate() = 0;
 
   // The loop. Called once to start, when an owner holds the object.
@@ -43,13 +43,14 @@ class BasicTailRecursionController : public Common::NonCopyable {
 
   // True: the calling thread holds the controller and starts the next step.
   bool TryAcquire(bool release_owner, ProcessingDetachment* detachment);
-  // Frees the controller and takes its detachment out. True if the calling thread isn't in the loop.
+  // Frees the controller and takes its detachment out. True if the calling thread isn't in the
+  // loop.
   bool Release(ProcessingDetachment*& detachment);
 
   typename Atomics::Mutex mutex_;  // guards the fields below
   bool available_ = true;
-  std::thread::id owner_thread_;                   // started the current step, while in the loop
-  ProcessingDetachment* detachment_ = nullptr;     // of the pass that holds the controller
+  std::thread::id owner_thread_;                // started the current step, while in the loop
+  ProcessingDetachment* detachment_ = nullptr;  // of the pass that holds the controller
 };
 
 extern template class BasicTailRecursionController<ThreadAtomics>;
