@@ -42,18 +42,24 @@ class UnitConstructionTextFormat final : public Por::ItemProcessor<const Por::Vi
 #undef POR_PRINT
 
  private:
-  void CloseHeader();
+  // Of a nested item, which prints behind its parent's text.
+  UnitConstructionTextFormat(const Por::View::Unit& unit, const UnitConstructionTextFormat& parent);
+
+  void Print();
+  void AppendHead(const char16_t* word, const Common::String& argument);
   void WriteTraits();
-  void WriteNested(const Common::String& head, const Por::View::Unit& unit);
+  // A null `word` is an element, which has no head.
+  void WriteNested(const char16_t* word, const Common::String& name, const Por::View::Unit& unit);
+  void EndLine();
   void AppendIndent(unsigned int levels);
 
   const Por::View::Unit* unit_;
   unsigned int depth_;
   const UnitTextStyle* style_;
-  bool multiline_ = false;
-  bool header_closed_ = false;
+  bool multiline_ = false;  // a nested line was written, and so the line of the head ended
   bool traits_pending_ = true;
-  Common::String text_;
+  Common::String text_;  // of the root; nested items leave theirs empty
+  Common::String* out_;  // the root's text
 };
 
 // The whole text of a unit: the style's prefix, the unit, the style's suffix.
