@@ -1,6 +1,5 @@
 #include "enterprise/common/por/match_wildcard.h"
 
-#include <algorithm>
 #include <bit>
 #include <cstddef>
 
@@ -69,13 +68,13 @@ std::size_t FindPart(std::u16string_view text, std::u16string_view part, char16_
 bool MatchWildcard(std::u16string_view text, std::u16string_view pattern, char16_t many_char,
                    char16_t one_char) {
   if (pattern.empty()) return true;
-  const std::size_t head_size = pattern.find(many_char);
-  if (head_size == kNone) {
-    return text.size() == pattern.size() && FitsAt(text.data(), pattern, one_char);
+  // What stands before the first many_char has to be the beginning of the text.
+  std::size_t head_size = 0;
+  for (; head_size < pattern.size() && pattern[head_size] != many_char; ++head_size) {
+    if (head_size == text.size()) return false;
+    if (pattern[head_size] != text[head_size] && pattern[head_size] != one_char) return false;
   }
-  if (text.size() < head_size || !FitsAt(text.data(), pattern.substr(0, head_size), one_char)) {
-    return false;
-  }
+  if (head_size == pattern.size()) return text.size() == head_size;
   text.remove_prefix(head_size);
   pattern.remove_prefix(head_size + 1);
 
