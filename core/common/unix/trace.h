@@ -40,8 +40,8 @@ void SetTraceThreshold(unsigned int level) noexcept;
 
 // Adds a borrowed sink. False if the registry, which has few places, is full.
 bool RegisterTraceSink(TraceSink& sink) noexcept;
-// Takes a sink out and waits until no other thread is inside it, so that it can be destroyed.
-// Asserts nothing and does nothing for a sink that isn't registered.
+// Takes a sink out and waits until no thread is inside it, so that it can be destroyed; not to be
+// called from inside that sink. Does nothing for a sink that isn't registered.
 void UnregisterTraceSink(TraceSink& sink) noexcept;
 
 }  // namespace Common
