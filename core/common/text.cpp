@@ -9,6 +9,17 @@
 #include <emmintrin.h>
 #endif
 
+// Address and thread sanitizers object to blocks that reach behind the end of an array.
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define OBJPROBE_SANITIZED
+#endif
+#endif
+#if defined(__SSE2__) && !defined(OBJPROBE_SANITIZED) && !defined(__SANITIZE_ADDRESS__) && \
+    !defined(__SANITIZE_THREAD__)
+#define OBJPROBE_ALIGNED_BLOCKS
+#endif
+
 namespace Common {
 
 namespace {
@@ -22,104 +33,100 @@ constexpr char16_t kReplacement = 0xFFFD;
 constexpr std::size_t kPiece = 2048;
 constexpr std::size_t kRoom = 32;
 
-// Number of units before the first 0, at most `length`. Nothing behind that 0 is read, so the steps
-// are single units: a caller may give a length beyond the end of his array.
-std::size_t GetLength(const char16_t* text, std::size_t length) {
-  std::size_t count = 0;
-  while (length - count >= 4) {
-    const char16_t* at = text + count;
-    if (at[0] == 0) return count;
-    if (at[1] == 0) return count + 1;
-    if (at[2] == 0) return count + 2;
-    if (at[3] == 0) return count + 3;
-    count += 4;
-  }
-  while (count < length && text[count] != 0) ++count;
-  return count;
+bool IsAscii(char byte) {
+  return static_cast<unsigned char>(byte) < 0x80;
 }
 
-// Widens the ASCII bytes that `from` begins with, and moves both pointers behind them. Reads below
-// `end` only; may write, without moving, up to 16 units at `to`.
-void WidenAsciiRun(const char*& from, const char* end, char16_t*& to) {
-#ifdef __SSE2__
+// Number of units before the first 0, at most `length`. The caller may give a length beyond the end
+// of his array when a 0 comes before. Blocks are read at addresses that are multiples of their size
+// and begin before that 0: they may reach behind it, but never into a page that the text isn't in.
+std::size_t GetLength(const char16_t* text, std::size_t length) {
+  const char16_t* at = text;
+#ifdef OBJPROBE_ALIGNED_BLOCKS
+  while (length != 0 && reinterpret_cast<std::uintptr_t>(at) % sizeof(__m128i) != 0) {
+    if (*at == 0) return static_cast<std::size_t>(at - text);
+    ++at;
+    --length;
+  }
   const __m128i zero = _mm_setzero_si128();
-  while (end - from >= 16) {
-    const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(from));
-    const auto high = static_cast<unsigned int>(_mm_movemask_epi8(block));
-    auto* target = reinterpret_cast<__m128i*>(to);
-    _mm_storeu_si128(target, _mm_unpacklo_epi8(block, zero));
-    _mm_storeu_si128(target + 1, _mm_unpackhi_epi8(block, zero));
-    const int run = high == 0 ? 16 : std::countr_zero(high);
-    from += run;
-    to += run;
-    if (run != 16) return;
-  }
-  if (end - from >= 8) {
-    const __m128i block = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(from));
-    const auto high = static_cast<unsigned int>(_mm_movemask_epi8(block));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(to), _mm_unpacklo_epi8(block, zero));
-    const int run = high == 0 ? 8 : std::countr_zero(high);
-    from += run;
-    to += run;
-    if (run != 8) return;
-  }
-#else
-  while (end - from >= 8) {
-    std::uint64_t block;
-    std::memcpy(&block, from, 8);
-    if ((block & 0x8080808080808080u) != 0) break;
-    for (int i = 0; i < 8; ++i) to[i] = static_cast<unsigned char>(from[i]);
-    from += 8;
-    to += 8;
+  for (; length >= 8; at += 8, length -= 8) {
+    const __m128i block = _mm_load_si128(reinterpret_cast<const __m128i*>(at));
+    if (_mm_movemask_epi8(_mm_cmpeq_epi16(block, zero)) != 0) break;
   }
 #endif
-  while (from != end && static_cast<unsigned char>(*from) < 0x80) {
-    *to++ = static_cast<unsigned char>(*from++);
-  }
+  for (; length != 0 && *at != 0; ++at) --length;
+  return static_cast<std::size_t>(at - text);
 }
 
-// The reverse: narrows the units below 0x80 that `from` begins with. May write up to 16 bytes.
-void NarrowAsciiRun(const char16_t*& from, const char16_t* end, char*& to) {
+// Widens the ASCII bytes that stand at the front of `count` bytes; returns their number. May write
+// up to 16 units behind them.
+std::size_t WidenAsciiRun(const char* from, std::size_t count, char16_t* to) {
+  std::size_t done = 0;
+#ifdef __SSE2__
+  const __m128i zero = _mm_setzero_si128();
+  for (; count - done >= 16; done += 16) {
+    const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(from + done));
+    auto* target = reinterpret_cast<__m128i*>(to + done);
+    _mm_storeu_si128(target, _mm_unpacklo_epi8(block, zero));
+    _mm_storeu_si128(target + 1, _mm_unpackhi_epi8(block, zero));
+    const auto high = static_cast<unsigned int>(_mm_movemask_epi8(block));
+    if (high != 0) return done + static_cast<std::size_t>(std::countr_zero(high));
+  }
+  // What is left in blocks of 8, the last of which overlaps the one before it.
+  while (count >= 8 && done < count) {
+    const std::size_t at = std::min(done, count - 8);
+    const __m128i block = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(from + at));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(to + at), _mm_unpacklo_epi8(block, zero));
+    const auto high = static_cast<unsigned int>(_mm_movemask_epi8(block));
+    if (high != 0) return at + static_cast<std::size_t>(std::countr_zero(high));
+    done = at + 8;
+  }
+#endif
+  for (; done != count && IsAscii(from[done]); ++done) {
+    to[done] = static_cast<unsigned char>(from[done]);
+  }
+  return done;
+}
+
+// The reverse: narrows the units below 0x80 at the front. May write up to 16 bytes behind them.
+std::size_t NarrowAsciiRun(const char16_t* from, std::size_t count, char* to) {
+  std::size_t done = 0;
 #ifdef __SSE2__
   const __m128i zero = _mm_setzero_si128();
   const __m128i above = _mm_set1_epi16(static_cast<short>(0xFF80));
-  while (end - from >= 16) {
-    const auto* source = reinterpret_cast<const __m128i*>(from);
-    const __m128i first = _mm_loadu_si128(source);
-    const __m128i second = _mm_loadu_si128(source + 1);
-    const __m128i first_ascii = _mm_cmpeq_epi16(_mm_and_si128(first, above), zero);
-    const __m128i second_ascii = _mm_cmpeq_epi16(_mm_and_si128(second, above), zero);
-    const auto ascii =
-        static_cast<unsigned int>(_mm_movemask_epi8(_mm_packs_epi16(first_ascii, second_ascii)));
-    // Saturates what is not ASCII; those bytes lie behind the run and are written again.
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(to), _mm_packus_epi16(first, second));
-    const int run = std::countr_one(ascii);
-    from += run;
-    to += run;
-    if (run != 16) return;
+  const auto load = [from](std::size_t at) {
+    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(from + at));
+  };
+  // Two bits for each unit, set for those below 0x80.
+  const auto find_ascii = [&](__m128i block) {
+    return static_cast<unsigned int>(
+        _mm_movemask_epi8(_mm_cmpeq_epi16(_mm_and_si128(block, above), zero)));
+  };
+  for (; count - done >= 16; done += 16) {
+    const __m128i first = load(done);
+    const __m128i second = load(done + 8);
+    // What is not ASCII is saturated; those bytes are written again.
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(to + done), _mm_packus_epi16(first, second));
+    if (find_ascii(_mm_or_si128(first, second)) != 0xFFFF) {
+      const unsigned int ascii = find_ascii(first) | find_ascii(second) << 16;
+      return done + static_cast<std::size_t>(std::countr_one(ascii)) / 2;
+    }
   }
-  if (end - from >= 8) {
-    const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(from));
-    const __m128i is_ascii = _mm_cmpeq_epi16(_mm_and_si128(block, above), zero);
-    const auto ascii =
-        static_cast<unsigned int>(_mm_movemask_epi8(_mm_packs_epi16(is_ascii, zero)));
-    _mm_storel_epi64(reinterpret_cast<__m128i*>(to), _mm_packus_epi16(block, zero));
-    const int run = std::countr_one(ascii);
-    from += run;
-    to += run;
-    if (run != 8) return;
+  while (count >= 8 && done < count) {
+    const std::size_t at = std::min(done, count - 8);
+    const __m128i block = load(at);
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(to + at), _mm_packus_epi16(block, zero));
+    const unsigned int ascii = find_ascii(block);
+    if (ascii != 0xFFFF) return at + static_cast<std::size_t>(std::countr_one(ascii)) / 2;
+    done = at + 8;
   }
 #endif
-  while (from != end && *from < 0x80) *to++ = static_cast<char>(*from++);
+  for (; done != count && from[done] < 0x80; ++done) to[done] = static_cast<char>(from[done]);
+  return done;
 }
 
-// Whether `count` continuation bytes follow the lead at `from`. They are looked at one by one.
-bool IsContinued(const unsigned char* from, const unsigned char* end, int count) {
-  if (end - from <= count) return false;
-  for (int i = 1; i <= count; ++i) {
-    if ((from[i] & 0xC0) != 0x80) return false;
-  }
-  return true;
+bool IsContinuation(unsigned char byte) {
+  return (byte & 0xC0) == 0x80;
 }
 
 // Decodes what stands at `from`, a byte of 0x80 or above. False if it wasn't clean.
@@ -127,19 +134,21 @@ bool DecodeSequence(const char*& text, const char* text_end, char16_t*& to) {
   const auto* from = reinterpret_cast<const unsigned char*>(text);
   const auto* end = reinterpret_cast<const unsigned char*>(text_end);
   const unsigned int lead = from[0];
-  if ((lead & 0xE0) == 0xC0 && IsContinued(from, end, 1)) {
+  if ((lead & 0xE0) == 0xC0 && end - from >= 2 && IsContinuation(from[1])) {
     const unsigned int value = (lead & 0x1F) << 6 | (from[1] & 0x3Fu);
     *to++ = static_cast<char16_t>(value);
     text += 2;
     return value >= 0x80;
   }
-  if ((lead & 0xF0) == 0xE0 && IsContinued(from, end, 2)) {
+  if ((lead & 0xF0) == 0xE0 && end - from >= 3 && IsContinuation(from[1]) &&
+      IsContinuation(from[2])) {
     const unsigned int value = (lead & 0x0F) << 12 | (from[1] & 0x3Fu) << 6 | (from[2] & 0x3Fu);
     *to++ = static_cast<char16_t>(value);
     text += 3;
     return value >= 0x800;
   }
-  if ((lead & 0xF8) == 0xF0 && IsContinued(from, end, 3)) {
+  if ((lead & 0xF8) == 0xF0 && end - from >= 4 && IsContinuation(from[1]) &&
+      IsContinuation(from[2]) && IsContinuation(from[3])) {
     const unsigned int value =
         (lead & 0x07) << 18 | (from[1] & 0x3Fu) << 12 | (from[2] & 0x3Fu) << 6 | (from[3] & 0x3Fu);
     text += 4;
@@ -192,11 +201,22 @@ bool ToUtf8(std::string& out, const char16_t* text, std::size_t length) {
   while (text != end) {
     const char16_t* const stop = text + std::min<std::ptrdiff_t>(end - text, kPiece);
     char* to = buffer;
+    const auto narrow_run = [&] {
+      const std::size_t run = NarrowAsciiRun(text, static_cast<std::size_t>(stop - text), to);
+      text += run;
+      to += run;
+    };
+    narrow_run();
     while (text < stop) {
-      NarrowAsciiRun(text, stop, to);
-      while (text < stop && *text >= 0x80) EncodeUnit(text, end, to);
+      if (*text >= 0x80) {
+        EncodeUnit(text, end, to);
+        continue;
+      }
+      // A blank between two words isn't worth a look at a whole block.
+      *to++ = static_cast<char>(*text++);
+      if (text < stop && *text < 0x80) narrow_run();
     }
-    out.append(buffer, to);
+    out.append(buffer, static_cast<std::size_t>(to - buffer));
   }
   return true;
 }
@@ -212,13 +232,21 @@ bool ToUtf16(String& out, const char* text, std::size_t length) {
   while (text != end) {
     const char* const stop = text + std::min<std::ptrdiff_t>(end - text, kPiece);
     char16_t* to = buffer;
+    const auto widen_run = [&] {
+      const std::size_t run = WidenAsciiRun(text, static_cast<std::size_t>(stop - text), to);
+      text += run;
+      to += run;
+    };
+    widen_run();
     while (text < stop) {
-      WidenAsciiRun(text, stop, to);
-      while (text < stop && static_cast<unsigned char>(*text) >= 0x80) {
+      if (!IsAscii(*text)) {
         clean &= DecodeSequence(text, end, to);
+        continue;
       }
+      *to++ = static_cast<unsigned char>(*text++);
+      if (text < stop && IsAscii(*text)) widen_run();
     }
-    out.append(buffer, to);
+    out.append(buffer, static_cast<std::size_t>(to - buffer));
   }
   return clean;
 }
