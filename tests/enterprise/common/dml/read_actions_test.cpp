@@ -1,0 +1,151 @@
+#include "enterprise/common/dml/read_actions.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <new>
+
+#include "tests/enterprise/common/dml/scripted_post_office.h"
+
+namespace {
+
+// How many allocations of this thread fail next, and how many did.
+thread_local int failures_left = 0;
+thread_local int failures = 0;
+
+}  // namespace
+
+// Seen by the whole test program.
+void* operator new(std::size_t size) {
+  if (failures_left > 0) {
+    --failures_left;
+    ++failures;
+    throw std::bad_alloc();
+  }
+  void* const memory = std::malloc(size != 0 ? size : 1);
+  if (memory == nullptr) throw std::bad_alloc();
+  return memory;
+}
+void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+  std::free(memory);
+}
+
+namespace Dml {
+namespace {
+
+class Told final : public Async::ActionHandler {
+ public:
+  void Completed(Common::Error) override { ++times; }
+  int times = 0;
+};
+
+class ReadActions : public ::testing::Test {
+ protected:
+  ReadActions() {
+    spec_.pattern = MakeUnit(1);
+    spec_.options = MakeUnit(2);
+    // The office gives the reader back with the job that it leaves running.
+    office_.work = [this](std::shared_ptr<ReportReader> reader, Async::ActionHandler& handler) {
+      reader_ = reader;
+      asked_handler_ = &handler;
+      reader.reset();
+      failures_left = fail_next_;
+      return job_;
+    };
+  }
+  ~ReadActions() override { failures_left = 0; }
+
+  std::shared_ptr<Async::Job> PerformReport() {
+    Actions::Report action(entry_point_, spec_, target_, office_);
+    return Perform(action);
+  }
+  std::shared_ptr<Async::Job> Perform(Async::Action& action) {
+    failures = 0;
+    std::shared_ptr<Async::Job> job = action.Perform(handler_);
+    failures_left = 0;
+    return job;
+  }
+
+  const Core::EntryPoint entry_point_{Common::LineTag{77, "some/file", "F", 7}};
+  ViewSpec spec_;
+  NotingReader target_;
+  Told handler_;
+  ScriptedPostOffice office_;
+  std::shared_ptr<TestJob> job_ = std::make_shared<TestJob>();
+  std::weak_ptr<ReportReader> reader_;
+  Async::ActionHandler* asked_handler_ = nullptr;
+  int fail_next_ = 0;
+};
+
+TEST_F(ReadActions, HandTheOfficeWhatTheyWereGiven) {
+  std::unique_ptr<Subscription> subscription;
+  Actions::Subscribe subscribe(entry_point_, spec_, target_, subscription, office_);
+  const std::shared_ptr<Async::Job> job = Perform(subscribe);
+  EXPECT_EQ(office_.asked_entry_point.location, 77u);
+  EXPECT_EQ(office_.asked_entry_point.file, "some/file");
+  EXPECT_EQ(office_.asked_entry_point.line, 7u);
+  EXPECT_EQ(office_.asked_spec.pattern, spec_.pattern);
+  EXPECT_EQ(office_.asked_spec.options, spec_.options);
+  EXPECT_EQ(office_.asked_subscription, &subscription);
+  EXPECT_EQ(asked_handler_, &handler_);
+  EXPECT_EQ(handler_.times, 0);
+  // The reader leads to the caller's one.
+  const Por::SharedUnit unit = MakeUnit(3);
+  reader_.lock()->Read(*unit);
+  EXPECT_EQ(target_.objects, std::vector<const Por::View::Unit*>{unit.get()});
+}
+
+TEST_F(ReadActions, TheJobKeepsItsReaderBeyondTheAction) {
+  std::shared_ptr<Async::Job> job = PerformReport();
+  EXPECT_EQ(job.get(), job_.get());
+  std::weak_ptr<TestJob> plain = job_;
+  job_.reset();
+  EXPECT_FALSE(reader_.expired());
+  EXPECT_FALSE(plain.expired());
+  std::shared_ptr<Async::Job> copy = job;
+  job.reset();
+  EXPECT_FALSE(reader_.expired());
+  copy.reset();
+  EXPECT_TRUE(reader_.expired());
+  EXPECT_TRUE(plain.expired());
+}
+
+TEST_F(ReadActions, WithoutAJobTheEmptyPointerKeepsTheReader) {
+  job_.reset();
+  std::shared_ptr<Async::Job> job = PerformReport();
+  EXPECT_EQ(job.get(), nullptr);
+  EXPECT_FALSE(reader_.expired());
+  job.reset();
+  EXPECT_TRUE(reader_.expired());
+}
+
+TEST_F(ReadActions, TheSeventhFailureToAllocateIsNotTheEnd) {
+  fail_next_ = 7;
+  std::shared_ptr<Async::Job> job = PerformReport();
+  EXPECT_EQ(failures, 7);
+  EXPECT_EQ(job_->cancels, 0);
+  EXPECT_FALSE(reader_.expired());
+  job.reset();
+  EXPECT_TRUE(reader_.expired());
+}
+
+TEST_F(ReadActions, TheEighthFailureToAllocateCancelsTheJob) {
+  fail_next_ = 9;
+  std::shared_ptr<Async::Job> job = PerformReport();
+  EXPECT_EQ(failures, 8);
+  EXPECT_EQ(job.get(), job_.get());
+  EXPECT_EQ(job_->cancels, 1);
+  EXPECT_TRUE(reader_.expired());
+  EXPECT_EQ(job.use_count(), 2);  // the test's and the plain one
+
+  job.reset();
+  job_.reset();  // nothing to cancel
+  EXPECT_EQ(PerformReport(), nullptr);
+  EXPECT_EQ(failures, 8);
+}
+
+}  // namespace
+}  // namespace Dml

@@ -1,0 +1,78 @@
+#include "enterprise/common/dml/safe_invoke.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "tests/enterprise/common/dml/scripted_post_office.h"
+#include "tests/enterprise/common/dml/trace_log.h"
+
+namespace Dml {
+namespace {
+
+TEST(ReadObjects, OneThatRaisesOrIsMissingDoesNotKeepTheOthersBack) {
+  TraceLog log;
+  NotingReader reader;
+  reader.raises_at = 2;
+  const Por::SharedUnit first = MakeUnit(1), second = MakeUnit(2), third = MakeUnit(3);
+  ReadObjects({first, second, nullptr, third}, reader);
+  EXPECT_EQ(reader.objects,
+            (std::vector<const Por::View::Unit*>{first.get(), second.get(), third.get()}));
+  EXPECT_EQ(log.lines, "1 fc 1\n1 fc 1\n");
+}
+
+TEST(GetBaseError, TracesTheCauseBehindItsOwnText) {
+  TraceLog log;
+  GetBaseError(Common::Error(0x1234, "the cause", Common::LineTag{}));
+  EXPECT_EQ(log.last_text.rfind(u"Error 0xfc0001: Exception from callback.\n", 0), 0u);
+  EXPECT_NE(log.last_text.find(u"\n| error 0x1234: the cause\n"), Common::String::npos);
+}
+
+TEST(SafeInvoke, OtherExceptionsPassThrough) {
+  EXPECT_THROW(SafeInvoke([] { throw std::bad_alloc(); }), std::bad_alloc);
+}
+
+class ChangeLog final : public SubscriptionReader {
+ public:
+  void OnCreated(const Por::View::Unit& object) override { Note("created", object, nullptr); }
+  void OnUpdated(const Por::View::Unit& key, const Por::View::Unit& diff) override {
+    Note("updated", key, &diff);
+  }
+  void OnDeleted(const Por::View::Unit& key) override { Note("deleted", key, nullptr); }
+
+  std::string text;
+  const Por::View::Unit* expected_key = nullptr;
+  const Por::View::Unit* expected_diff = nullptr;
+
+ private:
+  void Note(const char* word, const Por::View::Unit& key, const Por::View::Unit* diff) {
+    text += word;
+    text += &key == expected_key && (diff == nullptr || diff == expected_diff) ? " " : "? ";
+  }
+};
+
+TEST(ReadUpdates, CallsTheOperationOfTheKindAndSkipsOthers) {
+  const Por::SharedUnit key = MakeUnit(1), diff = MakeUnit(2);
+  ChangeLog changes;
+  changes.expected_key = key.get();
+  changes.expected_diff = diff.get();
+  TraceLog log;
+  ReadUpdates(
+      {{0, key, nullptr}, {7, key, diff}, {7, nullptr, nullptr}, {1, key, diff}, {2, key, nullptr}},
+      changes);
+  EXPECT_EQ(changes.text, "created updated deleted ");
+  EXPECT_EQ(log.lines, "");
+
+  changes.text.clear();
+  ReadUpdates({{0, nullptr, nullptr},
+               {1, key, nullptr},
+               {1, nullptr, diff},
+               {2, nullptr, nullptr},
+               {2, key, nullptr}},
+              changes);
+  EXPECT_EQ(changes.text, "deleted ");
+  EXPECT_EQ(log.lines, "1 fc 1\n1 fc 1\n1 fc 1\n1 fc 1\n");
+}
+
+}  // namespace
+}  // namespace Dml
