@@ -1,0 +1,82 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "core/common/guid.h"
+#include "core/common/non_copyable.h"
+#include "core/common/string.h"
+#include "platform/store/is_index.h"
+
+// An object store for reading, whatever holds its rows. What a report needs and no more: the rest
+// of the post office is the same for every kind of store.
+
+namespace Platform::Store {
+
+// A row as it is stored. Valid until the next step of its cursor.
+struct StoredObject {
+  long long number = 0;                 // place in the store's order
+  const unsigned char* data = nullptr;  // the object's binary form
+  std::size_t size = 0;
+};
+
+// A walk over objects, in the order in which they first came into the store. All of it sees the
+// store at one moment. One thread at a time.
+class ObjectCursor : public Common::NonCopyable {
+ public:
+  virtual ~ObjectCursor() = default;
+  // False at the end. Throws Common::Error; 0xF90002 when stopped.
+  virtual bool Next(StoredObject& object) = 0;
+};
+
+struct ObjectSummary {
+  Common::Guid id;
+  std::string type;             // UTF-8, may be empty
+  unsigned long long size = 0;  // bytes of the binary form
+};
+
+struct StoreStatistics {
+  struct Type {
+    std::string name;  // UTF-8
+    unsigned long long objects = 0;
+  };
+
+  long long version = 0;
+  unsigned long long objects = 0;
+  unsigned long long bytes = 0;  // of all binary forms
+  // Changes that are still known, by number; the last one is 0 before the first change.
+  unsigned long long changes = 0;
+  long long last_change = 0;
+  // One for each value of an `Is` trait, the most frequent first, equal counts by name.
+  std::vector<Type> types;
+};
+
+// Threads: any, several at once.
+class ObjectStore : public Common::NonCopyable {
+ public:
+  virtual ~ObjectStore() = default;
+  // Where the store is, for messages.
+  virtual const std::string& GetPath() const = 0;
+  // The objects that have all of `demanded` among their `Is` keys; all objects for none. `stop` is
+  // borrowed by the cursor and ends its steps, waits for locks included.
+  virtual std::unique_ptr<ObjectCursor> Select(const std::vector<IsKey>& demanded,
+                                               const std::atomic<bool>& stop) const = 0;
+  // In order.
+  virtual void List(const std::function<void(const ObjectSummary&)>& process) const = 0;
+  virtual StoreStatistics GetStatistics() const = 0;
+};
+
+// Opens an existing store for reading; nothing is created or changed. The connection string is
+// "sqlite:PATH" or a bare path. Throws Common::Error: what SqliteStore says, 0x40007 for a path
+// that holds U+0000.
+std::unique_ptr<ObjectStore> OpenObjectStore(const Common::String& connection_string);
+
+// The path in a connection string of bytes.
+std::string GetStorePath(std::string_view connection_string);
+
+}  // namespace Platform::Store

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <optional>
+
+#include "enterprise/common/async/action.h"
+#include "enterprise/common/async/job.h"
+#include "enterprise/common/dml/reader.h"
+#include "enterprise/common/dml_view_common/view_records.h"
+#include "enterprise/common/por/unit_factory.h"
+#include "platform/store/object_store.h"
+
+namespace Platform::Store {
+
+// One report on a store: row by row, an object is decoded, matched, read and dropped before the
+// next one, so that memory doesn't grow with their number.
+//
+// - An object that can't be decoded is dropped like one whose reader raised.
+// - A pattern that raises ends the report with that error.
+// - Cancel works at any moment; the report ends with 0xF90002 before the next object.
+class ReportJob final : public Async::BaseJob {
+ public:
+  // `reader` may be null; it, `handler` and `factory` are borrowed until the handler is told. At
+  // most `limit` objects are read.
+  ReportJob(std::shared_ptr<const ObjectStore> store, Dml::ViewSpec spec,
+            std::optional<unsigned int> limit, Dml::ReportReader* reader,
+            Async::ActionHandler& handler, const Por::Construction::UnitFactory& factory);
+
+  void Cancel() override { stop_.store(true, std::memory_order_relaxed); }
+
+  // Once, on any thread: reads all and tells the handler. Nothing that was borrowed is touched
+  // after that.
+  void Run();
+
+ private:
+  void ReadAll();
+
+  std::shared_ptr<const ObjectStore> store_;
+  Dml::ViewSpec spec_;
+  const std::optional<unsigned int> limit_;
+  Dml::ReportReader* const reader_;
+  Async::ActionHandler* handler_;
+  const Por::Construction::UnitFactory* const factory_;
+  std::atomic<bool> stop_{false};
+};
+
+}  // namespace Platform::Store

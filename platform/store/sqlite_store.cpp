@@ -1,0 +1,111 @@
+#include "platform/store/sqlite_store.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "platform/store/sqlite_schema.h"
+
+namespace Platform::Store {
+
+namespace {
+
+class SqliteCursor final : public ObjectCursor {
+ public:
+  SqliteCursor(std::unique_ptr<SqliteDatabase> database, const std::vector<IsKey>& demanded)
+      : database_(std::move(database)),
+        demanded_(demanded),
+        statement_(*database_, SqliteStore::MakeSelectQuery(demanded.size()).c_str()) {
+    int place = 1;
+    for (const IsKey& key : demanded_) statement_.BindBlob(place++, key.data(), key.size());
+  }
+
+  bool Next(StoredObject& object) override {
+    if (!statement_.Step()) return false;
+    object.number = statement_.GetInteger(0);
+    object.data = statement_.GetBlob(1, object.size);
+    return true;
+  }
+
+ private:
+  const std::unique_ptr<SqliteDatabase> database_;
+  const std::vector<IsKey> demanded_;
+  SqliteStatement statement_;
+};
+
+}  // namespace
+
+SqliteStore::SqliteStore(std::string path, unsigned int lock_wait_milliseconds)
+    : path_(std::move(path)), lock_wait_milliseconds_(lock_wait_milliseconds) {
+  Open(nullptr);
+}
+
+std::unique_ptr<SqliteDatabase> SqliteStore::Open(const std::atomic<bool>* stop) const {
+  auto database = SqliteDatabase::OpenForReading(path_, {lock_wait_milliseconds_, stop});
+  // One transaction from the check to the last row: what was checked is what is read.
+  database->Execute("BEGIN");
+  CheckSchema(*database);
+  return database;
+}
+
+std::string SqliteStore::MakeSelectQuery(std::size_t count) {
+  if (count == 0) return "SELECT seq, data FROM objects ORDER BY seq";
+  std::string query =
+      "SELECT o.seq, o.data FROM object_is AS i CROSS JOIN objects AS o ON o.seq = i.seq"
+      " WHERE i.value = ?1";
+  for (std::size_t place = 2; place <= count; ++place) {
+    query += " AND EXISTS(SELECT 1 FROM object_is AS x WHERE x.value = ?" + std::to_string(place) +
+             " AND x.seq = i.seq)";
+  }
+  return query + " ORDER BY i.seq";
+}
+
+std::unique_ptr<ObjectCursor> SqliteStore::Select(const std::vector<IsKey>& demanded,
+                                                  const std::atomic<bool>& stop) const {
+  return std::make_unique<SqliteCursor>(Open(&stop), demanded);
+}
+
+void SqliteStore::List(const std::function<void(const ObjectSummary&)>& process) const {
+  const auto database = Open(nullptr);
+  SqliteStatement statement(*database, "SELECT id, type, length(data) FROM objects ORDER BY seq");
+  while (statement.Step()) {
+    ObjectSummary summary;
+    std::size_t size = 0;
+    const unsigned char* id = statement.GetBlob(0, size);
+    std::copy_n(id, std::min(size, summary.id.bytes.size()), summary.id.bytes.begin());
+    summary.type = statement.GetText(1);
+    summary.size = static_cast<unsigned long long>(statement.GetInteger(2));
+    process(summary);
+  }
+}
+
+StoreStatistics SqliteStore::GetStatistics() const {
+  const auto database = Open(nullptr);
+  StoreStatistics result;
+  result.version = kSchemaVersion;
+  SqliteStatement objects(*database, "SELECT count(*), sum(length(data)) FROM objects");
+  if (objects.Step()) {
+    result.objects = static_cast<unsigned long long>(objects.GetInteger(0));
+    result.bytes = static_cast<unsigned long long>(objects.GetInteger(1));
+  }
+  SqliteStatement changes(*database,
+                          "SELECT (SELECT count(*) FROM changes),"
+                          " (SELECT seq FROM sqlite_sequence WHERE name = 'changes')");
+  if (changes.Step()) {
+    result.changes = static_cast<unsigned long long>(changes.GetInteger(0));
+    result.last_change = changes.GetInteger(1);
+  }
+  SqliteStatement types(*database, "SELECT value, count(*) FROM object_is GROUP BY value");
+  while (types.Step()) {
+    std::size_t size = 0;
+    const unsigned char* key = types.GetBlob(0, size);
+    result.types.push_back({DescribeIsKey(IsKey(key, key + size)),
+                            static_cast<unsigned long long>(types.GetInteger(1))});
+  }
+  std::sort(result.types.begin(), result.types.end(),
+            [](const StoreStatistics::Type& a, const StoreStatistics::Type& b) {
+              return a.objects != b.objects ? a.objects > b.objects : a.name < b.name;
+            });
+  return result;
+}
+
+}  // namespace Platform::Store

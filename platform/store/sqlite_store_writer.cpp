@@ -1,0 +1,246 @@
+#include "platform/store/sqlite_store_writer.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "core/common/line_tag.h"
+#include "enterprise/common/dml/get_object_key.h"
+#include "enterprise/common/dml_view_common/view_records.h"
+#include "enterprise/common/por/unit_blob.h"
+#include "platform/store/file_codes.h"
+#include "platform/store/is_index.h"
+#include "platform/store/sqlite_schema.h"
+
+namespace Platform::Store {
+
+namespace {
+
+constexpr Common::SourceFile kSource{"platform/store/sqlite_store_writer"};
+
+// The log is trimmed each time so many changes, or so many bytes, have come on top.
+constexpr long long kTrimStep = 1000;
+constexpr long long kTrimBytes = 1024 * 1024;
+
+// - A log reaches the main file at the last close only, see read_only_vfs.h.
+// - The cache holds the index of identifications, which come in no order, for a million objects.
+constexpr char kWriterPragmas[] =
+    "PRAGMA wal_autocheckpoint = 0;"
+    "PRAGMA synchronous = FULL;"
+    "PRAGMA cache_size = -65536";
+
+// The name is taken first: SQLite itself would open what is there. True if the file is new.
+bool MakeEmptyFile(const std::string& path) {
+  const int descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  if (descriptor >= 0) {
+    ::close(descriptor);
+    return true;
+  }
+  const int errnum = errno;
+  struct stat status {};
+  if (errnum == EEXIST && ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
+      status.st_size == 0) {
+    return false;
+  }
+  throw MakeSystemError(kCreateFailure, path, errnum, kSource.At("MakeEmptyFile", 10));
+}
+
+// All in one transaction, and only in a file that is still empty then.
+void MakeTables(const std::string& path) {
+  const auto database = SqliteDatabase::OpenForWriting(path, {});
+  database->Execute(kCreatePragmas);
+  database->Execute("BEGIN EXCLUSIVE");
+  {
+    SqliteStatement version(*database, "PRAGMA schema_version");
+    if (version.Step() && version.GetInteger(0) != 0) {
+      throw MakeSystemError(kCreateFailure, path, EEXIST, kSource.At("MakeTables", 10));
+    }
+  }
+  database->Execute(kCreateTables);
+  database->Execute(("PRAGMA application_id = " + std::to_string(kApplicationId)).c_str());
+  database->Execute(("PRAGMA user_version = " + std::to_string(kSchemaVersion)).c_str());
+  database->Execute("COMMIT");
+  database->Execute("PRAGMA journal_mode = WAL");
+}
+
+}  // namespace
+
+struct SqliteStoreWriter::Statements {
+  explicit Statements(SqliteDatabase& database)
+      : find(database, "SELECT seq, data FROM objects WHERE id = ?1"),
+        insert(database, "INSERT INTO objects(id, type, data) VALUES(?1, ?2, ?3)"),
+        update(database, "UPDATE objects SET type = ?2, data = ?3 WHERE seq = ?1"),
+        remove(database, "DELETE FROM objects WHERE seq = ?1"),
+        add_is(database, "INSERT INTO object_is(value, seq) VALUES(?1, ?2)"),
+        remove_is(database, "DELETE FROM object_is WHERE seq = ?1"),
+        add_change(database,
+                   "INSERT INTO changes(kind, seq, id, total, before) VALUES(?1, ?2, ?3, ?4, ?5)"),
+        last_total(database, "SELECT total FROM changes ORDER BY number DESC LIMIT 1"),
+        remove_old(database,
+                   "DELETE FROM changes WHERE number <= (SELECT max(number) FROM changes) - ?1"),
+        remove_oldest(database,
+                      "DELETE FROM changes WHERE number = (SELECT min(number) FROM changes)"
+                      " AND total < ?1") {}
+
+  SqliteStatement find;
+  SqliteStatement insert;
+  SqliteStatement update;
+  SqliteStatement remove;
+  SqliteStatement add_is;
+  SqliteStatement remove_is;
+  SqliteStatement add_change;
+  SqliteStatement last_total;
+  SqliteStatement remove_old;
+  SqliteStatement remove_oldest;
+};
+
+void SqliteStoreWriter::Create(const std::string& path) {
+  const bool made = MakeEmptyFile(path);
+  try {
+    MakeTables(path);
+  } catch (const Common::Error&) {
+    if (made) ::unlink(path.c_str());
+    throw;
+  }
+}
+
+SqliteStoreWriter::SqliteStoreWriter(const std::string& path, unsigned int lock_wait_milliseconds)
+    : database_(SqliteDatabase::OpenForWriting(path, {lock_wait_milliseconds, nullptr})) {
+  CheckSchema(*database_);
+  database_->Execute(kWriterPragmas);
+  database_->Execute("PRAGMA journal_mode = WAL");
+  statements_ = std::make_unique<Statements>(*database_);
+}
+
+SqliteStoreWriter::~SqliteStoreWriter() {
+  if (!open_) return;
+  statements_.reset();
+  try {
+    database_->Execute("ROLLBACK");
+  } catch (const Common::Error&) {
+    // Closing drops the changes just as well.
+  }
+}
+
+void SqliteStoreWriter::Begin() {
+  database_->Execute("BEGIN IMMEDIATE");
+  open_ = true;
+  change_bytes_ = statements_->last_total.Step() ? statements_->last_total.GetInteger(0) : 0;
+  statements_->last_total.Reset();
+}
+
+void SqliteStoreWriter::Commit() {
+  TrimChanges();
+  database_->Execute("COMMIT");
+  open_ = false;
+}
+
+SqliteStoreWriter::Outcome SqliteStoreWriter::Put(const Por::View::Unit& object) {
+  const Common::Guid id = Dml::GetKeyGuid(Dml::FindObjectKey(object));
+  Por::Util::WriteUnitBlob(object, data_);
+  const std::string type = GetTypeText(object);
+
+  Statements& run = *statements_;
+  run.find.BindBlob(1, id.bytes.data(), id.bytes.size());
+  const bool exists = run.find.Step();
+  long long number = 0;
+  if (exists) {
+    number = run.find.GetInteger(0);
+    std::size_t size = 0;
+    const unsigned char* data = run.find.GetBlob(1, size);
+    before_.assign(data, data + size);
+  }
+  run.find.Reset();
+  if (exists && before_ == data_) return Outcome::kUnchanged;
+
+  if (exists) {
+    run.update.Bind(1, number);
+    run.update.BindText(2, type);
+    run.update.BindBlob(3, data_.data(), data_.size());
+    run.update.Run();
+    RemoveIsKeys(number);
+  } else {
+    run.insert.BindBlob(1, id.bytes.data(), id.bytes.size());
+    run.insert.BindText(2, type);
+    run.insert.BindBlob(3, data_.data(), data_.size());
+    run.insert.Run();
+    number = database_->GetLastInsertedRow();
+  }
+  AddIsKeys(number, object);
+  if (exists) {
+    AddChange(Dml::ViewManagement::kUpdateUpdated, number, id, before_.data(), before_.size());
+    return Outcome::kUpdated;
+  }
+  AddChange(Dml::ViewManagement::kUpdateCreated, number, id, nullptr, 0);
+  return Outcome::kCreated;
+}
+
+bool SqliteStoreWriter::Delete(const Common::Guid& id) {
+  Statements& run = *statements_;
+  run.find.BindBlob(1, id.bytes.data(), id.bytes.size());
+  if (!run.find.Step()) {
+    run.find.Reset();
+    return false;
+  }
+  const long long number = run.find.GetInteger(0);
+  std::size_t size = 0;
+  const unsigned char* data = run.find.GetBlob(1, size);
+  before_.assign(data, data + size);
+  run.find.Reset();
+  run.remove.Bind(1, number);
+  run.remove.Run();
+  RemoveIsKeys(number);
+  AddChange(Dml::ViewManagement::kUpdateDeleted, number, id, before_.data(), before_.size());
+  return true;
+}
+
+void SqliteStoreWriter::AddIsKeys(long long number, const Por::View::Unit& object) {
+  for (const IsKey& key : GetIsKeys(object)) {
+    statements_->add_is.BindBlob(1, key.data(), key.size());
+    statements_->add_is.Bind(2, number);
+    statements_->add_is.Run();
+  }
+}
+
+void SqliteStoreWriter::RemoveIsKeys(long long number) {
+  statements_->remove_is.Bind(1, number);
+  statements_->remove_is.Run();
+}
+
+void SqliteStoreWriter::AddChange(unsigned int kind, long long number, const Common::Guid& id,
+                                  const unsigned char* before, std::size_t before_size) {
+  const auto bytes = static_cast<long long>(before_size);
+  change_bytes_ += bytes;
+  SqliteStatement& run = statements_->add_change;
+  run.Bind(1, static_cast<long long>(kind));
+  run.Bind(2, number);
+  run.BindBlob(3, id.bytes.data(), id.bytes.size());
+  run.Bind(4, change_bytes_);
+  if (before != nullptr) {
+    run.BindBlob(5, before, before_size);
+  } else {
+    run.BindNull(5);
+  }
+  run.Run();
+  ++untrimmed_changes_;
+  untrimmed_bytes_ += bytes;
+  if (untrimmed_changes_ >= kTrimStep || untrimmed_bytes_ >= kTrimBytes) TrimChanges();
+}
+
+void SqliteStoreWriter::TrimChanges() {
+  if (untrimmed_changes_ == 0) return;
+  SqliteStatement& by_number = statements_->remove_old;
+  by_number.Bind(1, kMaxChanges);
+  by_number.Run();
+  SqliteStatement& by_bytes = statements_->remove_oldest;
+  by_bytes.Bind(1, change_bytes_ - kMaxChangeBytes);
+  do {
+    by_bytes.Run();
+  } while (database_->GetChangedRows() > 0);
+  untrimmed_changes_ = 0;
+  untrimmed_bytes_ = 0;
+}
+
+}  // namespace Platform::Store

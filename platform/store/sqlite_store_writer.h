@@ -1,0 +1,65 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "core/common/guid.h"
+#include "enterprise/common/por/unit.h"
+#include "platform/store/sqlite_database.h"
+
+namespace Platform::Store {
+
+// Fills a store. All changes since Begin come into force together at Commit, or never: a process
+// that dies in between leaves the store as it was. Readers go on meanwhile; a second writer waits.
+// One thread.
+class SqliteStoreWriter : public Common::NonCopyable {
+ public:
+  enum class Outcome { kUnchanged, kCreated, kUpdated };
+
+  // The log of changes keeps at most so many, and behind the oldest of them at most so many bytes
+  // of what was there before.
+  static constexpr long long kMaxChanges = 10000;
+  static constexpr long long kMaxChangeBytes = 16 * 1024 * 1024;
+
+  // Makes an empty store. Throws 0x40013 when there is something at `path`; an empty file is taken
+  // for the rest of a Create that died.
+  static void Create(const std::string& path);
+
+  // Opens an existing store. Throws as SqliteStore does, and 0x40014 or 0x4000C when it can't be
+  // written.
+  explicit SqliteStoreWriter(const std::string& path, unsigned int lock_wait_milliseconds =
+                                                          SqliteDatabase::kLockWaitMilliseconds);
+  // Changes that were not committed are dropped.
+  ~SqliteStoreWriter();
+
+  // Throws 0x40017 when another writer goes on for too long.
+  void Begin();
+  void Commit();
+
+  // Stores an object under its key, in place of the one that has this key. Writes nothing when that
+  // is the same to the byte. Throws 0xFC000A for an object without a key.
+  Outcome Put(const Por::View::Unit& object);
+  // False if there is no such object.
+  bool Delete(const Common::Guid& id);
+
+ private:
+  struct Statements;
+
+  void AddChange(unsigned int kind, long long number, const Common::Guid& id,
+                 const unsigned char* before, std::size_t before_size);
+  void AddIsKeys(long long number, const Por::View::Unit& object);
+  void RemoveIsKeys(long long number);
+  void TrimChanges();
+
+  const std::unique_ptr<SqliteDatabase> database_;
+  std::unique_ptr<Statements> statements_;
+  std::vector<unsigned char> data_;    // kept between calls
+  std::vector<unsigned char> before_;  // likewise
+  long long change_bytes_ = 0;         // `total` of the last change
+  long long untrimmed_changes_ = 0;
+  long long untrimmed_bytes_ = 0;
+  bool open_ = false;
+};
+
+}  // namespace Platform::Store

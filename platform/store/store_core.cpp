@@ -1,0 +1,132 @@
+#include "enterprise/common/dml/store_core.h"
+
+#include <cerrno>
+#include <exception>
+#include <new>
+#include <optional>
+#include <system_error>
+#include <utility>
+
+#include "core/common/line_tag.h"
+#include "enterprise/common/por/unit_helpers.h"
+#include "enterprise/common/por/unit_value_access.h"
+#include "platform/store/file_codes.h"
+#include "platform/store/object_store.h"
+#include "platform/store/report_threads.h"
+
+namespace Platform::Store {
+
+namespace {
+
+constexpr Common::SourceFile kSource{"platform/store/store_core"};
+
+// What the customizer of a store gets to wrap.
+class StoreObject final : public Dml::CoreObject {
+ public:
+  explicit StoreObject(std::shared_ptr<const ObjectStore> store) : store_(std::move(store)) {}
+
+ private:
+  const std::shared_ptr<const ObjectStore> store_;
+};
+
+// The bound on the number of objects that the options hold. Throws when they are no composite, or
+// the bound is no unsigned 32-bit number.
+std::optional<unsigned int> GetLimit(const Por::SharedUnit& options) {
+  if (options == nullptr) return std::nullopt;
+  const Por::View::Property* limit = Por::Util::FindProperty(*options, "LimitOptions");
+  if (limit == nullptr) return std::nullopt;
+  return Por::Util::GetValue<unsigned int>(limit->GetValue());
+}
+
+class StorePostOffice final : public Dml::PostOffice {
+ public:
+  StorePostOffice(std::shared_ptr<const ObjectStore> store,
+                  const Por::Construction::UnitFactory& factory)
+      : store_(std::move(store)), factory_(&factory) {}
+
+  // A store doesn't tell of its changes.
+  std::shared_ptr<Async::Job> Subscribe(const Core::EntryPoint&, const Dml::ViewSpec&,
+                                        std::shared_ptr<Dml::ReportReader>,
+                                        std::unique_ptr<Dml::Subscription>&,
+                                        Async::ActionHandler& handler) override {
+    handler.Completed(MakeFileError(kUnsupportedFailure, store_->GetPath(),
+                                    "A local store has no subscriptions, only reports.",
+                                    kSource.At("Subscribe", 10)));
+    return nullptr;
+  }
+
+  std::shared_ptr<Async::Job> Report(const Core::EntryPoint&, const Dml::ViewSpec& spec,
+                                     std::shared_ptr<Dml::ReportReader> reader,
+                                     Async::ActionHandler& handler) override {
+    Common::Error error;
+    try {
+      auto job = std::make_shared<ReportJob>(store_, spec, GetLimit(spec.options), reader.get(),
+                                             handler, *factory_);
+      threads_.Start(job);
+      return job;
+    } catch (const Common::Error& failure) {
+      error = failure;
+    } catch (const std::system_error& failure) {
+      error = MakeSystemError(kReadFailure, store_->GetPath(), failure.code().value(),
+                              kSource.At("Report", 10));
+    } catch (const std::bad_alloc&) {
+      error = Common::Error::OutOfMemory();
+    }
+    handler.Completed(error);
+    return nullptr;
+  }
+
+ private:
+  const std::shared_ptr<const ObjectStore> store_;
+  const Por::Construction::UnitFactory* const factory_;
+  ReportThreads threads_;
+};
+
+class StoreDispatcher final : public Dml::CoreDispatcher {
+ public:
+  StoreDispatcher(const Common::String& connection_string, Dml::StoreCustomizer* customizer,
+                  const Por::Construction::UnitFactory& factory)
+      : factory_(&factory) {
+    Common::String text = connection_string;
+    if (customizer != nullptr) {
+      if (const auto resolved = customizer->ResolveConnectionString()) text = resolved->GetText();
+    }
+    store_ = OpenObjectStore(text);
+    if (customizer != nullptr) {
+      object_ = customizer->CustomizeStore(std::make_unique<StoreObject>(store_));
+    }
+  }
+  ~StoreDispatcher() override = default;
+
+  std::unique_ptr<Dml::PostOffice> CreatePostOffice() override {
+    return std::make_unique<StorePostOffice>(store_, *factory_);
+  }
+
+ private:
+  const Por::Construction::UnitFactory* const factory_;
+  std::shared_ptr<const ObjectStore> store_;
+  std::unique_ptr<Dml::CoreObject> object_;
+};
+
+}  // namespace
+
+}  // namespace Platform::Store
+
+void DML_Create(const Common::String& connection_string, Dml::StoreCustomizer* customizer,
+                Por::Construction::UnitFactory* factory, Dml::CoreDispatcher** dispatcher,
+                Common::Error& error) {
+  *dispatcher = nullptr;
+  try {
+    *dispatcher = new Platform::Store::StoreDispatcher(connection_string, customizer, *factory);
+  } catch (const Common::Error& failure) {
+    error = failure;
+  } catch (const std::bad_alloc&) {
+    error = Common::Error::OutOfMemory();
+  }
+}
+
+// Nothing stays open between two reports: closing can't fail.
+void DML_Delete(Dml::CoreDispatcher** dispatcher, Common::Error&) {
+  delete static_cast<Platform::Store::StoreDispatcher*>(*dispatcher);
+  *dispatcher = nullptr;
+}

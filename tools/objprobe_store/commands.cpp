@@ -1,0 +1,241 @@
+#include "tools/objprobe_store/commands.h"
+
+#include <fcntl.h>
+#include <strings.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include "core/common/error.h"
+#include "core/common/guid.h"
+#include "core/common/line_tag.h"
+#include "core/common/number_text.h"
+#include "core/common/text.h"
+#include "enterprise/common/dml/get_object_key.h"
+#include "enterprise/common/por/parser/data_reader.h"
+#include "enterprise/common/por/parser/unit_construction_format.h"
+#include "enterprise/common/por/unit_factory.h"
+#include "enterprise/common/por/unit_helpers.h"
+#include "platform/store/file_codes.h"
+#include "platform/store/object_store.h"
+#include "platform/store/sqlite_store.h"
+#include "platform/store/sqlite_store_writer.h"
+#include "tools/objprobe_store/object_generator.h"
+#include "tools/objprobe_store/progress.h"
+
+namespace StoreTool {
+
+namespace {
+
+using Platform::Store::SqliteStore;
+using Platform::Store::SqliteStoreWriter;
+
+constexpr Common::SourceFile kSource{"tools/objprobe_store/commands"};
+constexpr std::size_t kReadSize = 1 << 20;
+
+class FileReader final : public Utils::DataReader {
+ public:
+  explicit FileReader(const std::string& path) : path_(path) {}
+
+  void Read(std::vector<unsigned char>& bytes) override {
+    bytes.clear();
+    const int descriptor = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC);
+    if (descriptor < 0) {
+      throw Platform::Store::MakeSystemError(Platform::Store::kOpenFailure, path_, errno,
+                                             kSource.At("Read", 10));
+    }
+    std::size_t size = 0;
+    ssize_t count = 0;
+    do {
+      bytes.resize(size + kReadSize);
+      do {
+        count = ::read(descriptor, bytes.data() + size, kReadSize);
+      } while (count < 0 && errno == EINTR);
+      if (count > 0) size += static_cast<std::size_t>(count);
+    } while (count > 0);
+    const int errnum = errno;
+    ::close(descriptor);
+    if (count < 0) {
+      throw Platform::Store::MakeSystemError(Platform::Store::kReadFailure, path_, errnum,
+                                             kSource.At("Read", 20));
+    }
+    bytes.resize(size);
+  }
+
+ private:
+  const std::string path_;
+};
+
+std::string ToText(const Common::Error& error) {
+  std::string text;
+  const Common::String wide = error.ToString();
+  Common::ToUtf8(text, wide.c_str(), wide.size());
+  return text;
+}
+
+// The unit in a file of unit text.
+Por::OwnedUnit ReadUnit(const std::string& file) {
+  FileReader reader(file);
+  Utils::UnitConstructionFormat format;
+  format.SetTrace(false);
+  Por::OwnedUnit unit;
+  try {
+    unit = format.Read(reader, *Por::GetStaticUnitFactory());
+  } catch (const Common::Error& error) {
+    throw CommandFailure(file + ": " + ToText(error));
+  }
+  if (unit == nullptr) throw CommandFailure(file + ": There is no object in the file.");
+  return unit;
+}
+
+// A store that is being changed, and what came of it so far.
+class Change {
+ public:
+  explicit Change(const std::string& store) : writer_(Platform::Store::GetStorePath(store)) {
+    writer_.Begin();
+  }
+
+  void Put(const Por::View::Unit& object) {
+    switch (writer_.Put(object)) {
+      case SqliteStoreWriter::Outcome::kCreated:
+        ++created_;
+        break;
+      case SqliteStoreWriter::Outcome::kUpdated:
+        ++updated_;
+        break;
+      case SqliteStoreWriter::Outcome::kUnchanged:
+        ++unchanged_;
+        break;
+    }
+  }
+
+  void CommitAndPrint() {
+    writer_.Commit();
+    std::printf("%llu created, %llu updated, %llu unchanged\n", created_, updated_, unchanged_);
+  }
+
+ private:
+  SqliteStoreWriter writer_;
+  unsigned long long created_ = 0;
+  unsigned long long updated_ = 0;
+  unsigned long long unchanged_ = 0;
+};
+
+void ImportFile(Change& change, const std::string& file, Progress& progress) {
+  const Por::OwnedUnit root = ReadUnit(file);
+  if (!Por::Util::IsArray(*root)) {
+    try {
+      change.Put(*root);
+    } catch (const Common::Error& error) {
+      throw CommandFailure(file + ": " + ToText(error));
+    }
+    progress.Add();
+    return;
+  }
+  const unsigned long long count = Por::Util::GetArraySize(*root);
+  for (unsigned long long i = 0; i < count; ++i) {
+    const Por::View::Unit& object =
+        *Por::Util::GetArrayElement(static_cast<const Por::View::Unit&>(*root), i);
+    try {
+      change.Put(object);
+    } catch (const Common::Error& error) {
+      throw CommandFailure(file + ", object " + std::to_string(i + 1) + " of " +
+                           std::to_string(count) + ": " + ToText(error));
+    }
+    progress.Add();
+  }
+}
+
+// GuidFromString takes less than the whole text.
+bool ParseId(Common::Guid& id, const std::string& text) {
+  return Common::GuidFromString(id, text.c_str()) &&
+         ::strcasecmp(Common::GuidToString(id).c_str(), text.c_str()) == 0;
+}
+
+// One field of a line of output.
+std::string MakePrintable(std::string text) {
+  for (char& c : text) {
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = '?';
+  }
+  return text;
+}
+
+}  // namespace
+
+void Create(const std::string& store) {
+  SqliteStoreWriter::Create(Platform::Store::GetStorePath(store));
+}
+
+void Import(const std::string& store, const std::vector<std::string>& files) {
+  Change change(store);
+  Progress progress(0);
+  for (const std::string& file : files) ImportFile(change, file, progress);
+  progress.Finish();
+  change.CommitAndPrint();
+}
+
+void Put(const std::string& store, const std::string& file) {
+  const Por::OwnedUnit object = ReadUnit(file);
+  if (Por::Util::IsArray(*object)) {
+    throw CommandFailure(file + ": The file holds an array. Use \"import\" for its objects.");
+  }
+  std::string id;
+  try {
+    const Common::String key = Dml::GetObjectKey(*object);
+    Common::ToUtf8(id, key.c_str(), key.size());
+  } catch (const Common::Error& error) {
+    throw CommandFailure(file + ": " + ToText(error));
+  }
+  SqliteStoreWriter writer(Platform::Store::GetStorePath(store));
+  writer.Begin();
+  writer.Put(*object);
+  writer.Commit();
+  std::printf("%s\n", id.c_str());
+}
+
+void Delete(const std::string& store, const std::string& id) {
+  Common::Guid guid;
+  if (!ParseId(guid, id)) {
+    throw CommandFailure("\"" + id +
+                         "\" is no identification; one looks like "
+                         "01234567-89AB-CDEF-0123-456789ABCDEF.");
+  }
+  SqliteStoreWriter writer(Platform::Store::GetStorePath(store));
+  writer.Begin();
+  if (!writer.Delete(guid)) throw CommandFailure("The store holds no object " + id + ".");
+  writer.Commit();
+}
+
+void List(const std::string& store) {
+  const SqliteStore opened(Platform::Store::GetStorePath(store));
+  opened.List([](const Platform::Store::ObjectSummary& object) {
+    std::printf("%s\t%s\t%llu\n", Common::GuidToString(object.id).c_str(),
+                MakePrintable(object.type).c_str(), object.size);
+  });
+}
+
+void PrintStatistics(const std::string& store) {
+  const SqliteStore opened(Platform::Store::GetStorePath(store));
+  const Platform::Store::StoreStatistics statistics = opened.GetStatistics();
+  std::printf("version\t%lld\nobjects\t%llu\nbytes\t%llu\nchanges\t%llu\nlast change\t%lld\n",
+              statistics.version, statistics.objects, statistics.bytes, statistics.changes,
+              statistics.last_change);
+  for (const Platform::Store::StoreStatistics::Type& type : statistics.types) {
+    std::printf("type\t%s\t%llu\n", MakePrintable(type.name).c_str(), type.objects);
+  }
+}
+
+void Generate(const std::string& store, std::uint64_t count, std::uint64_t seed) {
+  const ObjectGenerator generator(seed, *Por::GetStaticUnitFactory());
+  Change change(store);
+  Progress progress(count);
+  for (std::uint64_t i = 0; i < count; ++i) {
+    change.Put(*generator.Make(i));
+    progress.Add();
+  }
+  progress.Finish();
+  change.CommitAndPrint();
+}
+
+}  // namespace StoreTool

@@ -1,0 +1,100 @@
+// objprobe-store: fills and inspects object stores.
+//
+// Exit status: 0 done, 1 failed, 2 wrong command line. Failures are told on standard error.
+
+#include <CLI/CLI.hpp>
+#include <cstdint>
+#include <cstdio>
+#include <exception>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "core/common/error.h"
+#include "core/common/text.h"
+#include "tools/objprobe_store/commands.h"
+
+namespace {
+
+constexpr int kFailed = 1;
+constexpr int kWrongUsage = 2;
+
+int Fail(const std::string& text) {
+  std::fflush(stdout);
+  std::fprintf(stderr, "objprobe-store: %s\n", text.c_str());
+  return kFailed;
+}
+
+template <class Command>
+int Run(Command&& command) {
+  try {
+    command();
+  } catch (const Common::Error& error) {
+    std::string text;
+    const Common::String wide = error.ToString();
+    Common::ToUtf8(text, wide.c_str(), wide.size());
+    return Fail(text);
+  } catch (const StoreTool::CommandFailure& failure) {
+    return Fail(failure.what());
+  } catch (const std::bad_alloc&) {
+    return Fail("Not enough memory to complete the operation.");
+  }
+  if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+    return Fail("Error occurred while writing to standard output.");
+  }
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app("Fills and inspects object stores.\nSTORE is \"sqlite:PATH\" or a path.",
+               "objprobe-store");
+  app.require_subcommand(1);
+  std::string store;
+  std::string file;
+  std::vector<std::string> files;
+  std::string id;
+  std::uint64_t count = 0;
+  std::uint64_t seed = 1;
+
+  const auto add_command = [&](const char* name, const char* description) {
+    CLI::App* command = app.add_subcommand(name, description);
+    command->add_option("STORE", store, "The store: \"sqlite:PATH\" or a path")->required();
+    return command;
+  };
+  const CLI::App* create = add_command("create", "Make an empty store; nothing may be there yet");
+  CLI::App* import = add_command(
+      "import",
+      "Store the objects of unit text files, all or none. The root of a file is one object or an\n"
+      "array of objects. An object whose key is stored already takes the place of the old one.\n"
+      "A file is read as a whole, at about ten times its size in memory");
+  import->add_option("FILE", files, "Files of unit text")->required();
+  CLI::App* put = add_command("put", "Store the one object of a file and print its identification");
+  put->add_option("FILE", file, "A file of unit text")->required();
+  CLI::App* remove = add_command("delete", "Remove an object");
+  remove->add_option("ID", id, "The identification, as \"list\" prints it")->required();
+  const CLI::App* list =
+      add_command("list", "Print a line for each object: identification, types, bytes");
+  const CLI::App* stats = add_command("stats", "Print counts of objects, bytes, changes and types");
+  CLI::App* generate =
+      add_command("generate", "Store made-up objects of a backup service, all or none");
+  generate->add_option("COUNT", count, "How many")->required();
+  generate->add_option("--seed", seed, "Equal seeds give equal objects")->capture_default_str();
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : kWrongUsage;
+  }
+
+  return Run([&] {
+    if (create->parsed()) StoreTool::Create(store);
+    if (import->parsed()) StoreTool::Import(store, files);
+    if (put->parsed()) StoreTool::Put(store, file);
+    if (remove->parsed()) StoreTool::Delete(store, id);
+    if (list->parsed()) StoreTool::List(store);
+    if (stats->parsed()) StoreTool::PrintStatistics(store);
+    if (generate->parsed()) StoreTool::Generate(store, count, seed);
+  });
+}
