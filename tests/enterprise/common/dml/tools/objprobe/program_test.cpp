@@ -1,0 +1,152 @@
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "tests/enterprise/common/dml/tools/objprobe/run_program.h"
+
+// Runs the program as its users do and compares all it prints.
+
+namespace ObjProbe {
+namespace {
+
+using Words = std::vector<std::string>;
+
+ProgramResult RunObjprobe(Words words, Sink sink = Sink::kPipe) {
+  words.insert(words.begin(), "objprobe");
+  return RunProgram(OBJPROBE_PROGRAM, words, sink);
+}
+
+constexpr char kUsage[] =
+    "Usage: objprobe.exe <hostname> <user> <password> <service> <query>\n"
+    "Where: <service> - HUB | VLT | AGT | DML | DB\n"
+    "       <query> - <object_type>\n"
+    "               | pattern <pattern> [options <options>]\n"
+    "               | pattern_file <filename> [options_file <filename>] [report]\n";
+
+TEST(RefusedCommandLine, ShowsWhatWasFoundAndTheUsage) {
+  const struct {
+    Words words;
+    const char* text;
+  } cases[] = {
+      {{}, ",,,,,,,,,.\ncode: 1\n"},
+      {{"a"}, "a,,,,,,,,,.\ncode: 1\n"},
+      {{"h", "u"}, "h,u,,,,,,,,.\ncode: 1\n"},
+      {{"h", "u", "p"}, "h,u,p,,,,,,,.\ncode: 1\n"},
+      {{"h", "u", "p", "DML"}, "h,u,p,DML,,,,,,.\ncode: 1\n"},
+      {{"h", "u", "p", "DML", "report"}, "h,u,p,DML,,,,,,report.\ncode: 1\n"},
+      {{"report"}, ",,,,,,,,,report.\ncode: 1\n"},
+      {{"h", "u", "p", "xyz", "t"}, "h,u,p,,,,,,,.\ncode: 2\n"},
+      {{"h", "u", "p", "RACK", "t"}, "h,u,p,,,,,,,.\ncode: 2\n"},
+      {{"h", "u", "p", "", "t"}, "h,u,p,,,,,,,.\ncode: 2\n"},
+      {{"h", "u", "p",
+        "H\xC3\x9C"
+        "B",
+        "t"},
+       "h,u,p,,,,,,,.\ncode: 2\n"},
+      {{"h", "u", "p", "dml", "pattern"}, "h,u,p,DML,,,,,,.\ncode: 1\n"},
+      {{"h", "u", "p", "dml", "pattern_file", "report"}, "h,u,p,DML,,,,,,report.\ncode: 1\n"},
+      {{"h", "u", "p", "DML", "pattern", "X", "options"}, "h,u,p,DML,,X,,,,.\ncode: 1\n"},
+      {{"h", "u", "p", "DML", "pattern", "X", "options", "report"},
+       "h,u,p,DML,,X,,,,report.\ncode: 1\n"},
+      {{"h", "u", "p", "DML", "pattern_file", "F", "options_file"}, "h,u,p,DML,,,F,,,.\ncode: 1\n"},
+      {{"a,b", "\xFF\n", "p w"}, "a,b,\xFF\n,p w,,,,,,,.\ncode: 1\n"},
+  };
+  for (const auto& c : cases) {
+    const ProgramResult result = RunObjprobe(c.words);
+    EXPECT_EQ(result.out, std::string(c.text) + kUsage);
+    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(result.status, 0);
+  }
+  // The name of the program counts as the last argument too.
+  EXPECT_EQ(RunProgram(OBJPROBE_PROGRAM, {"report"}).out,
+            std::string(",,,,,,,,,report.\ncode: 1\n") + kUsage);
+  EXPECT_EQ(RunProgram(OBJPROBE_PROGRAM, {}).out, std::string(",,,,,,,,,.\ncode: 1\n") + kUsage);
+}
+
+// The text without the numbers of source places, which say nothing to a user.
+std::string WithoutPlaces(const std::string& text) {
+  std::string plain = std::regex_replace(text, std::regex("\\| line: 0x[0-9a-f]+\n"), "| line\n");
+  return std::regex_replace(plain, std::regex("(\\| file: [a-z/_]+):[0-9]+\n"), "$1\n");
+}
+
+TEST(FailedQuery, PrintsItsErrorBehindTheEchoAndExitsWithItsCode) {
+  const std::string no_services =
+      "Error 0x3: Connections to services are not supported by this build.\n| line\n";
+  const std::string no_files = "Error 0x1: Query files are not supported by this build.\n| line\n";
+  const struct {
+    Words query;
+    std::string text;  // the beginning
+    int status;
+  } cases[] = {
+      {{"t"}, no_services, 3},
+      {{"t", "report"}, no_services, 3},
+      {{"pattern", ".Composite().End()"}, "Interpret trace: .Composite().End()\n" + no_services, 3},
+      // Options go first, whatever the order of evaluation would be.
+      {{"pattern", ".Nil().End()", "options", ".DWord(7).End()"},
+       "Interpret trace: .Dword(7).End()\nInterpret trace: .Nil().End()\n" + no_services,
+       3},
+      {{"pattern", "Foo(", "options", "Bar("},
+       "Interpret trace: Error 0x6: Statement 'Bar' is unknown.\n| line\n",
+       6},
+      {{"pattern", "Foo(", "options", " "},
+       "Interpret trace: \nInterpret trace: Error 0x6: Statement 'Foo' is unknown.\n| line\n",
+       6},
+      {{"pattern", ".Composite().Property(\"a\""},
+       "Interpret trace: .Composite().Property(\"a\")Error 0x1: Input is over!\n| line\n",
+       1},
+      {{"pattern", ".Boolean"},
+       "Interpret trace: Error 0x2: Expected symbol is not found!\n| line\n",
+       2},
+      {{"pattern", ".Byte(x)"},
+       "Interpret trace: .Byte('undefined')Error 0x3: Cannot convert 'x' to qword.\n| line\n",
+       3},
+      {{"pattern", ".Guid(x)"},
+       "Interpret trace: .Guid('undefined')Error 0x7: Cannot convert 'x' to Common::Guid.\n| "
+       "line\n",
+       7},
+      // The options file is not consulted beside a pattern.
+      {{"pattern", " ", "options_file", "/nowhere"}, "Interpret trace: \n" + no_services, 3},
+      {{"pattern_file", "/nowhere"}, no_files, 1},
+      {{"pattern_file", "", "options_file", "/nowhere"}, no_files, 1},
+      // Options beside a file are not read, and an empty name is no file.
+      {{"pattern_file", "", "options", "Foo("}, no_services, 3},
+      {{"pattern", "", "options", "Foo("}, no_services, 3},
+      {{""}, no_services, 3},
+  };
+  for (const auto& c : cases) {
+    Words words = {"h", "u", "p", "hub"};
+    words.insert(words.end(), c.query.begin(), c.query.end());
+    const ProgramResult result = RunObjprobe(words);
+    EXPECT_EQ(WithoutPlaces(result.out).substr(0, c.text.size()), c.text);
+    EXPECT_EQ(result.out.back(), '\n');
+    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(result.status, c.status);
+  }
+}
+
+TEST(FailedQuery, PrintsTheWholeError) {
+  const ProgramResult result = RunObjprobe({"h", "u", "p", "HUB", "t"});
+  EXPECT_EQ(WithoutPlaces(result.out),
+            "Error 0x3: Connections to services are not supported by this build.\n"
+            "| line\n"
+            "| file: enterprise/common/dml/tools/objprobe/main\n"
+            "| function: CreateRemotePostOffice\n"
+            "| $module: objprobe_lxa64_43267\n");
+}
+
+TEST(Output, AnUnusableStandardOutputEndsTheProgramInOrder) {
+  const ProgramResult closed = RunObjprobe({"a"}, Sink::kClosedPipe);
+  EXPECT_EQ(closed.status, 141);
+  EXPECT_EQ(closed.err, "");
+  const ProgramResult full = RunObjprobe({"a"}, Sink::kFull);
+  EXPECT_EQ(full.status, 74);
+  EXPECT_EQ(full.err, "objprobe: cannot write to standard output: No space left on device\n");
+  const ProgramResult none = RunObjprobe({"a"}, Sink::kNone);
+  EXPECT_EQ(none.status, 74);
+  EXPECT_EQ(none.err, "objprobe: cannot write to standard output: Bad file descriptor\n");
+}
+
+}  // namespace
+}  // namespace ObjProbe
