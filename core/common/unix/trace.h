@@ -21,8 +21,7 @@ class TraceSink {
   virtual void Write(unsigned int level, std::uint32_t module, std::uint32_t code,
                      const char16_t* text) = 0;
 
- protected:
-  ~TraceSink() = default;
+  virtual ~TraceSink() = default;
 };
 
 // Sends a text to the sinks whose level allows it. A level below the threshold is dropped. Without

@@ -1,0 +1,194 @@
+// A process of its own for tests of what is settled once per process. The first argument names
+// what to do; "went on" is printed when the process lives on.
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <new>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <thread>
+
+#include "core/common/unix/event.h"
+#include "core/common/unix/program_path.h"
+#include "core/common/unix/safe_assert.h"
+#include "core/common/unix/safe_close.h"
+#include "core/common/unix/tls.h"
+#include "core/common/unix/trace.h"
+
+namespace {
+bool assert_when_environment_is_read = false;
+}
+
+// Stands before the C library's: lets an assertion fail while the settings are being read.
+extern "C" char* getenv(const char* name) noexcept {
+  if (assert_when_environment_is_read && std::strcmp(name, "VELORIN_SAFE_ASSERT") == 0) {
+    Common::SafeAssert("inner", "getenv.cpp", 1);
+  }
+  const std::size_t size = std::strlen(name);
+  for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
+    if (std::strncmp(*entry, name, size) == 0 && (*entry)[size] == '=') return *entry + size + 1;
+  }
+  return nullptr;
+}
+
+// Visible functions, so that the stack names them.
+namespace Probe {
+
+[[gnu::noinline]] void Violate(const char* expression) {
+  Common::SafeAssert(expression, "probe.cpp", 7);
+  asm volatile("" : : : "memory");  // no tail call
+}
+
+[[gnu::noinline]] int CountAndFail(int& evaluations) {
+  return ++evaluations * 0;
+}
+
+}  // namespace Probe
+
+namespace {
+
+// Prints what is traced, one line each; line feeds within as "|".
+class PrintingSink : public Common::TraceSink {
+ public:
+  explicit PrintingSink(bool asserts) : asserts_(asserts) {}
+  unsigned int GetLevel() const override { return 0; }
+  void Write(unsigned int, std::uint32_t, std::uint32_t, const char*) override {
+    std::printf("narrow\n");
+  }
+  void Write(unsigned int level, std::uint32_t module, std::uint32_t code,
+             const char16_t* text) override {
+    std::printf("%u %u %u ", level, module, code);
+    for (; *text != 0; ++text) std::printf("%c", *text == '\n' ? '|' : static_cast<char>(*text));
+    std::printf("\n");
+    if (asserts_) Probe::Violate("in sink");
+  }
+
+ private:
+  bool asserts_;
+};
+
+// Whether a thread of this process sleeps in the kernel.
+bool IsAsleep(long thread) {
+  std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+  std::stringstream text;
+  text << file.rdbuf();
+  const std::string stat = text.str();
+  const std::size_t end_of_name = stat.rfind(") ");
+  return end_of_name != std::string::npos && stat.compare(end_of_name + 2, 1, "S") == 0;
+}
+
+void DestroyEventBeingWaitedFor() {
+  alignas(Common::Event) static unsigned char storage[sizeof(Common::Event)];
+  auto* const event = new (storage) Common::Event(false, false);
+  std::atomic<long> waiter{0};
+  std::thread([event, &waiter] {
+    waiter = syscall(SYS_gettid);
+    event->Wait();
+  }).detach();
+  while (waiter == 0 || !IsAsleep(waiter)) std::this_thread::yield();
+  event->~Event();
+}
+
+void UnlockFromOtherThread() {
+  Common::Mutex mutex;
+  mutex.Lock();
+  std::thread([&mutex] { mutex.Unlock(); }).join();
+  mutex.Unlock();
+}
+
+void UseNoSlot() {
+  std::printf("%d\n", Common::Tls::Free(Common::Tls::OUT_OF_INDEXES));
+  std::printf("%d\n", Common::Tls::Get(Common::Tls::OUT_OF_INDEXES) != nullptr);
+  std::printf("%d\n", Common::Tls::Set(Common::Tls::OUT_OF_INDEXES, &environ));
+}
+
+void CloseTwice() {
+  const int descriptor = open("/dev/null", O_RDONLY);
+  std::printf("%d\n", Common::SafeClose(descriptor));
+  const int result = Common::SafeClose(descriptor);
+  std::printf("%d %d\n", result, errno == EBADF);
+}
+
+void CloseFullFile() {
+  std::FILE* const file = std::fopen("/dev/full", "w");
+  std::fputs("text", file);
+  const int result = Common::SafeFClose(file);
+  std::printf("%d %d\n", result, errno == ENOSPC);
+}
+
+// As another static initialiser sees it, whichever of the two files starts first.
+const std::string path_at_start = Common::GetProgramPath();
+
+int Run(std::string_view what, const char* argument) {
+  if (what == "assert") {
+    Probe::Violate(argument);
+  } else if (what == "macro") {
+    int evaluations = 0;
+    errno = EDOM;
+    SAFE_ASSERT(Probe::CountAndFail(evaluations) == 1);
+    std::printf("%d %d\n", evaluations, errno == EDOM);
+    SAFE_ASSERT(evaluations == 1);
+  } else if (what == "error") {
+    Common::SafeAssertError(ENOENT, "probe.cpp", 9, argument);
+  } else if (what == "error-without-message") {
+    Common::SafeAssertError(ENOENT, "probe.cpp", 9, nullptr);
+  } else if (what == "twice") {
+    Probe::Violate("first");
+    setenv("VELORIN_SAFE_ASSERT", "abort", 1);
+    Probe::Violate("second");
+  } else if (what == "while-reading") {
+    assert_when_environment_is_read = true;
+    Probe::Violate("outer");
+  } else if (what == "at-exit") {
+    std::atexit([] { Probe::Violate("late"); });
+    Probe::Violate("early");
+  } else if (what == "event" || what == "event-asserts") {
+    static PrintingSink sink(what == "event-asserts");
+    Common::RegisterTraceSink(sink);
+    Probe::Violate(argument);
+  } else if (what == "destroy-event") {
+    DestroyEventBeingWaitedFor();
+    std::printf("went on\n");
+    std::fflush(stdout);
+    _exit(0);  // the waiter is still there
+  } else if (what == "unlock") {
+    UnlockFromOtherThread();
+  } else if (what == "no-slot") {
+    UseNoSlot();
+  } else if (what == "close-twice") {
+    CloseTwice();
+  } else if (what == "close-full") {
+    CloseFullFile();
+  } else if (what == "path") {
+    const std::string path = Common::GetProgramPath();
+    std::printf("%s\n%s\n%d\n", path.c_str(), Common::GetProgramName().c_str(),
+                path == path_at_start);
+  } else if (what == "path-in-removed-folder") {
+    char folder[] = "/tmp/core_common_unix_XXXXXX";
+    if (mkdtemp(folder) == nullptr || chdir(folder) != 0 || rmdir(folder) != 0) return 2;
+    std::printf("%s\n%s\n", Common::GetProgramPath().c_str(), Common::GetProgramName().c_str());
+  } else {
+    return 2;
+  }
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  alarm(60);
+  if (argc < 2) return 2;
+  const int result = Run(argv[1], argc > 2 ? argv[2] : "");
+  if (result == 0) std::printf("went on\n");
+  return result;
+}
