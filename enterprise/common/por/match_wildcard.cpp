@@ -94,7 +94,9 @@ bool MatchWildcard(std::u16string_view text, std::u16string_view pattern, char16
     if (place == kNone) return false;
     text.remove_prefix(place + part.size());
   }
-  // The tail, too, keeps the leftmost place it finds, be there one further right at the end.
+  // The tail, too, keeps the leftmost place it finds, be there one further right at the end. The
+  // parts before it may have left less than its size.
+  if (text.size() < tail.size()) return false;
   return tail.empty() || FindPart(text, tail, one_char) == text.size() - tail.size();
 }
 

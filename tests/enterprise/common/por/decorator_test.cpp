@@ -1,0 +1,159 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "enterprise/common/por/exclude_trait_unit.h"
+#include "enterprise/common/por/property_removing_unit_decorator.h"
+#include "enterprise/common/por/unit_operations.h"
+#include "enterprise/common/por/unit_value_access.h"
+#include "enterprise/common/por/value.h"
+#include "tests/enterprise/common/por/allocation_count.h"
+#include "tests/enterprise/common/por/make_unit.h"
+
+namespace Por::Test {
+namespace {
+
+std::string TraitNames(const View::Traits& traits) {
+  std::string names;
+  auto processor = MakeProcessor<const View::Trait>([&](const View::Trait& trait) {
+    names += trait.GetName().GetText();
+    names += ' ';
+  });
+  traits.ForEach(processor);
+  return names;
+}
+
+// Calls the function with the composite that the unit shows.
+template <class Function>
+void OnComposite(const View::Unit& unit, Function function) {
+  class Visitor final : public View::NullVisitor {
+   public:
+    using View::NullVisitor::Visit;
+    explicit Visitor(Function& function) : function_(function) {}
+    void Visit(const View::CompositeValue& value) override {
+      visited = true;
+      function_(value);
+    }
+    bool visited = false;
+
+   private:
+    Function& function_;
+  } visitor(function);
+  unit.Accept(visitor);
+  EXPECT_TRUE(visitor.visited);
+}
+
+// The names that a walk and an iterator show; both must agree.
+std::string PropertyNames(const View::Unit& unit) {
+  std::string walked, iterated;
+  OnComposite(unit, [&](const View::CompositeValue& composite) {
+    auto processor = MakeProcessor<const View::Property>(
+        [&](const View::Property& property) { walked += property.GetName().GetText(); });
+    composite.ForEach(processor);
+    auto iterator = composite.GetIterator();
+    for (; iterator.IsValid(); iterator.Advance()) {
+      iterated += iterator.Current().GetName().GetText();
+    }
+    iterator.Advance();
+    EXPECT_FALSE(iterator.IsValid());
+  });
+  EXPECT_EQ(walked, iterated);
+  return walked;
+}
+
+TEST(ExcludeTraitUnit, HidesTheTraitsOfOneName) {
+  const OwnedUnit unit =
+      With(With(With(DWord(7), "Id", DWord(1)), "Id", DWord(2)), "Kind", DWord(3));
+  const View::ExcludeTraitUnit view(*unit, "Id");
+  EXPECT_EQ(TraitNames(view.GetTraits()), "Kind ");
+  EXPECT_FALSE(Util::HasTrait(view, "Id"));
+  EXPECT_TRUE(Util::HasTrait(view, "Kind"));
+  EXPECT_EQ(Util::GetValue<unsigned int>(view), 7u);
+  EXPECT_TRUE(Util::UnitEqual(view, *With(DWord(7), "Kind", DWord(3))));
+  // A processor still stops the walk.
+  int calls = 0;
+  auto stopping = MakeProcessor<const View::Trait>([&](const View::Trait&) { return ++calls > 0; });
+  View::ExcludeTraitUnit(*unit, "Kind").GetTraits().ForEach(stopping);
+  EXPECT_EQ(calls, 1);
+}
+
+TEST(ExcludeTraitUnit, Nests) {
+  const OwnedUnit unit = With(With(With(DWord(7), "a", Nil()), "b", Nil()), "c", Nil());
+  const View::ExcludeTraitUnit without_a(*unit, "a");
+  const View::ExcludeTraitUnit without_both(without_a, "c");
+  EXPECT_EQ(TraitNames(without_both.GetTraits()), "b ");
+  EXPECT_FALSE(Util::HasTrait(without_both, "a"));
+  EXPECT_TRUE(
+      Util::UnitEqual(*Util::CopyUnit(without_both, Factory()), *With(DWord(7), "b", Nil())));
+}
+
+TEST(SieveTraits, KeepsOneNameWhenItDoesNotExclude) {
+  const OwnedUnit unit = With(With(DWord(7), "a", Nil()), "b", Nil());
+  const View::SieveTraitsUnit view(*unit, "b", false);
+  EXPECT_EQ(TraitNames(view.GetTraits()), "b ");
+  EXPECT_FALSE(Util::HasTrait(view, "a"));
+  EXPECT_TRUE(Util::HasTrait(view, "b"));
+}
+
+TEST(PropertyRemovingUnitDecorator, HidesThePropertyWhereverItStands) {
+  const OwnedUnit unit = Composite("a", DWord(1), "b", DWord(2), "c", DWord(3));
+  struct Case {
+    Name hidden;
+    const char* shown;
+  };
+  for (const Case& test : {Case{"a", "bc"}, Case{"b", "ac"}, Case{"c", "ab"}, Case{"d", "abc"}}) {
+    const View::PropertyRemovingUnitDecorator view(*unit, test.hidden);
+    EXPECT_EQ(PropertyNames(view), test.shown);
+  }
+  const OwnedUnit alone = Composite("a", DWord(1));
+  EXPECT_EQ(PropertyNames(View::PropertyRemovingUnitDecorator(*alone, "a")), "");
+  EXPECT_EQ(PropertyNames(View::PropertyRemovingUnitDecorator(*Composite(), "a")), "");
+}
+
+TEST(PropertyRemovingUnitDecorator, FindsTheOthersOnly) {
+  const OwnedUnit unit = Composite("Id", DWord(1), "Stamp", DWord(2));
+  const View::PropertyRemovingUnitDecorator view(*unit, "Stamp");
+  int calls = 0;
+  auto count = MakeProcessor<const View::Property>([&](const View::Property&) { ++calls; });
+  OnComposite(view, [&](const View::CompositeValue& composite) {
+    EXPECT_FALSE(composite.Find("Stamp", count));
+    EXPECT_EQ(calls, 0);
+    EXPECT_TRUE(composite.Find("Id", count));
+    EXPECT_FALSE(composite.Find("Other", count));
+    EXPECT_EQ(calls, 1);
+    // The iterator is valid behind the visit, and its copy walks on the same position.
+    auto iterator = composite.GetIterator();
+    auto copy = iterator;
+    copy.Advance();
+    EXPECT_FALSE(iterator.IsValid());
+  });
+}
+
+TEST(PropertyRemovingUnitDecorator, ShowsTheRestUnchanged) {
+  const OwnedUnit scalar = With(DWord(7), "Stamp", DWord(1));
+  const View::PropertyRemovingUnitDecorator scalar_view(*scalar, "Stamp");
+  EXPECT_TRUE(Util::UnitEqual(scalar_view, *scalar)) << "traits of that name stay";
+
+  const OwnedUnit array = Array(Composite("Stamp", DWord(1)));
+  EXPECT_TRUE(Util::UnitEqual(View::PropertyRemovingUnitDecorator(*array, "Stamp"), *array));
+
+  const OwnedUnit deep = Composite("Stamp", DWord(1), "x", Composite("Stamp", DWord(2)));
+  EXPECT_TRUE(Util::UnitEqual(View::PropertyRemovingUnitDecorator(*deep, "Stamp"),
+                              *Composite("x", Composite("Stamp", DWord(2)))))
+      << "only the top is filtered";
+}
+
+TEST(PropertyRemovingUnitDecorator, NestsAndReadsWithoutAllocation) {
+  const OwnedUnit unit = With(Composite("a", DWord(1), "b", DWord(2), "c", DWord(3)), "t", Nil());
+  const OwnedUnit expected = Composite("b", DWord(2));
+  const unsigned long long before = GetAllocationCount();
+  const View::PropertyRemovingUnitDecorator inner(*unit, "a");
+  const View::ExcludeTraitUnit middle(inner, "t");
+  const View::PropertyRemovingUnitDecorator outer(middle, "c");
+  EXPECT_TRUE(Util::UnitEqual(outer, *expected));
+  EXPECT_EQ(GetAllocationCount(), before);
+  EXPECT_EQ(PropertyNames(outer), "b");
+}
+
+}  // namespace
+}  // namespace Por::Test
