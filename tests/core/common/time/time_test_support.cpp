@@ -1,0 +1,58 @@
+#include "tests/core/common/time/time_test_support.h"
+
+#include <gtest/gtest.h>
+#include <unicode/timezone.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <utility>
+
+namespace {
+
+// Central European time without the help of a zone database.
+class Zone : public testing::Environment {
+  void SetUp() override {
+    setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
+    tzset();
+    icu::TimeZone::adoptDefault(icu::TimeZone::createTimeZone("Europe/Berlin"));
+    setenv("VELORIN_SAFE_ASSERT", "event", 1);
+  }
+};
+
+[[maybe_unused]] const testing::Environment* const zone =
+    testing::AddGlobalTestEnvironment(new Zone);
+
+}  // namespace
+
+AssertionTexts::AssertionTexts() {
+  EXPECT_TRUE(Common::RegisterTraceSink(*this));
+}
+
+AssertionTexts::~AssertionTexts() {
+  Common::UnregisterTraceSink(*this);
+}
+
+std::string AssertionTexts::Take() {
+  return std::exchange(texts_, {});
+}
+
+void AssertionTexts::Write(unsigned int, std::uint32_t, std::uint32_t, const char*) {
+  ADD_FAILURE();
+}
+
+void AssertionTexts::Write(unsigned int, std::uint32_t, std::uint32_t, const char16_t* text) {
+  std::string line;
+  for (; *text != 0; ++text) line += static_cast<char>(*text);
+  texts_ += line.substr(0, line.find(", file ")) + "\n";
+}
+
+DefaultLocale::DefaultLocale(const char* name) : before_(icu::Locale::getDefault()) {
+  UErrorCode status = U_ZERO_ERROR;
+  icu::Locale::setDefault(icu::Locale(name), status);
+  EXPECT_EQ(status, U_ZERO_ERROR);
+}
+
+DefaultLocale::~DefaultLocale() {
+  UErrorCode status = U_ZERO_ERROR;
+  icu::Locale::setDefault(before_, status);
+}
