@@ -91,7 +91,7 @@ class JobTransitionTable {
 
   constexpr bool Allows(JobState from, JobState to) const {
     const std::size_t bit = Bit(from, to);
-    return ((bytes[bit / 8] >> (bit % 8)) & 1U) != 0;
+    return ((static_cast<unsigned int>(bytes[bit / 8]) >> (bit % 8)) & 1U) != 0;
   }
 
   std::array<std::uint8_t, 16> bytes{};
