@@ -37,8 +37,9 @@ struct Division {
 };
 
 constexpr Division FloorDivide(std::int64_t number, std::int64_t divisor) {
-  const std::int64_t quotient = number / divisor - (number % divisor < 0 ? 1 : 0);
-  return {quotient, number - quotient * divisor};
+  const Division division{number / divisor, number % divisor};
+  if (division.remainder >= 0) return division;
+  return {division.quotient - 1, division.remainder + divisor};
 }
 
 // Adds to a field with a carry into the next larger unit. The two are divided one by one, so
