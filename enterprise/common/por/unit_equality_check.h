@@ -44,17 +44,19 @@ class EqualityCheck : public Common::NonCopyable {
   };
   static constexpr std::uint32_t kNone = 0xFFFFFFFF;
 
+  // What is marked as not inlined stays out of the frames of the recursion.
+  //
   // False when the two units are seen to differ at once; what is still to be looked at is put on
   // the stack.
-  bool Begin(const View::Unit& a, const View::Unit& b);
+  [[gnu::noinline]] bool Begin(const View::Unit& a, const View::Unit& b);
   // Works off the stack down to `base`.
   bool Finish(std::size_t base);
-  bool ContentsEqual(const View::Unit& a, const View::Unit& b);
+  [[gnu::noinline]] bool ContentsEqual(const View::Unit& a, const View::Unit& b);
   bool TraitsEqual(const View::Unit& a, const View::Unit& b);
   bool AllMatch(Group lefts, Group rights);
   bool GroupsEqual(Group lefts, Group rights);
 
-  Group Collect(const View::Traits& traits);
+  [[gnu::noinline]] Group Collect(const View::Traits& traits);
   // The traits of the first name of `rest`.
   Group FirstGroup(Group rest) const;
   // Sign of the order of the first names of two rests.
@@ -64,7 +66,8 @@ class EqualityCheck : public Common::NonCopyable {
   std::uint32_t FindPartner(Group lefts, Group rights, std::uint32_t index);
   // Whether an unmatched right trait `index` has a partner after all. `partners` is the place in
   // `marks_` of what FindPartner gave for each of `lefts`.
-  bool HasPartner(Group lefts, Group rights, std::uint32_t index, std::size_t partners);
+  [[gnu::noinline]] bool HasPartner(Group lefts, Group rights, std::uint32_t index,
+                                    std::size_t partners);
 
   Por::Detail::SmallStack<Task, 16> tasks_;
   Por::Detail::SmallStack<const View::Trait*, 16> traits_;

@@ -1,0 +1,59 @@
+#include "enterprise/common/por/static_instance.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "enterprise/common/por/unit_factory.h"
+#include "enterprise/common/por/unit_operations.h"
+
+namespace Por::Util {
+namespace {
+
+std::atomic<int> made{0};
+
+OwnedUnit MakeText() {
+  ++made;
+  return GetStaticUnitFactory()->CreateString(u"shared by all threads");
+}
+
+TEST(StaticInstance, GivesAllThreadsTheSameUnit) {
+  constexpr int kThreads = 4;
+  for (int round = 0; round < 200; ++round) {
+    const StaticInstance instance(&MakeText);
+    std::atomic<int> waiting{kThreads};
+    const View::Unit* seen[kThreads] = {};
+    unsigned int kinds[kThreads] = {};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+      threads.emplace_back([&, i] {
+        --waiting;
+        while (waiting != 0) std::this_thread::yield();
+        seen[i] = &instance.Get();
+        kinds[i] = GetValueTypeIndex(*seen[i]);
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+    for (int i = 0; i < kThreads; ++i) {
+      EXPECT_EQ(&instance.Get(), seen[i]);
+      EXPECT_EQ(kStringIndex, kinds[i]);
+    }
+  }
+}
+
+TEST(StaticInstance, MakesTheUnitWhenFirstAskedAndOnce) {
+  made = 0;
+  {
+    const StaticInstance unused(&MakeText);
+    const StaticInstance instance(&MakeText);
+    EXPECT_EQ(0, made);
+    instance.Get();
+    instance.Get();
+  }
+  EXPECT_EQ(1, made);
+}
+
+}  // namespace
+}  // namespace Por::Util

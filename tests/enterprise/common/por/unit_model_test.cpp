@@ -1,0 +1,370 @@
+// Units, their values and faces, the factory, traits, destruction.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "enterprise/common/por/array_value_holder.h"
+#include "enterprise/common/por/composite_value_holder.h"
+#include "enterprise/common/por/item_processor.h"
+#include "enterprise/common/por/module_error.h"
+#include "enterprise/common/por/object.h"
+#include "enterprise/common/por/scalar_value_holder.h"
+#include "enterprise/common/por/unit_operations.h"
+#include "enterprise/common/por/unit_value_access.h"
+#include "enterprise/common/por/value.h"
+#include "tests/enterprise/common/por/allocation_count.h"
+#include "tests/enterprise/common/por/make_unit.h"
+
+namespace Por {
+namespace {
+
+using namespace Por::Test;  // NOLINT: the vocabulary of these tests
+
+unsigned int GetDWord(const View::Unit& unit) {
+  return Util::GetValue<unsigned int>(unit);
+}
+
+// Elements and properties as text: "1 2 3", "a=1 b=2"; traits as "x=1 x=2".
+std::string Show(const View::ArrayValue& array) {
+  std::string text;
+  auto show = MakeProcessor<const View::Unit>(
+      [&](const View::Unit& unit) { text += std::to_string(GetDWord(unit)) + " "; });
+  array.ForEach(show);
+  return text;
+}
+std::string Show(const View::CompositeValue& composite) {
+  std::string text;
+  auto show = MakeProcessor<const View::Property>([&](const View::Property& property) {
+    text +=
+        property.GetName().GetText() + ("=" + std::to_string(GetDWord(property.GetValue()))) + " ";
+  });
+  composite.ForEach(show);
+  return text;
+}
+template <class... Name>
+std::string ShowTraits(const View::Unit& unit, const Name&... name) {
+  std::string text;
+  auto show = MakeProcessor<const View::Trait>([&](const View::Trait& trait) {
+    text += trait.GetName().GetText() + ("=" + std::to_string(GetDWord(trait.GetValue()))) + " ";
+  });
+  unit.GetTraits().ForEach(name..., show);
+  return text;
+}
+
+template <class Function>
+void ExpectModuleError(std::uint32_t code, const char16_t* message, const char* function,
+                       const char* file, std::uint32_t line, Function fail) {
+  try {
+    fail();
+    FAIL() << "nothing was raised";
+  } catch (const ModuleError& error) {
+    EXPECT_EQ(code, error.GetCode());
+    EXPECT_EQ(message, error.GetMessage());
+    EXPECT_STREQ(function, error.GetLineTag().function);
+    EXPECT_STREQ(file, error.GetLineTag().file);
+    EXPECT_EQ(line, error.GetLineTag().line);
+  }
+}
+
+// Counts all visits and those of a dword.
+class VisitCounter final : public View::UnitReader {
+ public:
+#define POR_VISIT(index, Word, Value, Argument)   \
+  void Visit(const View::Value& value) override { \
+    Count(value);                                 \
+  }
+  POR_VALUE_KINDS(POR_VISIT)
+#undef POR_VISIT
+  int all = 0;
+  int dwords = 0;
+
+ private:
+  void Count(const auto&) {
+    ++all;
+  }
+  void Count(const View::ScalarValue<unsigned int>&) {
+    ++all, ++dwords;
+  }
+};
+
+TEST(Unit, GivesOneVisitOfItsKindAndNamesIt) {
+  const struct {
+    OwnedUnit unit;
+    const char16_t* word;
+  } kinds[] = {{Factory().CreateNil(), u"nil"},
+               {Factory().CreateBoolean(true), u"boolean"},
+               {Factory().CreateByte(1), u"byte"},
+               {Factory().CreateSByte(1), u"sbyte"},
+               {Factory().CreateWord(1), u"word"},
+               {Factory().CreateSWord(1), u"sword"},
+               {Factory().CreateDWord(1), u"dword"},
+               {Factory().CreateSDWord(1), u"sdword"},
+               {Factory().CreateQWord(1), u"qword"},
+               {Factory().CreateSQWord(1), u"sqword"},
+               {Factory().CreateDouble(1), u"double"},
+               {Factory().CreateBlob({}), u"blob"},
+               {Factory().CreateGuid({}), u"guid"},
+               {Factory().CreateString(u""), u"string"},
+               {Factory().CreateError({}), u"error"},
+               {Factory().CreateArray(), u"array"},
+               {Factory().CreateComposite(), u"composite"}};
+  for (unsigned int i = 0; i < std::size(kinds); ++i) {
+    EXPECT_EQ(i, Util::GetValueTypeIndex(*kinds[i].unit));
+    EXPECT_EQ(kinds[i].word, Util::GetTypeName(i));
+  }
+  EXPECT_EQ(u"17", Util::GetTypeName(17));
+  EXPECT_EQ(u"4294967295", Util::GetTypeName(0xFFFFFFFF));
+
+  const Object<ScalarValueHolder<unsigned int>> dword(7u);
+  VisitCounter counter;
+  dword.Accept(counter);
+  EXPECT_EQ(1, counter.all);
+  EXPECT_EQ(1, counter.dwords);
+}
+
+TEST(Unit, CostsOneAllocationForAScalarAndNoneForAVisit) {
+  const auto before = GetAllocationCount();
+  const OwnedUnit dword = DWord(5);
+  const OwnedUnit array = Factory().CreateArray();
+  const OwnedUnit composite = Factory().CreateComposite();
+  EXPECT_EQ(before + 3, GetAllocationCount());
+  EXPECT_EQ(5u, GetDWord(*dword));
+  EXPECT_EQ("", ShowTraits(*composite));
+  EXPECT_EQ(0u, composite->GetTraits().Remove("x"));
+  EXPECT_NE(0, Util::Compare(*dword, *array));
+  EXPECT_EQ(before + 3, GetAllocationCount());
+  // Property with a literal name, its value, and the list of the composite.
+  Util::AddProperty(*composite, "name", Nil(), Factory());
+  EXPECT_EQ(before + 6, GetAllocationCount());
+}
+
+TEST(Array, ChecksRangesWhereItMust) {
+  ArrayValueHolder array;
+  auto read =
+      MakeProcessor<const View::Unit>([](const View::Unit&) { FAIL() << "no such element"; });
+  const View::ArrayValue& view = array;
+  view.ForEach(read);
+  view.Front(read);
+  view.Back(read);
+  array.PopBack();
+  array.PopFront();
+  array.Clear();
+  const auto out_of_range = [](auto fail) {
+    ExpectModuleError(0xFA000F, u"POR: Out of range.", "CheckOutOfRange",
+                      "enterprise/common/por/array_value_holder", 53, fail);
+  };
+  out_of_range([&] { view.At(0, read); });
+  out_of_range([&] { array.Erase(0); });
+  out_of_range([&] { array.Insert(1, DWord(1)); });
+  out_of_range([&] { array.Insert(1, *DWord(1)); });
+  out_of_range([&] { array.Insert(std::numeric_limits<unsigned long long>::max(), DWord(1)); });
+  array.Insert(0, DWord(2));
+  array.Insert(1, *DWord(4));
+  array.Insert(1, DWord(3));
+  array.PushFront(DWord(1));
+  array.PushBack(DWord(5));
+  EXPECT_EQ("1 2 3 4 5 ", Show(array));
+  out_of_range([&] { view.At(5, read); });
+  array.Erase(4);
+  array.Erase(1);
+  array.PopFront();
+  EXPECT_EQ("3 4 ", Show(array));
+  array.PopBack();
+  array.PopBack();
+  EXPECT_TRUE(array.IsEmpty());
+}
+
+TEST(Array, TakesCopiesOfItsOwnElements) {
+  for (int size = 1; size < 40; ++size) {
+    ArrayValueHolder array;
+    for (int i = 0; i < size; ++i) array.PushBack(DWord(static_cast<unsigned int>(i)));
+    const View::Unit* last = nullptr;
+    auto take = MakeProcessor<const View::Unit>([&](const View::Unit& unit) { last = &unit; });
+    std::as_const(array).Back(take);
+    array.PushBack(*last);
+    array.PushFront(*last);
+    array.Insert(1, *last);
+    EXPECT_EQ(static_cast<unsigned>(size) + 3, array.GetSize());
+    EXPECT_EQ(std::to_string(size - 1) + " " + std::to_string(size - 1) + " 0 ",
+              Show(array).substr(0, 2 * std::to_string(size - 1).size() + 4));
+  }
+}
+
+TEST(Array, StopsAWalkWhenToldAndGivesEachFaceItsUnit) {
+  ArrayValueHolder array;
+  for (unsigned int i = 1; i <= 3; ++i) array.PushBack(DWord(i));
+  int seen = 0;
+  auto second = MakeProcessor<Modification::Unit>([&](Modification::Unit& unit) {
+    Util::SetValue<unsigned int>(unit, 10u);
+    return ++seen == 2;
+  });
+  array.ForEach(second);
+  auto mark = MakeProcessor<Construction::Unit>(
+      [](Construction::Unit& unit) { Util::AddTrait(unit, "x", Nil(), Factory()); });
+  array.At(2, mark);
+  EXPECT_EQ("10 10 3 ", Show(array));
+  auto marked = MakeProcessor<const View::Unit>(
+      [](const View::Unit& unit) { EXPECT_TRUE(Util::HasTrait(unit, "x")); });
+  std::as_const(array).Back(marked);
+}
+
+TEST(Composite, KeepsNamesSortedAndOnce) {
+  CompositeValueHolder composite;
+  const auto set = [&](const Name& name, unsigned int value) {
+    composite.Set(Factory().CreateProperty(name, DWord(value)));
+  };
+  EXPECT_EQ("", Show(composite));
+  set("b", 1);
+  set("a", 2);
+  set("c", 3);
+  set("Z", 4);
+  EXPECT_EQ("Z=4 a=2 b=1 c=3 ", Show(composite));
+  set("c", 5);
+  set("b", 6);
+  EXPECT_EQ("Z=4 a=2 b=6 c=5 ", Show(composite));
+  composite.Remove("b");
+  composite.Remove("nothing");
+  EXPECT_EQ("Z=4 a=2 c=5 ", Show(composite));
+  for (const Name& name : {Name("Z"), Name("a"), Name("c")}) {
+    auto check = MakeProcessor<const View::Property>(
+        [&](const View::Property& property) { EXPECT_EQ(name, property.GetName()); });
+    EXPECT_TRUE(std::as_const(composite).Find(name, check));
+  }
+  auto never = MakeProcessor<const View::Property>([](const View::Property&) { FAIL(); });
+  for (const Name& name : {Name(""), Name("A"), Name("b"), Name("d")}) {
+    EXPECT_FALSE(std::as_const(composite).Find(name, never));
+  }
+  ExpectModuleError(0xFA000B, u"POR: Null units are forbidden.", "Set",
+                    "enterprise/common/por/composite_value_holder", 104,
+                    [&] { composite.Set(nullptr); });
+}
+
+TEST(Composite, IteratorsShareTheirPositionWithTheirCopies) {
+  CompositeValueHolder composite;
+  EXPECT_FALSE(composite.GetIterator().IsValid());
+  composite.Set(Factory().CreateProperty("a", DWord(1)));
+  composite.Set(Factory().CreateProperty("b", DWord(2)));
+  PropertyIterator<Construction::Property> iterator = composite.GetIterator();
+  PropertyIterator<Construction::Property> copy = iterator;
+  Util::SetValue<unsigned int>(iterator.Current().GetValue(), 7u);
+  copy.Advance();
+  EXPECT_EQ(Name("b"), iterator.Current().GetName());
+  iterator.Advance();
+  EXPECT_FALSE(copy.IsValid());
+  copy.Advance();
+  EXPECT_FALSE(iterator.IsValid());
+  EXPECT_EQ(7u, GetDWord(std::as_const(composite).GetIterator().Current().GetValue()));
+}
+
+TEST(Traits, AreOrderedByNameThenValueWithoutRepeats) {
+  const OwnedUnit unit = Nil();
+  for (const unsigned int value : {2u, 1u, 2u, 1u})
+    Util::AddTrait(*unit, "x", DWord(value), Factory());
+  Util::AddTrait(*unit, "b", DWord(9), Factory());
+  EXPECT_EQ("b=9 x=1 x=2 ", ShowTraits(*unit));
+  EXPECT_EQ("x=1 x=2 ", ShowTraits(*unit, Name("x")));
+  EXPECT_EQ("", ShowTraits(*unit, Name("y")));
+  int seen = 0;
+  auto first = MakeProcessor<const View::Trait>([&](const View::Trait&) { return ++seen == 1; });
+  unit->GetTraits().ForEach(first);
+  unit->GetTraits().ForEach("x", first);
+  EXPECT_EQ(3, seen);  // the second walk began at 2
+  EXPECT_EQ(2u, unit->GetTraits().Remove("x"));
+  EXPECT_EQ(0u, unit->GetTraits().Remove("x"));
+  EXPECT_EQ("b=9 ", ShowTraits(*unit));
+}
+
+TEST(Traits, KeepEveryNaNAndStayUsable) {
+  const OwnedUnit unit = Nil();
+  const double values[] = {1, std::nan(""), 0, std::nan(""), 2, -1, std::nan("")};
+  for (int round = 0; round < 20; ++round) {
+    for (const double value : values) Util::AddTrait(*unit, "x", Double(value), Factory());
+  }
+  int nans = 0;
+  auto count = MakeProcessor<const View::Trait>([&](const View::Trait& trait) {
+    nans += std::isnan(Util::GetValue<double>(trait.GetValue())) ? 1 : 0;
+  });
+  unit->GetTraits().ForEach("x", count);
+  EXPECT_EQ(60, nans);
+  EXPECT_GE(unit->GetTraits().Remove("x"), 64u);
+}
+
+TEST(Holders, RefuseNull) {
+  const auto refused = [](const char* function, const char* file, std::uint32_t line, auto fail) {
+    ExpectModuleError(0xFA000B, u"POR: Null units are forbidden.", function, file, line, fail);
+    EXPECT_THROW(fail(), Common::Error);
+  };
+  refused("PropertyHolder", "enterprise/common/por/property_holder", 36,
+          [] { Factory().CreateProperty("x", nullptr); });
+  refused("TraitHolder", "enterprise/common/por/trait_holder", 37,
+          [] { Factory().CreateTrait("x", nullptr); });
+  const OwnedUnit fresh = Nil();
+  refused("Add", "enterprise/common/por/traits_holder", 109,
+          [&] { fresh->GetTraits().Add(nullptr); });
+}
+
+TEST(ErrorUnit, KeepsAChainOfItsOwn) {
+  static constexpr Common::SourceFile kFile{"some/file"};
+  OwnedUnit unit;
+  Common::String text;
+  const Common::ErrorRecord* record = nullptr;
+  {
+    Common::Error error = Common::MakeTracedError(0xFA0001, u"outer", kFile.At("Outer", 10));
+    error.SetReason(Common::MakePathError(0x40007, u"inner", "/some/path", kFile.At("Inner", 20)));
+    text = error.ToString();
+    record = error.GetRecord();
+    unit = Factory().CreateError(error);
+    EXPECT_NE(record, Util::GetValue<Common::Error>(*unit).GetRecord());
+  }
+  EXPECT_EQ(text, Util::GetValue<Common::Error>(*unit).ToString());
+  EXPECT_EQ(0xFA0001u, Util::GetValue<Common::Error>(*unit).GetCode());
+  // Setting shares, also by way of a copy in the same unit.
+  const Common::Error other(5, u"shared", Common::LineTag());
+  Util::SetValue<Common::Error>(*unit, other);
+  EXPECT_EQ(other.GetRecord(), Util::GetValue<Common::Error>(*unit).GetRecord());
+  EXPECT_EQ(nullptr, Util::GetValue<Common::Error>(*Factory().CreateError({})).GetRecord());
+}
+
+// A tree of `depth` levels; each level hangs in an array, a composite or a trait.
+OwnedUnit MakeDeep(int depth) {
+  OwnedUnit unit = DWord(1);
+  for (int i = 0; i < depth; ++i) {
+    switch (i % 3) {
+      case 0:
+        unit = Array(std::move(unit));
+        break;
+      case 1:
+        unit = Composite("a", std::move(unit), "b", Nil());
+        break;
+      default:
+        unit = With(DWord(0), "t", std::move(unit));
+    }
+  }
+  return unit;
+}
+
+TEST(Tree, OfAnyDepthIsDestroyedWithoutRecursionOrMemory) {
+  OwnedUnit unit = Array(DWord(0), MakeDeep(1'000'000), MakeDeep(1'000));
+  const auto before = GetAllocationCount();
+  unit.reset();
+  EXPECT_EQ(before, GetAllocationCount());
+  // A part is dropped the same way.
+  ArrayValueHolder array;
+  array.PushBack(MakeDeep(300'000));
+  array.Erase(0);
+  EXPECT_TRUE(array.IsEmpty());
+}
+
+TEST(StaticFactory, IsOneAndNeverNull) {
+  EXPECT_NE(nullptr, GetStaticUnitFactory());
+  EXPECT_EQ(GetStaticUnitFactory(), GetStaticUnitFactory());
+  EXPECT_EQ(3u, GetDWord(*Construction::CreateInMemoryUnitFactory()->CreateDWord(3)));
+}
+
+}  // namespace
+}  // namespace Por
