@@ -1,3 +1,24 @@
+#include "core/common/error.h"
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+#include <new>
+#include <set>
+#include <string>
+#include <string_view>
+#include <tuple>
+#include <vector>
+
+#include "core/common/error_record.h"
+#include "core/common/error_record_internal.h"
+#include "core/common/text.h"
+#include "core/common/unix/mutex.h"
+
+namespace Common {
+
+namespace {
+
 // The byte form of an error: a version byte of 1, then the records of the chain, head first, up to
 // the end of the data. Numbers are little-endian, texts end with a 0. One record is
 //
@@ -10,26 +31,6 @@
 //   $func      if there is a function: the same
 //   $line      if the line is not 0: like a parameter with tag "N"
 //   end        a 0, in the place of a name
-
-#include <algorithm>
-#include <cstring>
-#include <limits>
-#include <new>
-#include <set>
-#include <string>
-#include <string_view>
-#include <tuple>
-#include <vector>
-
-#include "core/common/error.h"
-#include "core/common/error_record.h"
-#include "core/common/error_record_internal.h"
-#include "core/common/text.h"
-#include "core/common/unix/mutex.h"
-
-namespace Common {
-
-namespace {
 
 constexpr unsigned char kVersion = 1;
 constexpr std::size_t kRecordHead = 12;  // code and location

@@ -119,8 +119,8 @@ enum class AnsiMessageRow : std::uint32_t {
 const char16_t* GetMessageText(MessageRow row);
 const char* GetMessageText(AnsiMessageRow row);
 
-// Fills the places "{n}" of `pattern` (n: at most 63 ASCII digits) from `arguments`. An inserted
-// text is not scanned again. An index without an argument ends formatting: the rest stays.
+// Fills the places "{n}" of `pattern` (n: ASCII digits, of which 63 are read) from `arguments`. An
+// inserted text is not scanned again. An index without an argument ends formatting: the rest stays.
 void FormatMessage(String& out, const String& pattern, const std::vector<String>& arguments);
 void FormatMessage(String& out, const String& pattern, const String& argument);
 // The narrow argument is UTF-8.

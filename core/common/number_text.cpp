@@ -44,6 +44,7 @@ std::string FormatNumber(std::uint64_t number, int radix, const char* prefix) {
 bool ParseNumber(std::uint64_t* out, const char16_t* text, std::uint8_t radix) {
   const bool takes_marks = radix == 10;
   std::uint64_t base = radix;
+  if (text == nullptr) text = u"";
   if (takes_marks) {
     if (*text == 0) return false;
     if (EndsInMark(text)) base = 16;

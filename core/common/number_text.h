@@ -14,6 +14,7 @@ namespace Common {
 // hexadecimal text that says so: "0x1F" or "1Fh". Any other radix takes its digits and no marks.
 // False if the text is no such number or exceeds 64 bits. `*out` is worked on while reading: after
 // a failure it holds what was read up to there, and it is untouched by an empty text in radix 10.
+// A null text is an empty one.
 bool ParseNumber(std::uint64_t* out, const char16_t* text, std::uint8_t radix);
 
 // "%llu"

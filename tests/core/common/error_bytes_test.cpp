@@ -164,7 +164,9 @@ TEST(ErrorBytes, WhatSurvivesFlippedBytesCanBeSavedAgain) {
 
 TEST(ErrorBytes, ManyParametersStayQuick) {
   std::string rest = "\0"s;
-  for (int i = 0; i < 50'000; ++i) rest += "p" + std::to_string(i) + "\0Av\0"s;
+  for (int i = 0; i < 50'000; ++i) {
+    rest.append("p").append(std::to_string(i)).append("\0Av\0"s);
+  }
   const Error error = LoadBytes("\1"s + RecordBytes(5, rest + "\0"s));
   EXPECT_TRUE(TextOf(error).ends_with("| p49998: v\n| p49999: v"));
 }
