@@ -41,7 +41,7 @@ void AppendComponent(std::string& base, std::string_view component) {
 void AppendPath(std::string& base, const char* path) {
   std::string_view left = path;
   if (left.starts_with('/')) {
-    base = "/";
+    base.assign(1, '/');
     left.remove_prefix(1);
   }
   for (;;) {
