@@ -99,6 +99,7 @@ std::uint32_t TimeFormatIcu::Format(const DateTime& value, String& out) {
   icu::UnicodeString text;
   icu::FieldPosition position(icu::FieldPosition::DONT_CARE);
   format_->format(*calendar, text, position);
+  if (text.isBogus()) return 0;
   out.assign(text.getBuffer(), static_cast<std::size_t>(text.length()));
   return static_cast<std::uint32_t>(out.size());
 }

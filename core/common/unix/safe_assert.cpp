@@ -84,8 +84,10 @@ void ChooseTarget() {
   } else if (std::strcmp(name, "stderr") == 0) {
     chosen = STDERR_FILENO;
   } else {
-    chosen = open(name, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
+    // Opening a pipe that nobody reads fails instead of waiting.
+    chosen = open(name, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666);
     if (chosen < 0) return;
+    fcntl(chosen, F_SETFL, O_APPEND);
     std::atexit(CloseLogFile);
   }
   const StaticMutexLock lock(target_mutex);

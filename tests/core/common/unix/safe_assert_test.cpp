@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -121,6 +122,10 @@ TEST(SafeAssertSettings, ChooseTheTargetOfTheLog) {
   EXPECT_EQ(AssertWith("log", "stderr").err, kText);
   EXPECT_EQ(AssertWith("log", "stdout").out, std::string(kText) + kWentOn);
   EXPECT_EQ(AssertWith("log", "/nonexistent/file").err, kText);
+  const std::string pipe = file.GetName() + ".pipe";
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  EXPECT_EQ(AssertWith("log", pipe).err, kText);
+  unlink(pipe.c_str());
   // Also when the mode stays as it starts.
   const std::size_t before = file.Read().size();
   EXPECT_EQ(AssertWith("", file.GetName()).err, "");
