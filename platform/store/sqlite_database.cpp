@@ -127,7 +127,7 @@ int SqliteDatabase::OnProgress(void* self) {
 }
 
 Common::Error SqliteDatabase::MakeError(int result) const {
-  const Common::LineTag tag = kSource.At("MakeError", 10);
+  const Common::LineTag tag = kSource.At("MakeError", 60);
   FileFailure failure = writing_ ? kWriteFailure : kReadFailure;
   switch (result & 0xFF) {
     case SQLITE_INTERRUPT:

@@ -55,7 +55,7 @@ void MakeTables(const std::string& path) {
   {
     SqliteStatement version(*database, "PRAGMA schema_version");
     if (version.Step() && version.GetInteger(0) != 0) {
-      throw MakeSystemError(kCreateFailure, path, EEXIST, kSource.At("MakeTables", 10));
+      throw MakeSystemError(kCreateFailure, path, EEXIST, kSource.At("MakeTables", 20));
     }
   }
   database->Execute(kCreateTables);

@@ -68,7 +68,7 @@ class StorePostOffice final : public Dml::PostOffice {
       error = failure;
     } catch (const std::system_error& failure) {
       error = MakeSystemError(kReadFailure, store_->GetPath(), failure.code().value(),
-                              kSource.At("Report", 10));
+                              kSource.At("Report", 20));
     } catch (const std::bad_alloc&) {
       error = Common::Error::OutOfMemory();
     }

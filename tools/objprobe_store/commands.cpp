@@ -21,6 +21,7 @@
 #include "platform/store/object_store.h"
 #include "platform/store/sqlite_store.h"
 #include "platform/store/sqlite_store_writer.h"
+#include "tools/objprobe_store/error_text.h"
 #include "tools/objprobe_store/object_generator.h"
 #include "tools/objprobe_store/progress.h"
 
@@ -34,56 +35,52 @@ using Platform::Store::SqliteStoreWriter;
 constexpr Common::SourceFile kSource{"tools/objprobe_store/commands"};
 constexpr std::size_t kReadSize = 1 << 20;
 
-class FileReader final : public Utils::DataReader {
- public:
-  explicit FileReader(const std::string& path) : path_(path) {}
-
-  void Read(std::vector<unsigned char>& bytes) override {
-    bytes.clear();
-    const int descriptor = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC);
-    if (descriptor < 0) {
-      throw Platform::Store::MakeSystemError(Platform::Store::kOpenFailure, path_, errno,
-                                             kSource.At("Read", 10));
-    }
-    std::size_t size = 0;
-    ssize_t count = 0;
-    do {
-      bytes.resize(size + kReadSize);
-      do {
-        count = ::read(descriptor, bytes.data() + size, kReadSize);
-      } while (count < 0 && errno == EINTR);
-      if (count > 0) size += static_cast<std::size_t>(count);
-    } while (count > 0);
-    const int errnum = errno;
-    ::close(descriptor);
-    if (count < 0) {
-      throw Platform::Store::MakeSystemError(Platform::Store::kReadFailure, path_, errnum,
-                                             kSource.At("Read", 20));
-    }
-    bytes.resize(size);
+std::vector<unsigned char> ReadFile(const std::string& path) {
+  const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (descriptor < 0) {
+    throw Platform::Store::MakeSystemError(Platform::Store::kOpenFailure, path, errno,
+                                           kSource.At("ReadFile", 10));
   }
+  std::vector<unsigned char> bytes;
+  std::size_t size = 0;
+  ssize_t count = 0;
+  do {
+    bytes.resize(size + kReadSize);
+    do {
+      count = ::read(descriptor, bytes.data() + size, kReadSize);
+    } while (count < 0 && errno == EINTR);
+    if (count > 0) size += static_cast<std::size_t>(count);
+  } while (count > 0);
+  const int errnum = errno;
+  ::close(descriptor);
+  if (count < 0) {
+    throw Platform::Store::MakeSystemError(Platform::Store::kReadFailure, path, errnum,
+                                           kSource.At("ReadFile", 20));
+  }
+  bytes.resize(size);
+  return bytes;
+}
+
+// A file's bytes for the parser, once.
+class LoadedFile final : public Utils::DataReader {
+ public:
+  explicit LoadedFile(const std::string& path) : bytes_(ReadFile(path)) {}
+  void Read(std::vector<unsigned char>& bytes) override { bytes.swap(bytes_); }
 
  private:
-  const std::string path_;
+  std::vector<unsigned char> bytes_;
 };
-
-std::string ToText(const Common::Error& error) {
-  std::string text;
-  const Common::String wide = error.ToString();
-  Common::ToUtf8(text, wide.c_str(), wide.size());
-  return text;
-}
 
 // The unit in a file of unit text.
 Por::OwnedUnit ReadUnit(const std::string& file) {
-  FileReader reader(file);
+  LoadedFile content(file);
   Utils::UnitConstructionFormat format;
   format.SetTrace(false);
   Por::OwnedUnit unit;
   try {
-    unit = format.Read(reader, *Por::GetStaticUnitFactory());
+    unit = format.Read(content, *Por::GetStaticUnitFactory());
   } catch (const Common::Error& error) {
-    throw CommandFailure(file + ": " + ToText(error));
+    throw CommandFailure(file + ": " + DescribeError(error));
   }
   if (unit == nullptr) throw CommandFailure(file + ": There is no object in the file.");
   return unit;
@@ -128,7 +125,7 @@ void ImportFile(Change& change, const std::string& file, Progress& progress) {
     try {
       change.Put(*root);
     } catch (const Common::Error& error) {
-      throw CommandFailure(file + ": " + ToText(error));
+      throw CommandFailure(file + ": " + DescribeError(error));
     }
     progress.Add();
     return;
@@ -141,7 +138,7 @@ void ImportFile(Change& change, const std::string& file, Progress& progress) {
       change.Put(object);
     } catch (const Common::Error& error) {
       throw CommandFailure(file + ", object " + std::to_string(i + 1) + " of " +
-                           std::to_string(count) + ": " + ToText(error));
+                           std::to_string(count) + ": " + DescribeError(error));
     }
     progress.Add();
   }
@@ -185,7 +182,7 @@ void Put(const std::string& store, const std::string& file) {
     const Common::String key = Dml::GetObjectKey(*object);
     Common::ToUtf8(id, key.c_str(), key.size());
   } catch (const Common::Error& error) {
-    throw CommandFailure(file + ": " + ToText(error));
+    throw CommandFailure(file + ": " + DescribeError(error));
   }
   SqliteStoreWriter writer(Platform::Store::GetStorePath(store));
   writer.Begin();

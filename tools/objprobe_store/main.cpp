@@ -3,16 +3,18 @@
 // Exit status: 0 done, 1 failed, 2 wrong command line. Failures are told on standard error.
 
 #include <CLI/CLI.hpp>
+#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <exception>
 #include <new>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "core/common/error.h"
-#include "core/common/text.h"
 #include "tools/objprobe_store/commands.h"
+#include "tools/objprobe_store/error_text.h"
 
 namespace {
 
@@ -25,15 +27,24 @@ int Fail(const std::string& text) {
   return kFailed;
 }
 
+// Decimal digits only, and not more than 64 bits hold.
+bool ParseNumber(const std::string& text, std::uint64_t& number) {
+  const char* const end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, number);
+  return error == std::errc() && stop == end;
+}
+
+std::string CheckNumber(const std::string& text) {
+  std::uint64_t number = 0;
+  return ParseNumber(text, number) ? "" : "\"" + text + "\" is no number of 64 bits.";
+}
+
 template <class Command>
 int Run(Command&& command) {
   try {
     command();
   } catch (const Common::Error& error) {
-    std::string text;
-    const Common::String wide = error.ToString();
-    Common::ToUtf8(text, wide.c_str(), wide.size());
-    return Fail(text);
+    return Fail(StoreTool::DescribeError(error));
   } catch (const StoreTool::CommandFailure& failure) {
     return Fail(failure.what());
   } catch (const std::bad_alloc&) {
@@ -55,8 +66,8 @@ int main(int argc, char** argv) {
   std::string file;
   std::vector<std::string> files;
   std::string id;
-  std::uint64_t count = 0;
-  std::uint64_t seed = 1;
+  std::string count;
+  std::string seed = "1";
 
   const auto add_command = [&](const char* name, const char* description) {
     CLI::App* command = app.add_subcommand(name, description);
@@ -79,8 +90,10 @@ int main(int argc, char** argv) {
   const CLI::App* stats = add_command("stats", "Print counts of objects, bytes, changes and types");
   CLI::App* generate =
       add_command("generate", "Store made-up objects of a backup service, all or none");
-  generate->add_option("COUNT", count, "How many")->required();
-  generate->add_option("--seed", seed, "Equal seeds give equal objects")->capture_default_str();
+  generate->add_option("COUNT", count, "How many")->required()->check(&CheckNumber);
+  generate->add_option("--seed", seed, "Equal seeds give equal objects")
+      ->check(&CheckNumber)
+      ->capture_default_str();
 
   try {
     app.parse(argc, argv);
@@ -95,6 +108,12 @@ int main(int argc, char** argv) {
     if (remove->parsed()) StoreTool::Delete(store, id);
     if (list->parsed()) StoreTool::List(store);
     if (stats->parsed()) StoreTool::PrintStatistics(store);
-    if (generate->parsed()) StoreTool::Generate(store, count, seed);
+    if (generate->parsed()) {
+      std::uint64_t objects = 0;
+      std::uint64_t number = 0;
+      ParseNumber(count, objects);
+      ParseNumber(seed, number);
+      StoreTool::Generate(store, objects, number);
+    }
   });
 }

@@ -1,0 +1,370 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <chrono>
+#include <thread>
+
+#include "core/common/error_record.h"
+#include "platform/store/sqlite_store.h"
+#include "tests/platform/store/store_fixture.h"
+
+namespace Platform::Store {
+
+namespace {
+
+using Numbers = std::vector<unsigned int>;
+
+std::string GetPathParameter(const Common::Error& error) {
+  const Common::ErrorRecord* record = error.GetRecord();
+  if (record == nullptr) return "";
+  const char* path = record->operations->GetAnsi(record, "path");
+  return path != nullptr ? path : "";
+}
+
+std::string GetMessages(const Common::Error& error) {
+  std::string text;
+  for (Common::Error link = error; link.IsFailure(); link = link.GetNextError()) {
+    std::string message;
+    const Common::String wide = link.GetMessage();
+    Common::ToUtf8(message, wide.c_str());
+    text += message + "\n";
+  }
+  return text;
+}
+
+class StoreFile : public StoreTest {
+ protected:
+  // Opens and expects a failure with the code, the path and these messages.
+  static void ExpectRefused(const std::string& connection, const std::string& path,
+                            unsigned int code, const std::string& messages) {
+    try {
+      OpenAt(connection);
+      ADD_FAILURE() << connection << " was opened.";
+    } catch (const Common::Error& error) {
+      EXPECT_EQ(error.GetCode(), code) << connection;
+      EXPECT_EQ(GetPathParameter(error), path);
+      EXPECT_EQ(GetMessages(error), messages);
+    }
+  }
+
+  // Runs `body` in a process of its own and expects it to return true. Root first turns into a user
+  // without rights.
+  static void InUnprivilegedProcess(const std::function<bool()>& body) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+      constexpr uid_t kNobody = 65534;
+      if (::geteuid() == 0 && ::setresuid(kNobody, kNobody, kNobody) != 0) ::_exit(2);
+      bool good = false;
+      try {
+        good = body();
+      } catch (const Common::Error& error) {
+        std::fprintf(stderr, "%s", GetMessages(error).c_str());
+      }
+      ::_exit(good ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status)) << status;
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+  }
+
+  // A process that changes the store and dies in the middle of its transaction, or behind it.
+  void DieWriting(int first, int count, bool commit) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+      SqliteStoreWriter writer(path_);
+      writer.Begin();
+      for (int i = first; i < first + count; ++i) writer.Put(*Parse(MakeObject(i, "Thing")));
+      if (commit) writer.Commit();
+      ::raise(SIGKILL);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFSIGNALED(status));
+  }
+
+  unsigned int CountObjects() {
+    return static_cast<unsigned int>(SqliteStore(path_).GetStatistics().objects);
+  }
+};
+
+TEST_F(StoreFile, ConnectionStrings) {
+  StoreNumbered(1);
+  EXPECT_NE(OpenAt(path_), nullptr);
+  EXPECT_NE(OpenAt("sqlite:" + path_), nullptr);
+  const std::string odd = folder_ + "/100% #1?mode=memory&.db";
+  SqliteStoreWriter::Create(odd);
+  EXPECT_NE(OpenAt(odd), nullptr);
+  const std::string missing = "The specified file does not exist.\nNo such file or directory\n";
+  ExpectRefused("", "", 0x40011, missing);
+  ExpectRefused("sqlite:", "", 0x40011, missing);
+  EXPECT_THROW(Dml::CreatePostOffice(ToConnection(path_) + u'\0' + u"x"), Common::Error);
+}
+
+TEST_F(StoreFile, BadStoresAreRefused) {
+  const std::string open = "Error occurred while opening the file.\n";
+  const std::string corrupted = "The file is corrupted.\n";
+
+  ExpectRefused(path_, path_, 0x40011,
+                "The specified file does not exist.\nNo such file or directory\n");
+  ExpectRefused(folder_, folder_, 0x40007, open + "Is a directory\n");
+  const std::string below = folder_ + "/objects.db/x";
+  std::ofstream(path_)
+      << "This is a text of more than one hundred bytes, so that it might be taken "
+         "for the header of something else.";
+  ExpectRefused(below, below, 0x40007, open + "Not a directory\n");
+  ExpectRefused(path_, path_, 0x4000D, corrupted + "SQLite: file is not a database (26)\n");
+  const std::string pipe = folder_ + "/pipe";
+  ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+  ExpectRefused(pipe, pipe, 0x40007, open + "This is no regular file.\n");
+  const std::string empty = folder_ + "/empty";
+  std::ofstream(empty).close();
+  ExpectRefused(empty, empty, 0x40007, open + "The database is not an object store.\n");
+  const std::string foreign = folder_ + "/foreign";
+  Execute(foreign, "CREATE TABLE objects(seq INTEGER PRIMARY KEY)");
+  ExpectRefused(foreign, foreign, 0x40007, open + "The database is not an object store.\n");
+  EXPECT_EQ(ListFolder(), (std::set<std::string>{"empty", "foreign", "objects.db", "pipe"}));
+}
+
+TEST_F(StoreFile, OtherVersionsAreRefused) {
+  StoreNumbered(1);
+  for (const char* version : {"2", "0"}) {
+    Execute(path_, std::string("PRAGMA user_version = ") + version);
+    const std::string words =
+        std::string("The operation is not supported.\nThe store has version ") + version +
+        "; this program knows version 1.\n";
+    ExpectRefused(path_, path_, 0x4000E, words);
+    EXPECT_THROW(SqliteStoreWriter{path_}, Common::Error);
+  }
+}
+
+TEST_F(StoreFile, DamagedPagesEndTheReport) {
+  StoreNumbered(2000);
+  const auto office = Open();
+  {
+    // All but the schema and the root of the objects.
+    const auto size = static_cast<std::streamoff>(std::filesystem::file_size(path_));
+    std::fstream file(path_, std::ios::in | std::ios::out | std::ios::binary);
+    file.seekp(16384 * 2);
+    for (std::streamoff i = file.tellp(); i < size; ++i) file.put('\xEE');
+  }
+  NumberReader reader;
+  const Common::Error result = Report(*office, {}, reader);
+  EXPECT_EQ(result.GetCode(), 0x4000DU);
+  EXPECT_EQ(GetPathParameter(result), path_);
+  // The same for a store without its tables.
+  const std::string bare = folder_ + "/bare";
+  SqliteStoreWriter::Create(bare);
+  Execute(bare, "DROP TABLE objects");
+  NumberReader none;
+  EXPECT_EQ(Report(*OpenAt(bare), {}, none).GetCode(), 0x4000DU);
+}
+
+TEST_F(StoreFile, WithoutPermissionIsRefused) {
+  StoreNumbered(2);
+  ASSERT_EQ(::chmod(folder_.c_str(), 0755), 0);
+  ASSERT_EQ(::chmod(path_.c_str(), 0), 0);
+  InUnprivilegedProcess([&] {
+    ExpectRefused(path_, path_, 0x40014, "Access to the file is denied.\nPermission denied\n");
+    return !HasFailure();
+  });
+  ASSERT_EQ(::chmod(path_.c_str(), 0444), 0);
+  InUnprivilegedProcess([&] {
+    EXPECT_EQ(Match(""), (Numbers{1, 2}));
+    EXPECT_THROW(SqliteStoreWriter{path_}, Common::Error);
+    return !HasFailure();
+  });
+}
+
+TEST_F(StoreFile, ALockIsWaitedForButNotForGood) {
+  StoreNumbered(2);
+  sqlite3* holder = nullptr;
+  ASSERT_EQ(sqlite3_open(path_.c_str(), &holder), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(holder,
+                         "PRAGMA locking_mode = EXCLUSIVE; BEGIN IMMEDIATE;"
+                         "DELETE FROM changes; COMMIT",
+                         nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  const auto start = std::chrono::steady_clock::now();
+  try {
+    SqliteStore store(path_, 200);
+    ADD_FAILURE() << "The store was opened.";
+  } catch (const Common::Error& error) {
+    EXPECT_EQ(error.GetCode(), 0x40017U);
+    EXPECT_EQ(GetMessages(error), "Failed to lock the file.\nSQLite: database is locked (5)\n");
+  }
+  EXPECT_THROW(SqliteStoreWriter(path_, 200).Begin(), Common::Error);
+  const auto waited = std::chrono::steady_clock::now() - start;
+  EXPECT_GE(waited, std::chrono::milliseconds(400));
+  EXPECT_LT(waited, std::chrono::seconds(20));
+  // In time, it is opened.
+  std::thread releasing([holder] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    sqlite3_close(holder);
+  });
+  EXPECT_EQ(Match(""), (Numbers{1, 2}));
+  releasing.join();
+}
+
+// What lies beside the store, and whether its folder can be written, makes no difference; the
+// reader leaves everything as it was.
+TEST_F(StoreFile, ReadingChangesNothingInAnyState) {
+  const auto read = [this](unsigned int count) {
+    for (const bool writable : {true, false}) {
+      ASSERT_EQ(::chmod(folder_.c_str(), writable ? 0777 : 0555), 0);
+      const auto before = ListFolder();
+      const auto changed = std::filesystem::last_write_time(path_);
+      InUnprivilegedProcess([&] { return Match("").size() == count; });
+      EXPECT_EQ(Match("").size(), count);
+      EXPECT_EQ(ListFolder(), before);
+      EXPECT_EQ(std::filesystem::last_write_time(path_), changed);
+    }
+    ASSERT_EQ(::chmod(folder_.c_str(), 0755), 0);
+  };
+  const std::set<std::string> closed = {"objects.db"};
+  const std::set<std::string> open = {"objects.db", "objects.db-shm", "objects.db-wal"};
+
+  StoreNumbered(3);
+  EXPECT_EQ(ListFolder(), closed);
+  read(3);
+
+  {
+    SqliteStoreWriter writer(path_);
+    writer.Begin();
+    writer.Put(*Parse(MakeObject(4, "Thing")));
+    writer.Commit();
+    EXPECT_EQ(ListFolder(), open);
+    read(4);
+    writer.Begin();
+    writer.Put(*Parse(MakeObject(5, "Thing")));
+    read(4);
+  }
+  EXPECT_EQ(ListFolder(), closed);
+  read(4);
+
+  DieWriting(5, 1, true);
+  EXPECT_EQ(ListFolder(), open);
+  read(5);
+  StoreNumbered(6);
+  EXPECT_EQ(ListFolder(), closed);
+  read(6);
+}
+
+TEST_F(StoreFile, DeathInTheMiddleLeavesTheOldState) {
+  StoreNumbered(3);
+  // Few objects stay in the writer's memory, many reach its files before the end.
+  for (const int count : {10, 3000}) {
+    DieWriting(100, count, false);
+    EXPECT_EQ(CountObjects(), 3U);
+    EXPECT_EQ(Match(""), (Numbers{1, 2, 3}));
+  }
+  DieWriting(100, 10, true);
+  EXPECT_EQ(CountObjects(), 13U);
+  Store({MakeObject(4, "Thing")});
+  EXPECT_EQ(CountObjects(), 14U);
+  EXPECT_EQ(Query(path_, "PRAGMA integrity_check"), "ok\n");
+}
+
+TEST_F(StoreFile, ReadersSeeOneStateWhileAWriterGoesOn) {
+  constexpr int kObjects = 300;
+  constexpr int kRounds = 40;
+  const auto make = [](int round) {
+    std::vector<std::string> objects;
+    for (int i = 1; i <= kObjects; ++i) {
+      objects.push_back(MakeObject(
+          i, "Thing", ".Property(\"Round\").DWord(" + std::to_string(round) + ").End()"));
+    }
+    return objects;
+  };
+  Store(make(0));
+  const pid_t child = ::fork();
+  if (child == 0) {
+    // Opens and closes: the log comes, goes, and stays while a reader is there.
+    for (int round = 1; round <= kRounds; ++round) Store(make(round));
+    ::_exit(0);
+  }
+
+  class RoundReader final : public Dml::ReportReader {
+   public:
+    void Read(const Por::View::Unit& object) override {
+      ++objects;
+      rounds.insert(
+          Por::Util::GetValue<unsigned int>(Por::Util::GetProperty(object, "Round").GetValue()));
+    }
+    int objects = 0;
+    std::set<unsigned int> rounds;
+  };
+  const auto office = Open();
+  std::set<unsigned int> seen;
+  for (bool running = true; running;) {
+    running = ::waitpid(child, nullptr, WNOHANG) == 0;
+    RoundReader reader;
+    const Common::Error result = Report(*office, {}, reader);
+    ASSERT_EQ(result.GetCode(), 0U) << GetMessages(result);
+    ASSERT_EQ(reader.objects, kObjects);
+    ASSERT_EQ(reader.rounds.size(), 1U);
+    EXPECT_TRUE(seen.empty() || *reader.rounds.begin() >= *seen.rbegin());
+    seen.insert(*reader.rounds.begin());
+  }
+  EXPECT_EQ(*seen.rbegin(), static_cast<unsigned int>(kRounds));
+  EXPECT_GT(seen.size(), 2U);
+}
+
+class StoreChanges : public StoreTest {};
+
+TEST_F(StoreChanges, AreKnownWithWhatWasThereBefore) {
+  using Outcome = SqliteStoreWriter::Outcome;
+  SqliteStoreWriter::Create(path_);
+  {
+    SqliteStoreWriter writer(path_);
+    writer.Begin();
+    EXPECT_EQ(writer.Put(*Parse(MakeObject(1, "A"))), Outcome::kCreated);
+    EXPECT_EQ(writer.Put(*Parse(MakeObject(1, "A"))), Outcome::kUnchanged);
+    EXPECT_EQ(writer.Put(*Parse(MakeObject(1, "B"))), Outcome::kUpdated);
+    Common::Guid id;
+    id.SetFirst(1);
+    EXPECT_TRUE(writer.Delete(id));
+    EXPECT_THROW(writer.Put(*Parse(".Composite().End()")), Common::Error);
+    writer.Commit();
+    writer.Begin();
+    writer.Put(*Parse(MakeObject(2, "A")));
+    // Not committed: never was.
+  }
+  // Bytes, counted by hand: 3 for the root's "U", "C" and "E", 15 for the property N, 19 for the
+  // trait Is, 45 for the trait PrimaryKey.
+  EXPECT_EQ(Query(path_, "SELECT number, kind, hex(id), total, length(before) FROM changes"),
+            "1|0|01000000000000000000000000000000|0|NULL\n"
+            "2|1|01000000000000000000000000000000|82|82\n"
+            "3|2|01000000000000000000000000000000|164|82\n");
+}
+
+TEST_F(StoreChanges, AreBoundedInNumber) {
+  SqliteStoreWriter::Create(path_);
+  SqliteStoreWriter writer(path_);
+  writer.Begin();
+  for (int i = 1; i <= SqliteStoreWriter::kMaxChanges + 1500; ++i) {
+    writer.Put(*Parse(MakeObject(i, "A")));
+  }
+  writer.Commit();
+  EXPECT_EQ(Query(path_, "SELECT count(*), min(number), max(number) FROM changes"),
+            "10000|1501|11500\n");
+}
+
+TEST_F(StoreChanges, AreBoundedInBytes) {
+  SqliteStoreWriter::Create(path_);
+  SqliteStoreWriter writer(path_);
+  const std::string large(1 << 20, 'x');  // 2 MiB in its binary form
+  for (int i = 0; i < 24; ++i) {
+    writer.Begin();
+    writer.Put(*Parse(MakeObject(
+        1, "A", ".Property(\"Text\").String(\"" + large + std::to_string(i) + "\").End()")));
+    writer.Commit();
+  }
+  // Behind the oldest row there are less than 16 MiB: seven objects of a little more than 2 MiB.
+  EXPECT_EQ(Query(path_, "SELECT count(*), max(number) FROM changes"), "8|24\n");
+}
+
+}  // namespace
+
+}  // namespace Platform::Store

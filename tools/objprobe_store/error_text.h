@@ -1,0 +1,13 @@
+#pragma once
+
+#include <string>
+
+#include "core/common/error.h"
+
+namespace StoreTool {
+
+// An error in one line for the user, UTF-8: its path, the messages of the chain and the code of its
+// head, "data.db: The file is corrupted. SQLite: file is not a database (26). (0x4000d)".
+std::string DescribeError(const Common::Error& error);
+
+}  // namespace StoreTool
