@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <new>
 #include <stdexcept>
 
 #include "enterprise/common/async/async_error.h"
@@ -51,9 +52,11 @@ class Stage {
    public:
     JobDescription Describe() override {
       if (throws) throw Failure(0x77);
+      if (out_of_memory) throw std::bad_alloc();
       return {Common::LineTag{}, u"Backing up."};
     }
     bool throws = false;
+    bool out_of_memory = false;
   } description;
 
   FakeAction action{[this](ActionHandler&) -> std::shared_ptr<Job> {
@@ -397,9 +400,15 @@ TEST(JobControlResult, WrapsFailuresInTheTextOfTheRun) {
   stage.Run();
   EXPECT_EQ(Chain(stage.handler.results[1]), std::vector{kFailure});
 
+  // Neither does one that finds no memory, but it is told.
+  stage.description.throws = false;
+  stage.description.out_of_memory = true;
+  stage.Run();
+  EXPECT_EQ(Chain(stage.handler.results[2]), std::vector({Common::kOutOfMemoryCode, kFailure}));
+
   // Nobody to describe.
   stage.control->Run(stage.action, stage.handler, nullptr);
-  EXPECT_EQ(Chain(stage.handler.results[2]), std::vector{kFailure});
+  EXPECT_EQ(Chain(stage.handler.results[3]), std::vector{kFailure});
 }
 
 TEST(JobControlResult, FailureOfPerformIsTracedAndNamesTheOperation) {
