@@ -1,7 +1,8 @@
 #include "enterprise/common/por/matches.h"
 
 #include <algorithm>
-#include <functional>
+#include <array>
+#include <cstddef>
 #include <iterator>
 #include <string>
 #include <string_view>
@@ -214,11 +215,31 @@ constexpr PatternEntry kPatternTable[] = {
 static_assert(std::size(kPatternTable) == 20);
 static_assert(std::ranges::is_sorted(kPatternTable, {}, &PatternEntry::name));
 
+// Where the names of each letter begin, 'A' to 'Z' and one behind: a lookup, done for each trait of
+// a pattern on each row, compares three names at most.
+constexpr std::size_t kLetters = 26;
+constexpr auto kLetterBegin = [] {
+  std::array<unsigned char, kLetters + 1> begin{};
+  unsigned char entry = 0;
+  for (std::size_t letter = 0; letter <= kLetters; ++letter) {
+    while (entry < std::size(kPatternTable) &&
+           static_cast<std::size_t>(kPatternTable[entry].name[0] - 'A') < letter) {
+      ++entry;
+    }
+    begin[letter] = entry;
+  }
+  return begin;
+}();
+static_assert(kLetterBegin[0] == 0 && kLetterBegin[kLetters] == std::size(kPatternTable));
+
 MatchTraitPattern GetPatternByName(const Name& name) {
   const std::string_view text = name.GetText();
-  const PatternEntry* entry =
-      std::ranges::lower_bound(kPatternTable, text, {}, &PatternEntry::name);
-  if (entry != std::end(kPatternTable) && entry->name == text) return entry->match;
+  const auto letter = static_cast<std::size_t>(name.GetText()[0] - 'A');
+  if (letter < kLetters) {
+    for (std::size_t i = kLetterBegin[letter]; i < kLetterBegin[letter + 1]; ++i) {
+      if (kPatternTable[i].name == text) return kPatternTable[i].match;
+    }
+  }
   Common::String message;
   Common::FormatMessage(message, Common::GetMessageText(Common::MessageRow::PorTraitNotRegistered),
                         name.ToString());

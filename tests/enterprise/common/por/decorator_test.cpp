@@ -7,6 +7,7 @@
 #include "enterprise/common/por/unit_operations.h"
 #include "enterprise/common/por/unit_value_access.h"
 #include "enterprise/common/por/value.h"
+#include "enterprise/common/por/visit_value.h"
 #include "tests/enterprise/common/por/allocation_count.h"
 #include "tests/enterprise/common/por/make_unit.h"
 
@@ -23,24 +24,9 @@ std::string TraitNames(const View::Traits& traits) {
   return names;
 }
 
-// Calls the function with the composite that the unit shows.
 template <class Function>
 void OnComposite(const View::Unit& unit, Function function) {
-  class Visitor final : public View::NullVisitor {
-   public:
-    using View::NullVisitor::Visit;
-    explicit Visitor(Function& function) : function_(function) {}
-    void Visit(const View::CompositeValue& value) override {
-      visited = true;
-      function_(value);
-    }
-    bool visited = false;
-
-   private:
-    Function& function_;
-  } visitor(function);
-  unit.Accept(visitor);
-  EXPECT_TRUE(visitor.visited);
+  EXPECT_TRUE(Util::Detail::VisitValue<View::CompositeValue>(unit, function));
 }
 
 // The names that a walk and an iterator show; both must agree.
