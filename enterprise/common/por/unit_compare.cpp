@@ -2,9 +2,9 @@
 #include <cstddef>
 #include <cstring>
 #include <functional>
-#include <memory>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "enterprise/common/por/array_elements_walker.h"
@@ -54,8 +54,8 @@ int CompareValues(const Common::Error& a, const Common::Error& b) {
   return CompareErrors(a, b);
 }
 
-// The order of two trees: the first difference decides, so the pairs of units still to be compared
-// lie on a stack in the order of their weight.
+// The order of two trees, worked off from stacks of its own: no recursion. The first difference
+// decides, so the pairs of units still to be compared lie in the order of their weight.
 //
 // The traits of two units are compared by looking for the least of the unmatched ones of a name,
 // which compares siblings. Without the memory of those results a small tree of such traits could
@@ -63,9 +63,8 @@ int CompareValues(const Common::Error& a, const Common::Error& b) {
 class Comparison : public Common::NonCopyable {
  public:
   int Compare(const View::Unit& a, const View::Unit& b) {
-    const std::size_t base = tasks_.GetSize();
     const int order = Begin(a, b);
-    return order != 0 || tasks_.GetSize() == base ? order : Finish(base);
+    return order != 0 || tasks_.GetSize() == 0 ? order : Finish();
   }
 
  private:
@@ -80,32 +79,45 @@ class Comparison : public Common::NonCopyable {
     const View::Unit* right;
     Part part;
   };
+  // The search for the least of the unmatched traits of one name, first on the left, then on the
+  // right: each is compared to the least of those before it.
+  struct Choice {
+    // Places in `unmatched_`: the left traits are from `begin`, the right ones from `middle`.
+    std::size_t begin;
+    std::size_t middle;
+    std::size_t end;
+    std::size_t left_least;  // once `next` is past `middle`
+    std::size_t least;       // of the side in work
+    std::size_t next;        // the one that is compared to it
+    std::size_t tasks;       // those from this place on belong to that comparison
+  };
+  using Siblings = std::pair<const View::Unit*, const View::Unit*>;
   struct SiblingsHash {
-    std::size_t operator()(const std::pair<const View::Unit*, const View::Unit*>& pair) const {
+    std::size_t operator()(const Siblings& pair) const {
       const std::hash<const View::Unit*> hash;
       return hash(pair.first) * 31 + hash(pair.second);
     }
   };
-  using KnownSiblings =
-      std::unordered_map<std::pair<const View::Unit*, const View::Unit*>, int, SiblingsHash>;
 
   // The order of two units as far as it is seen at once; what is still to be compared if that is 0
   // becomes at most one task.
   int Begin(const View::Unit& a, const View::Unit& b);
-  // Works off the tasks down to `base`.
-  int Finish(std::size_t base);
+  int Finish();
   int CompareUnits(const View::Unit& a, const View::Unit& b);
+  // Opens a choice when the values of unmatched traits have to decide.
   int CompareTraits(const View::Unit& a, const View::Unit& b);
-  // For two traits of one unit.
-  bool IsLess(const View::Unit& a, const View::Unit& b);
-  // The least of the traits from `begin` up to but not including `end`, each compared to the least
-  // of those before it.
-  const View::Trait& FindLeast(std::size_t begin, std::size_t end);
+  // Takes the answer for the comparison in work and goes on; false when both sides are decided.
+  bool Advance(Choice& choice, int answer);
+  // The order of the two least traits.
+  int EndChoice();
+  const View::Unit& ValueAt(std::size_t place) const { return unmatched_[place]->GetValue(); }
 
   Detail::EqualityCheck equality_;
   Por::Detail::SmallStack<Task, 16> tasks_;
+  Por::Detail::SmallStack<Choice, 2> choices_;
   Por::Detail::SmallStack<const View::Trait*, 16> unmatched_;
-  std::unique_ptr<KnownSiblings> known_;
+  // Of siblings whose order was not seen at once.
+  std::unordered_map<Siblings, int, SiblingsHash> known_;
 };
 
 class Comparison::ArrayComparisonWalker final : public ArrayElementsWalker {
@@ -263,17 +275,20 @@ int Comparison::Begin(const View::Unit& a, const View::Unit& b) {
   return values.order;
 }
 
-int Comparison::Finish(std::size_t base) {
-  while (tasks_.GetSize() > base) {
-    const Task task = tasks_.Pop();
-    const int order = task.part == kUnits ? CompareUnits(*task.left, *task.right)
-                                          : CompareTraits(*task.left, *task.right);
-    if (order != 0) {
-      tasks_.Truncate(base);
-      return order;
+int Comparison::Finish() {
+  int order = 0;
+  while (true) {
+    const std::size_t depth = choices_.GetSize();
+    const std::size_t floor = depth == 0 ? 0 : choices_[depth - 1].tasks;
+    while (order == 0 && tasks_.GetSize() > floor && choices_.GetSize() == depth) {
+      const Task task = tasks_.Pop();
+      order = task.part == kUnits ? CompareUnits(*task.left, *task.right)
+                                  : CompareTraits(*task.left, *task.right);
     }
+    if (choices_.GetSize() == depth) tasks_.Truncate(floor);
+    if (choices_.GetSize() == 0) return order;
+    order = Advance(choices_[choices_.GetSize() - 1], order) ? 0 : EndChoice();
   }
-  return 0;
 }
 
 int Comparison::CompareUnits(const View::Unit& a, const View::Unit& b) {
@@ -298,34 +313,46 @@ int Comparison::CompareTraits(const View::Unit& a, const View::Unit& b) {
   } else {
     order = Sign(unmatched_[begin]->GetName().Compare(unmatched_[middle]->GetName()));
     if (order == 0) {
-      order = Begin(FindLeast(begin, middle).GetValue(), FindLeast(middle, end).GetValue());
+      // As if the first had just been compared to itself.
+      choices_.Push({begin, middle, end, begin, begin, begin, tasks_.GetSize()});
+      return 0;
     }
   }
   unmatched_.Truncate(begin);
   return order;
 }
 
-const View::Trait& Comparison::FindLeast(std::size_t begin, std::size_t end) {
-  std::size_t least = begin;
-  for (std::size_t i = begin + 1; i < end; ++i) {
-    if (IsLess(unmatched_[i]->GetValue(), unmatched_[least]->GetValue())) least = i;
+bool Comparison::Advance(Choice& choice, int answer) {
+  if (choice.next != choice.least) {
+    known_.emplace(Siblings(&ValueAt(choice.next), &ValueAt(choice.least)), answer);
   }
-  return *unmatched_[least];
+  while (true) {
+    if (answer == -1) choice.least = choice.next;
+    ++choice.next;
+    if (choice.next == choice.end) return false;
+    if (choice.next == choice.middle) {
+      choice.left_least = choice.least;
+      choice.least = choice.middle;
+      answer = 0;
+      continue;
+    }
+    const View::Unit& next = ValueAt(choice.next);
+    const View::Unit& least = ValueAt(choice.least);
+    answer = Begin(next, least);
+    if (tasks_.GetSize() == choice.tasks) continue;
+    const auto known = known_.find({&next, &least});
+    if (known == known_.end()) return true;
+    answer = known->second;
+    tasks_.Truncate(choice.tasks);
+  }
 }
 
-bool Comparison::IsLess(const View::Unit& a, const View::Unit& b) {
-  const std::size_t base = tasks_.GetSize();
-  const int order = Begin(a, b);
-  if (order != 0 || tasks_.GetSize() == base) return order == -1;
-  if (known_ == nullptr) known_ = std::make_unique<KnownSiblings>();
-  const auto known = known_->find({&a, &b});
-  if (known != known_->end()) {
-    tasks_.Truncate(base);
-    return known->second == -1;
-  }
-  const int found = Finish(base);
-  known_->emplace(std::pair(&a, &b), found);
-  return found == -1;
+int Comparison::EndChoice() {
+  const Choice choice = choices_.Pop();
+  const View::Unit& left = ValueAt(choice.left_least);
+  const View::Unit& right = ValueAt(choice.least);
+  unmatched_.Truncate(choice.begin);
+  return Begin(left, right);
 }
 
 }  // namespace

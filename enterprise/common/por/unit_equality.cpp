@@ -76,7 +76,7 @@ class EqualityCheck::ValueComparator {
   template <class Walker>
   void GoThrough(const auto& left, const auto& right) {
     if (!enter_) {
-      check_.tasks_.Push({&left_, &right_, kContents});
+      check_.tasks_.Push({&left_, &right_, kContents, nullptr});
       equal = true;
       return;
     }
@@ -104,13 +104,11 @@ bool HasTraits(const View::Unit& unit) {
 
 bool EqualityCheck::UnitsEqual(const View::Unit& a, const View::Unit& b) {
   const std::size_t base = tasks_.GetSize();
-  if (Begin(a, b) && Finish(base)) return true;
-  tasks_.Truncate(base);
-  return false;
+  return Finish(Begin(a, b), base);
 }
 
 bool EqualityCheck::ValuesEqual(const View::Unit& a, const View::Unit& b) {
-  return ContentsEqual(a, b) && Finish(0);
+  return Finish(ContentsEqual(a, b), 0);
 }
 
 bool EqualityCheck::TraitsIncluded(const View::Unit& a, const View::Unit& b) {
@@ -194,19 +192,44 @@ bool EqualityCheck::Begin(const View::Unit& a, const View::Unit& b) {
   ValueComparator comparator(*this, a, b, false);
   BinaryValueOperation::Resolve(comparator, a, b);
   if (!comparator.equal) return false;
-  if (HasTraits(a) || HasTraits(b)) tasks_.Push({&a, &b, kTraits});
+  if (HasTraits(a) || HasTraits(b)) tasks_.Push({&a, &b, kTraits, nullptr});
   return true;
 }
 
-bool EqualityCheck::Finish(std::size_t base) {
-  while (tasks_.GetSize() > base) {
-    const Task task = tasks_.Pop();
-    if (!(task.part == kContents ? ContentsEqual(*task.left, *task.right)
-                                 : TraitsEqual(*task.left, *task.right))) {
-      return false;
+bool EqualityCheck::Finish(bool so_far, std::size_t base) {
+  const std::size_t outermost = matchings_.GetSize();
+  bool holds = so_far;
+  while (true) {
+    const std::size_t depth = matchings_.GetSize();
+    std::size_t floor = depth == outermost ? base : matchings_[depth - 1].tasks;
+    while (holds && tasks_.GetSize() > floor) {
+      const Task task = tasks_.Pop();
+      switch (task.part) {
+        case kContents:
+          holds = ContentsEqual(*task.left, *task.right);
+          break;
+        case kTraits:
+          holds = TraitsEqual(*task.left, *task.right);
+          break;
+        case kTraitsOfName:
+          BeginMatching(task);
+          floor = tasks_.GetSize();
+          holds = false;  // the answer to no question yet
+          break;
+      }
+    }
+    tasks_.Truncate(floor);
+    if (matchings_.GetSize() == outermost) return holds;
+    Matching& matching = matchings_[matchings_.GetSize() - 1];
+    const Step step = Advance(matching, holds);
+    if (step == Step::kAsk) {
+      holds = Begin(traits_[matching.lefts.begin + matching.left]->GetValue(),
+                    traits_[matching.rights.begin + matching.right]->GetValue());
+    } else {
+      holds = step == Step::kMatch;
+      EndMatching();
     }
   }
-  return true;
 }
 
 bool EqualityCheck::ContentsEqual(const View::Unit& a, const View::Unit& b) {
@@ -217,52 +240,88 @@ bool EqualityCheck::ContentsEqual(const View::Unit& a, const View::Unit& b) {
 
 bool EqualityCheck::TraitsEqual(const View::Unit& a, const View::Unit& b) {
   const std::size_t base = traits_.GetSize();
-  const Group lefts = Collect(a.GetTraits());
-  const Group rights = Collect(b.GetTraits());
-  const bool equal = AllMatch(lefts, rights);
-  traits_.Truncate(base);
-  return equal;
-}
-
-bool EqualityCheck::AllMatch(Group lefts, Group rights) {
-  while (lefts.GetSize() != 0 && rights.GetSize() != 0) {
-    if (CompareNames(lefts, rights) != 0) return false;
+  Group lefts = Collect(a.GetTraits());
+  Group rights = Collect(b.GetTraits());
+  bool equal = true;
+  while (equal && lefts.GetSize() != 0 && rights.GetSize() != 0) {
+    equal = CompareNames(lefts, rights) == 0;
+    if (!equal) break;
     const Group left_group = FirstGroup(lefts);
     const Group right_group = FirstGroup(rights);
+    const View::Trait& left = *traits_[lefts.begin];
     if (left_group.GetSize() == 1 && right_group.GetSize() == 1) {
       // Nothing else can be the partner, so this is one more thing that must hold.
-      if (!Begin(traits_[lefts.begin]->GetValue(), traits_[rights.begin]->GetValue())) return false;
-    } else if (!GroupsEqual(left_group, right_group)) {
-      return false;
+      equal = Begin(left.GetValue(), traits_[rights.begin]->GetValue());
+    } else {
+      tasks_.Push({&a, &b, kTraitsOfName, &left.GetName()});
     }
     lefts.begin = left_group.end;
     rights.begin = right_group.end;
   }
-  return lefts.GetSize() == rights.GetSize();
+  traits_.Truncate(base);
+  return equal && lefts.GetSize() == rights.GetSize();
 }
 
-bool EqualityCheck::GroupsEqual(Group lefts, Group rights) {
-  const std::size_t partners = marks_.GetSize();
-  const std::size_t matched = partners + lefts.GetSize();
-  for (std::size_t i = 0; i < lefts.GetSize() + rights.GetSize(); ++i) marks_.Push(0);
-  bool equal = true;
-  for (std::uint32_t i = 0; equal && i < lefts.GetSize(); ++i) {
-    const std::uint32_t partner = FindPartner(lefts, rights, i);
-    marks_[partners + i] = partner;
-    equal = partner != kNone;
-    if (equal) marks_[matched + partner] = 1;
-  }
-  for (std::uint32_t i = 0; equal && i < rights.GetSize(); ++i) {
-    equal = marks_[matched + i] != 0 || HasPartner(lefts, rights, i, partners);
-  }
-  marks_.Truncate(partners);
-  return equal;
+void EqualityCheck::BeginMatching(const Task& task) {
+  const Group lefts = Collect(task.left->GetTraits(), *task.name);
+  const Group rights = Collect(task.right->GetTraits(), *task.name);
+  const std::size_t marks = marks_.GetSize();
+  for (std::uint32_t i = 0; i < lefts.GetSize() + rights.GetSize(); ++i) marks_.Push(0);
+  matchings_.Push({lefts, rights, marks, tasks_.GetSize(), 0, 0, kNone, false});
 }
 
-EqualityCheck::Group EqualityCheck::Collect(const View::Traits& traits) {
+void EqualityCheck::EndMatching() {
+  const Matching matching = matchings_.Pop();
+  traits_.Truncate(matching.lefts.begin);
+  marks_.Truncate(matching.marks);
+}
+
+EqualityCheck::Step EqualityCheck::Advance(Matching& matching, bool answer) {
+  const std::uint32_t lefts = matching.lefts.GetSize();
+  const std::uint32_t rights = matching.rights.GetSize();
+  const std::size_t partners = matching.marks;
+  const std::size_t matched = matching.marks + lefts;
+  if (!matching.on_rights) {
+    if (answer) {
+      marks_[partners + matching.left] = matching.right;
+      marks_[matched + matching.right] = 1;
+      ++matching.left;
+      matching.attempt = 0;
+    } else {
+      ++matching.attempt;
+    }
+    if (matching.left < lefts) {
+      for (; matching.attempt <= rights; ++matching.attempt) {
+        matching.right = GetCandidate(matching.left, matching.attempt, matching.rights);
+        if (matching.right != kNone) return Step::kAsk;
+      }
+      return Step::kDiffer;
+    }
+    matching.on_rights = true;
+    matching.left = 0;
+    matching.right = 0;
+  } else if (answer) {
+    ++matching.right;
+    matching.left = 0;
+  } else {
+    ++matching.left;
+  }
+  for (; matching.right < rights; ++matching.right, matching.left = 0) {
+    if (marks_[matched + matching.right] != 0) continue;
+    for (; matching.left < lefts; ++matching.left) {
+      const std::uint32_t partner = marks_[partners + matching.left];
+      if (!WasCompared(matching.left, partner, matching.right)) return Step::kAsk;
+    }
+    return Step::kDiffer;
+  }
+  return Step::kMatch;
+}
+
+template <class... Names>
+EqualityCheck::Group EqualityCheck::Collect(const View::Traits& traits, const Names&... name) {
   const std::size_t begin = traits_.GetSize();
   auto all = MakeProcessor<const View::Trait>([this](const View::Trait& t) { traits_.Push(&t); });
-  traits.ForEach(all);
+  traits.ForEach(name..., all);
   return {begin, traits_.GetSize()};
 }
 
@@ -282,23 +341,30 @@ bool EqualityCheck::TraitsEqualAt(std::size_t left, std::size_t right) {
   return UnitsEqual(traits_[left]->GetValue(), traits_[right]->GetValue());
 }
 
-// The right trait at the same place first: it is the partner whenever the two sides are equal.
-std::uint32_t EqualityCheck::FindPartner(Group lefts, Group rights, std::uint32_t index) {
-  const std::size_t left = lefts.begin + index;
-  if (index < rights.GetSize() && TraitsEqualAt(left, rights.begin + index)) return index;
-  for (std::uint32_t i = 0; i < rights.GetSize(); ++i) {
-    if (i != index && TraitsEqualAt(left, rights.begin + i)) return i;
+std::uint32_t EqualityCheck::GetCandidate(std::uint32_t left, std::uint32_t attempt, Group rights) {
+  if (attempt == 0) return left < rights.GetSize() ? left : kNone;
+  return attempt - 1 != left ? attempt - 1 : kNone;
+}
+
+bool EqualityCheck::WasCompared(std::uint32_t left, std::uint32_t partner, std::uint32_t right) {
+  return right == left || (partner != left && right <= partner);
+}
+
+std::uint32_t EqualityCheck::FindPartner(Group lefts, Group rights, std::uint32_t left) {
+  for (std::uint32_t attempt = 0; attempt <= rights.GetSize(); ++attempt) {
+    const std::uint32_t right = GetCandidate(left, attempt, rights);
+    if (right != kNone && TraitsEqualAt(lefts.begin + left, rights.begin + right)) return right;
   }
   return kNone;
 }
 
-// Looks only at the left traits that FindPartner did not compare with this one.
-bool EqualityCheck::HasPartner(Group lefts, Group rights, std::uint32_t index,
+bool EqualityCheck::HasPartner(Group lefts, Group rights, std::uint32_t right,
                                std::size_t partners) {
   for (std::uint32_t i = 0; i < lefts.GetSize(); ++i) {
-    const std::uint32_t partner = marks_[partners + i];
-    const bool compared = i == index || (partner != i && index <= partner);
-    if (!compared && TraitsEqualAt(lefts.begin + i, rights.begin + index)) return true;
+    if (!WasCompared(i, marks_[partners + i], right) &&
+        TraitsEqualAt(lefts.begin + i, rights.begin + right)) {
+      return true;
+    }
   }
   return false;
 }

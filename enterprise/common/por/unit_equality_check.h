@@ -12,9 +12,8 @@
 
 namespace Por::Util::Detail {
 
-// The equality of two trees, worked off from a stack of its own. Any two units meet at most once,
-// so the cost is at most the product of the sizes of the trees. Only traits that repeat a name make
-// it recurse, one step for each level of such traits.
+// The equality of two trees, worked off from stacks of its own: no recursion, and any two units
+// meet at most once, so the cost is at most the product of the sizes of the trees.
 //
 // For one computation on one thread; the trees must not change meanwhile. Throws std::bad_alloc.
 class EqualityCheck : public Common::NonCopyable {
@@ -30,46 +29,71 @@ class EqualityCheck : public Common::NonCopyable {
   class ArrayEqualityChecker;
   class CompositeEqualityChecker;
 
-  enum Part : std::uint32_t { kContents, kTraits };
+  // What must hold for two units: that their elements or properties are equal, that all their
+  // traits match, or that their traits of one name, which one of them has several times, match.
+  enum Part : std::uint32_t { kContents, kTraits, kTraitsOfName };
   struct Task {
     const View::Unit* left;
     const View::Unit* right;
     Part part;
+    const Name* name;
   };
   // Traits of one name, as places in `traits_`.
   struct Group {
     std::size_t begin;
     std::size_t end;
-    std::size_t GetSize() const { return end - begin; }
+    std::uint32_t GetSize() const { return static_cast<std::uint32_t>(end - begin); }
   };
+  // The search for partners within two groups, which asks for the equality of one pair of traits
+  // after the other: first a partner for each left trait, then one for each right trait that
+  // became no partner.
+  struct Matching {
+    Group lefts;
+    Group rights;
+    std::size_t marks;  // place in `marks_`: partners of the left traits, then which right are one
+    std::size_t tasks;  // those from this place on must hold for the pair that is asked for
+    std::uint32_t left;
+    std::uint32_t right;
+    std::uint32_t attempt;  // for `left`
+    bool on_rights;
+  };
+  enum class Step { kAsk, kMatch, kDiffer };
   static constexpr std::uint32_t kNone = 0xFFFFFFFF;
 
-  // What is marked as not inlined stays out of the frames of the recursion.
-  //
   // False when the two units are seen to differ at once; what is still to be looked at is put on
   // the stack.
-  [[gnu::noinline]] bool Begin(const View::Unit& a, const View::Unit& b);
-  // Works off the stack down to `base`.
-  bool Finish(std::size_t base);
-  [[gnu::noinline]] bool ContentsEqual(const View::Unit& a, const View::Unit& b);
+  bool Begin(const View::Unit& a, const View::Unit& b);
+  // Whether `so_far` and all tasks from `base` on hold. Leaves none of them.
+  bool Finish(bool so_far, std::size_t base);
+  bool ContentsEqual(const View::Unit& a, const View::Unit& b);
   bool TraitsEqual(const View::Unit& a, const View::Unit& b);
-  bool AllMatch(Group lefts, Group rights);
-  bool GroupsEqual(Group lefts, Group rights);
 
-  [[gnu::noinline]] Group Collect(const View::Traits& traits);
+  void BeginMatching(const Task& task);
+  void EndMatching();
+  // Takes the answer for the pair asked for last, chooses the next one.
+  Step Advance(Matching& matching, bool answer);
+
+  template <class... Names>
+  Group Collect(const View::Traits& traits, const Names&... name);
   // The traits of the first name of `rest`.
   Group FirstGroup(Group rest) const;
   // Sign of the order of the first names of two rests.
   int CompareNames(Group lefts, Group rights) const;
   bool TraitsEqualAt(std::size_t left, std::size_t right);
-  // Index in `rights` of a partner of the left trait `index`, or kNone.
-  std::uint32_t FindPartner(Group lefts, Group rights, std::uint32_t index);
-  // Whether an unmatched right trait `index` has a partner after all. `partners` is the place in
-  // `marks_` of what FindPartner gave for each of `lefts`.
-  [[gnu::noinline]] bool HasPartner(Group lefts, Group rights, std::uint32_t index,
-                                    std::size_t partners);
+  // The right trait to compare with the left trait `left` as `attempt`, kNone to pass over that
+  // attempt. The one at the same place comes first: it is the partner if the sides are equal.
+  static std::uint32_t GetCandidate(std::uint32_t left, std::uint32_t attempt, Group rights);
+  // Whether the left trait `left`, whose partner was found to be `partner`, was compared with the
+  // right trait `right` on the way.
+  static bool WasCompared(std::uint32_t left, std::uint32_t partner, std::uint32_t right);
+  // Index in `rights` of a partner of the left trait `left`, or kNone.
+  std::uint32_t FindPartner(Group lefts, Group rights, std::uint32_t left);
+  // Whether an unmatched right trait has a partner after all. `partners` is the place in `marks_`
+  // of what FindPartner gave for each of `lefts`.
+  bool HasPartner(Group lefts, Group rights, std::uint32_t right, std::size_t partners);
 
   Por::Detail::SmallStack<Task, 16> tasks_;
+  Por::Detail::SmallStack<Matching, 2> matchings_;
   Por::Detail::SmallStack<const View::Trait*, 16> traits_;
   Por::Detail::SmallStack<std::uint32_t, 16> marks_;
 };

@@ -570,7 +570,8 @@ TEST(Cost, OfNestedTraitsIsNotExponential) {
 CountedUnit::Pointer Thicket(int depth, unsigned int end) {
   auto unit = CountedUnit::Make(end);
   for (int i = 1; i <= depth; ++i) {
-    unit = CountedUnit::Make(0, std::move(unit), Chain(i / 2, end + 5));
+    unit =
+        CountedUnit::Make(0, std::move(unit), Chain(i / 2, end + 5 + static_cast<unsigned int>(i)));
   }
   return unit;
 }
@@ -589,9 +590,9 @@ TEST(Cost, OfTheLeastUnmatchedTraitIsNotExponential) {
 // on a thread with a small stack.
 TEST(Cost, OfTheStackAllowsForTheDeepestTrees) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-  constexpr std::size_t kStack = 3u << 20;  // frames with red zones
+  constexpr std::size_t kStack = 2u << 20;  // frames with red zones
 #else
-  constexpr std::size_t kStack = 1u << 20;
+  constexpr std::size_t kStack = 512u << 10;
 #endif
   const auto check = [](void*) -> void* {
     for (int shape = 0; shape < 4; ++shape) {
