@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <regex>
 #include <string>
 #include <vector>
@@ -134,6 +137,116 @@ TEST(FailedQuery, PrintsTheWholeError) {
             "| file: enterprise/common/dml/tools/objprobe/main\n"
             "| function: CreateRemotePostOffice\n"
             "| $module: objprobe_lxa64_43267\n");
+}
+
+// A store with two objects, made by the store's own tool.
+class StoreReport : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    std::string folder = ::testing::TempDir() + "objprobe_program_test.XXXXXX";
+    ASSERT_NE(::mkdtemp(folder.data()), nullptr);
+    store_ = folder + "/objects.db";
+    const std::string text = folder + "/objects.txt";
+    std::ofstream(text) << R"(
+      .Array()
+        .Composite()
+          .Trait("Is").String("Task").End().Trait("Is").String("Object").End()
+          .Trait("PrimaryKey").Guid(3F2504E0-4F89-11D3-9A0C-0305E82C3301).End()
+          .Property("Size").QWord(4096).End()
+          .Property("Name").String("alpha").End()
+          .Property("Tags").Array().String("one").End().End()
+        .End()
+        .Composite()
+          .Trait("Is").String("Machine").End()
+          .Property("ID").Guid(00112233-4455-6677-8899-AABBCCDDEEFF)
+            .Trait("PrimaryKey").Nil().End().End()
+          .Property("Name").String(")"
+                           "\xC3\xA4"
+                           R"(").End()
+        .End()
+      .End())";
+    EXPECT_EQ(RunProgram(OBJPROBE_STORE, {"objprobe-store", "create", store_}).status, 0);
+    EXPECT_EQ(RunProgram(OBJPROBE_STORE, {"objprobe-store", "import", store_, text}).status, 0);
+  }
+  static void TearDownTestSuite() {
+    std::filesystem::remove_all(std::filesystem::path(store_).parent_path());
+  }
+
+  ProgramResult Query(const Words& query, Sink sink = Sink::kPipe) const {
+    Words words = {store_, "user", "password", "db"};
+    words.insert(words.end(), query.begin(), query.end());
+    return RunObjprobe(words, sink);
+  }
+
+  static constexpr char kTask[] =
+      "<object id=\"3F2504E0-4F89-11D3-9A0C-0305E82C3301\">\n"
+      "  Root (Composite)\n"
+      "    [Is (Common::String) = Object]\n"
+      "    [Is (Common::String) = Task]\n"
+      "    [PrimaryKey (Common::Guid) = 3F2504E0-4F89-11D3-9A0C-0305E82C3301]\n"
+      "    Name (Common::String) = alpha\n"
+      "    Size (y) = 4096\n"
+      "    Tags (Array)\n"
+      "      0 (Common::String) = one\n"
+      "</object>\n\n";
+  // The identification is the MD5 digest of the key unit's stream, computed with python3. The bytes
+  // of the text came in as one character each.
+  static constexpr char kMachine[] =
+      "<object id=\"5BAB4DEE-1413-BB61-94F4-9AB23B8BAC1D\">\n"
+      "  Root (Composite)\n"
+      "    [Is (Common::String) = Machine]\n"
+      "    ID (Common::Guid) = 00112233-4455-6677-8899-AABBCCDDEEFF\n"
+      "      [PrimaryKey (NIL)]\n"
+      "    Name (Common::String) = \xC3\x83\xC2\xA4\n"
+      "</object>\n\n";
+
+  static std::string store_;
+};
+std::string StoreReport::store_;
+
+TEST_F(StoreReport, PrintsTheObjectsOfTheQuery) {
+  const std::string all = std::string(kTask) + kMachine;
+  const struct {
+    Words query;
+    std::string text;
+  } cases[] = {
+      {{"Task"}, kTask},
+      {{"Object", "report"}, kTask},
+      {{"Machine", "more", "words"}, kMachine},
+      {{"task"}, ""},
+      {{"pattern", ".Nil().End()"}, "Interpret trace: .Nil().End()\n" + all},
+      {{"pattern", ".Composite().Property('Size').QWord(4096).End().End()", "report"},
+       "Interpret trace: .Composite().Property(\"Size\").QWord(4096).End().End()\n" +
+           std::string(kTask)},
+      {{"pattern", ".Composite().Property('Size').QWord(1).End().End()"},
+       "Interpret trace: .Composite().Property(\"Size\").QWord(1).End().End()\n"},
+      {{"pattern", "Nil()End()", "options",
+        ".Composite().Property(\"LimitOptions\").DWord(1).End().End()"},
+       "Interpret trace: .Composite().Property(\"LimitOptions\").Dword(1).End().End()\n"
+       "Interpret trace: .Nil().End()\n" +
+           std::string(kTask)},
+  };
+  for (const auto& c : cases) {
+    const ProgramResult result = Query(c.query);
+    EXPECT_EQ(result.out, c.text);
+    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(result.status, 0);
+  }
+}
+
+TEST_F(StoreReport, EndsInOrderWhenNobodyReads) {
+  const ProgramResult result = Query({"Task"}, Sink::kClosedPipe);
+  EXPECT_EQ(result.status, 141);
+  EXPECT_EQ(result.err, "");
+}
+
+TEST_F(StoreReport, AStoreThatIsNotThereEndsWithItsError) {
+  const ProgramResult result =
+      RunObjprobe({store_ + ".missing", "u", "p", "DB", "pattern", " ", "report"});
+  const std::string head =
+      "Interpret trace: \nError 0x40011: The specified file does not exist.\n| line\n";
+  EXPECT_EQ(WithoutPlaces(result.out).substr(0, head.size()), head);
+  EXPECT_EQ(result.status, 0x11);  // the low byte of the code
 }
 
 TEST(Output, AnUnusableStandardOutputEndsTheProgramInOrder) {
