@@ -37,6 +37,9 @@ class ArrayValueHolder final : public Construction::ArrayValue {
   void At(unsigned long long index, ItemProcessor<Construction::Unit>& processor) override;
   void ForEach(ItemProcessor<Construction::Unit>& processor) override;
 
+  // For whoever fills in the elements.
+  Detail::OwnedList<Construction::Unit>& GetList() { return elements_; }
+
  private:
   Detail::OwnedList<Construction::Unit> elements_;
 };

@@ -16,12 +16,11 @@ void MD5HashConsumer::Flush() {
 }
 
 void MD5HashConsumer::Consume(const unsigned char* bytes, std::uint32_t length) {
-  if (length > gathered_.size() - used_) {
-    Flush();
-    if (length >= gathered_.size()) {
-      md5_update(&state_, length, bytes);
-      return;
-    }
+  if (length > gathered_.size() - used_) Flush();
+  // Large enough to be hashed as it is.
+  if (used_ == 0 && length >= MD5_BLOCK_SIZE) {
+    md5_update(&state_, length, bytes);
+    return;
   }
   if (length != 0) std::memcpy(gathered_.data() + used_, bytes, length);
   used_ += length;

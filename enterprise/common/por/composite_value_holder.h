@@ -25,6 +25,9 @@ class CompositeValueHolder final : public Construction::CompositeValue {
   void Remove(const Name& name) override;
   PropertyIterator<Construction::Property> GetIterator() override;
 
+  // For whoever fills in the properties, in the order of their names.
+  Detail::OwnedList<Construction::Property>& GetList() { return properties_; }
+
  private:
   using Properties = Detail::OwnedList<Construction::Property>;
   struct IteratorState;

@@ -29,6 +29,12 @@ class Name {
   // Copies of the text; a code unit or byte 0 ends the name.
   explicit Name(const Common::String& text);
   static Name FromUtf8(std::string_view text);
+  // Keeps the address of zero-terminated UTF-8 that lives as long as the program, like a literal.
+  static Name FromImmortal(const char* text) noexcept {
+    Name name;
+    name.text_ = text;
+    return name;
+  }
 
   // A literal's address is shared, an own text copied. What was moved from is the empty name.
   Name(const Name& other) : text_(other.text_) {

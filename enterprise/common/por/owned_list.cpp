@@ -29,26 +29,34 @@ struct Disposal {
 };
 constinit thread_local Disposal disposal{0, nullptr};
 
+// A bit beside the content of a waiting block: its memory is not its own.
+constexpr std::uint32_t kBorrowed = 1u << 31;
+
+bool IsBorrowed(const OwnedBlock* block) {
+  return block->next == block;
+}
+
 template <class T>
-void DestroyBlock(OwnedBlock* block) noexcept {
+void DestroyBlock(OwnedBlock* block, bool borrowed) noexcept {
   T** const slots = reinterpret_cast<T**>(block + 1);
   for (std::uint32_t i = 0; i < block->size; ++i) delete slots[i];
-  ::operator delete(block);
+  if (!borrowed) ::operator delete(block);
 }
 
 void DestroyWaiting() noexcept {
   while (disposal.waiting != nullptr) {
     OwnedBlock* const block = disposal.waiting;
     disposal.waiting = block->next;
-    switch (static_cast<Content>(block->capacity)) {
+    const bool borrowed = (block->capacity & kBorrowed) != 0;
+    switch (static_cast<Content>(block->capacity & ~kBorrowed)) {
       case kUnits:
-        DestroyBlock<Construction::Unit>(block);
+        DestroyBlock<Construction::Unit>(block, borrowed);
         break;
       case kProperties:
-        DestroyBlock<Construction::Property>(block);
+        DestroyBlock<Construction::Property>(block, borrowed);
         break;
       case kTraits:
-        DestroyBlock<View::Trait>(block);
+        DestroyBlock<View::Trait>(block, borrowed);
         break;
     }
   }
@@ -59,13 +67,13 @@ void DestroyWaiting() noexcept {
 template <class T>
 void OwnedList<T>::Dispose(OwnedBlock* block) noexcept {
   if (disposal.depth == kPlainDepth) {
-    block->capacity = kContent<T>;
+    block->capacity = kContent<T> | (IsBorrowed(block) ? kBorrowed : 0);
     block->next = disposal.waiting;
     disposal.waiting = block;
     return;
   }
   ++disposal.depth;
-  DestroyBlock<T>(block);
+  DestroyBlock<T>(block, IsBorrowed(block));
   if (disposal.depth == 1) DestroyWaiting();
   --disposal.depth;
 }
@@ -89,7 +97,7 @@ void OwnedList<T>::Grow() {
   grown->capacity = capacity;
   if (block_ != nullptr) {
     std::memcpy(grown + 1, block_ + 1, sizeof(T*) * size);
-    ::operator delete(block_);
+    if (!IsBorrowed(block_)) ::operator delete(block_);
   }
   block_ = grown;
 }
@@ -101,6 +109,14 @@ void OwnedList<T>::Insert(std::size_t index, Owner item) {
   std::memmove(slots + index + 1, slots + index, sizeof(T*) * (block_->size - index));
   slots[index] = item.release();
   ++block_->size;
+}
+
+template <class T>
+void OwnedList<T>::Borrow(void* memory, void* const* items, std::size_t count) noexcept {
+  const std::uint32_t size = static_cast<std::uint32_t>(count);
+  block_ = new (memory) OwnedBlock{nullptr, size, size};
+  block_->next = block_;
+  for (std::size_t i = 0; i < count; ++i) Slots()[i] = static_cast<T*>(items[i]);
 }
 
 template <class T>

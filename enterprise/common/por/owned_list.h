@@ -9,9 +9,11 @@
 
 namespace Por::Detail {
 
-// Head of the one heap block of an OwnedList; the slots follow it.
+// Head of the one block of an OwnedList; the slots follow it.
 struct OwnedBlock {
-  OwnedBlock* next;  // used only while the block waits for its destruction
+  // The block itself if its memory is borrowed, else null; while it waits for its destruction the
+  // next one that waits.
+  OwnedBlock* next;
   std::uint32_t size;
   std::uint32_t capacity;
 };
@@ -48,6 +50,14 @@ class OwnedList : public Common::NonCopyable {
   void Replace(std::size_t index, Owner item) noexcept;
   // Destroys the items from `first` up to but not including `last`; both at most the size.
   void Erase(std::size_t first, std::size_t last) noexcept;
+
+  // Gives an empty list `count` items, at most 2^32 - 1, in memory of the caller: GetBlockSize
+  // bytes, aligned for pointers, which must outlive the list. The items, each made of a T*, become
+  // the list's own.
+  static constexpr std::size_t GetBlockSize(std::size_t count) {
+    return sizeof(OwnedBlock) + sizeof(T*) * count;
+  }
+  void Borrow(void* memory, void* const* items, std::size_t count) noexcept;
 
  private:
   T** Slots() const noexcept { return reinterpret_cast<T**>(block_ + 1); }

@@ -19,6 +19,9 @@ class TraitsHolder final : public Construction::Traits {
   void Add(OwnedTrait trait) override;
   unsigned int Remove(const Name& name) override;
 
+  // For whoever fills in the traits, in their order.
+  Detail::OwnedList<View::Trait>& GetList() { return traits_; }
+
  private:
   // Index of the first trait whose name does not lie before `name`.
   std::size_t LowerBound(const Name& name) const;

@@ -5,12 +5,14 @@
 #include <new>
 #include <string>
 #include <string_view>
+#include <typeinfo>
 
 #include "core/common/message_table.h"
 #include "enterprise/common/por/binary_data.h"
 #include "enterprise/common/por/module_error.h"
 #include "enterprise/common/por/unit_accumulator.h"
 #include "enterprise/common/por/unit_stream.h"
+#include "enterprise/common/por/unit_stream_reader.h"
 
 namespace Por::Util {
 namespace {
@@ -199,6 +201,9 @@ void WriteUnitBlob(const View::Unit& unit, std::vector<unsigned char>& bytes) {
 OwnedUnit ReadUnitBlob(const unsigned char* data, std::size_t size,
                        const Construction::UnitFactory& factory) {
   if (size == 0) return nullptr;
+  if (typeid(factory) == typeid(Construction::InMemoryUnitFactory)) {
+    if (OwnedUnit unit = UnitStream::ReadWellFormed(data, size)) return unit;
+  }
   UnitAccumulator accumulator(factory);
   UnitBuildingWalker walker(accumulator);
   Follower follower(data, size, walker);

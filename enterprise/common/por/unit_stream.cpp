@@ -25,11 +25,11 @@ static_assert(std::endian::native == std::endian::little, "numbers are written a
 // Bytes on their way to a consumer.
 class Buffer {
  public:
-  explicit Buffer(BinaryDataConsumer& consumer) : consumer_(&consumer) {}
+  Buffer(BinaryDataConsumer& consumer, std::size_t piece) : consumer_(&consumer), piece_(piece) {}
 
   // Room for `size` bytes, at most kRoom, of which Advance tells how many were used.
   unsigned char* Reserve(std::size_t size) {
-    if (size > kSize - used_) Flush();
+    if (size > kWholeBuffer - used_) Flush();
     return bytes_ + used_;
   }
   void Advance(std::size_t size) { used_ += size; }
@@ -45,6 +45,15 @@ class Buffer {
     Advance(size);
   }
 
+  // Hands on what makes up whole pieces.
+  void FlushPieces() {
+    if (used_ < piece_) return;
+    const std::size_t rest = used_ % piece_;
+    consumer_->Consume(bytes_, static_cast<std::uint32_t>(used_ - rest));
+    std::memmove(bytes_, bytes_ + used_ - rest, rest);
+    used_ = rest;
+  }
+
   void Flush() {
     if (used_ != 0) consumer_->Consume(bytes_, static_cast<std::uint32_t>(used_));
     used_ = 0;
@@ -53,11 +62,10 @@ class Buffer {
   static constexpr std::size_t kRoom = 1024;
 
  private:
-  static constexpr std::size_t kSize = 4096;
-
   BinaryDataConsumer* consumer_;
+  std::size_t piece_;
   std::size_t used_ = 0;
-  unsigned char bytes_[kSize];  // not initialised: only what was written is read
+  unsigned char bytes_[kWholeBuffer];  // not initialised: only what was written is read
 };
 
 class Writer final : public View::UnitReader,
@@ -65,13 +73,14 @@ class Writer final : public View::UnitReader,
                      public ItemProcessor<const View::Property>,
                      public ItemProcessor<const View::Trait> {
  public:
-  explicit Writer(BinaryDataConsumer& consumer) : buffer_(consumer) {}
+  Writer(BinaryDataConsumer& consumer, std::size_t piece) : buffer_(consumer, piece) {}
 
   void WriteUnit(const View::Unit& unit) {
     PutTag(kUnitBegin);
     unit.Accept(*this);
     unit.GetTraits().ForEach(*this);
     PutTag(kUnitEnd);
+    buffer_.FlushPieces();
   }
   void Flush() { buffer_.Flush(); }
 
@@ -140,28 +149,25 @@ class Writer final : public View::UnitReader,
     buffer_.Put(bytes, size);
   }
 
-  // Plain ASCII, which names nearly always are, is widened straight into the buffer.
+  // Short ASCII, which names nearly always are, is widened straight into the buffer.
   void PutName(unsigned char tag, const Name& name) {
-    const char* const text = name.GetText();
-    const std::size_t size = std::strlen(text);
     constexpr std::size_t kHead = 6;
-    if (kHead + 2 * size <= Buffer::kRoom) {
-      unsigned char* const out = buffer_.Reserve(kHead + 2 * size);
-      const std::uint32_t count = static_cast<std::uint32_t>(2 * size);
-      out[0] = tag;
-      out[1] = kString;
-      std::memcpy(out + 2, &count, sizeof count);
-      unsigned char seen = 0;
-      for (std::size_t i = 0; i < size; ++i) {
-        const unsigned char byte = static_cast<unsigned char>(text[i]);
-        seen |= byte;
-        out[kHead + 2 * i] = byte;
-        out[kHead + 2 * i + 1] = 0;
-      }
-      if (seen < 0x80) {
-        buffer_.Advance(kHead + 2 * size);
+    constexpr std::size_t kShort = 64;
+    unsigned char* const out = buffer_.Reserve(kHead + sizeof(char16_t) * kShort);
+    const char* const text = name.GetText();
+    std::uint32_t size = 0;
+    for (std::size_t i = 0; i < kShort; ++i) {
+      const char16_t unit = static_cast<unsigned char>(text[i]);
+      if (unit == 0) {
+        out[0] = tag;
+        out[1] = kString;
+        std::memcpy(out + 2, &size, sizeof size);
+        buffer_.Advance(kHead + size);
         return;
       }
+      if (unit >= 0x80) break;
+      std::memcpy(out + kHead + size, &unit, sizeof unit);
+      size += sizeof unit;
     }
     PutTag(tag);
     const Common::String wide = name.ToString();
@@ -181,8 +187,8 @@ std::uint32_t CheckCount(std::size_t length) {
   return static_cast<std::uint32_t>(length);
 }
 
-void Write(const View::Unit& unit, BinaryDataConsumer& consumer) {
-  Writer writer(consumer);
+void Write(const View::Unit& unit, BinaryDataConsumer& consumer, std::size_t piece) {
+  Writer writer(consumer, piece);
   writer.WriteUnit(unit);
   writer.Flush();
 }

@@ -26,8 +26,11 @@ enum Tag : unsigned char {
 // The count that is written for `length` bytes; ModuleError 0xFA000F if it has no room for them.
 std::uint32_t CheckCount(std::size_t length);
 
+inline constexpr std::size_t kWholeBuffer = 4096;
+
 // Writes the whole stream of `unit`, the same bytes as a walk with a BinaryDataProvider, and
-// several times as fast: items are laid into a buffer, the consumer sees large pieces.
-void Write(const View::Unit& unit, BinaryDataConsumer& consumer);
+// several times as fast: items are laid into a buffer. The consumer sees what the buffer holds when
+// it is full or, as soon as a unit ends, what makes up whole pieces of `piece` bytes.
+void Write(const View::Unit& unit, BinaryDataConsumer& consumer, std::size_t piece = kWholeBuffer);
 
 }  // namespace Por::Util::UnitStream

@@ -3,10 +3,16 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
 
+#include "enterprise/common/por/assign_unit.h"
 #include "enterprise/common/por/binary_data.h"
 #include "enterprise/common/por/module_error.h"
 #include "enterprise/common/por/unit_accumulator.h"
+#include "enterprise/common/por/unit_helpers.h"
 #include "enterprise/common/por/unit_operations.h"
 #include "enterprise/common/por/walk_unit.h"
 #include "tests/enterprise/common/por/stream_support.h"
@@ -243,7 +249,8 @@ TEST(UnitBlob, EveryTruncationIsRefusedOrGivesNoUnit) {
   }
 }
 
-// Whatever is accepted survives writing and reading; whatever is not is an error of this model.
+// Whatever is accepted survives writing and reading; whatever is not is an error of this model. The
+// quick way of well-formed streams and the long way of all others come to the same.
 TEST(UnitBlob, ChangedBytesNeverGetThroughAsSomethingElse) {
   const Bytes whole = Write(*MakeRichUnit());
   std::size_t accepted = 0;
@@ -256,6 +263,9 @@ TEST(UnitBlob, ChangedBytesNeverGetThroughAsSomethingElse) {
       const bool known =
           code == 0 || code == 0xFA0021 || code == 0xFA000A || code == 0xFA000B || code == 0xFA0011;
       EXPECT_TRUE(known) << at << ": " << std::hex << code;
+      EXPECT_EQ(Streams::Outcome(bytes, *GetStaticUnitFactory()),
+                Streams::Outcome(bytes, Streams::PlainFactory()))
+          << at;
       if (unit == nullptr) continue;
       ++accepted;
       const Bytes again = Write(*unit);
@@ -263,6 +273,134 @@ TEST(UnitBlob, ChangedBytesNeverGetThroughAsSomethingElse) {
     }
   }
   EXPECT_GT(accepted, whole.size());
+}
+
+TEST(UnitBlob, BothWaysOfReadingComeToTheSame) {
+  std::vector<std::pair<std::string, Bytes>> streams;
+  for (const Case& item : kCases) streams.emplace_back(item.name, FromHex(item.hex));
+  const auto add = [&](const char* name, auto calls) {
+    streams.emplace_back(name, Write(*Make(calls)));
+  };
+  // Traits of one name go by their values; here each goes to the end, in the next ones not.
+  add("Traits", [](const UnitConstructor& u) {
+    u.Composite();
+    for (int i = 1; i < 6; ++i) u.Trait("t").SDWord(i).End();
+    u.Trait("u").Array().Nil().End().End().End();
+  });
+  streams.emplace_back("TraitsOutOfOrder",
+                       FromHex("55 43 54 0D 02000000 7400 55 02 02 45 54 0D 02000000 7400 55 02 01"
+                               "45 54 0D 02000000 6100 55 00 45 45"));
+  streams.emplace_back("TraitTwice",
+                       FromHex("55 43 54 0D 02000000 7400 55 02 02 45 54 0D 02000000 7400 55 02 02"
+                               "45 45"));
+  streams.emplace_back("TraitNaNTwice",
+                       FromHex("55 43 54 0D 02000000 7400 55 0A 000000000000F87F 45"
+                               "54 0D 02000000 7400 55 0A 000000000000F87F 45 45"));
+  streams.emplace_back("MembersOutOfOrder",
+                       FromHex("55 43 50 0D 02000000 6200 55 02 02 45 50 0D 02000000 6100 55 00 45"
+                               "45"));
+  streams.emplace_back("MemberTwice", FromHex("55 43 50 0D 02000000 6200 55 02 02 45"
+                                              "50 0D 02000000 6200 55 02 03 45 45"));
+  streams.emplace_back("MemberBehindTrait",
+                       FromHex("55 43 54 0D 02000000 6200 55 02 02 45 50 0D 02000000 6200 55 02 03"
+                               "45 45"));
+  streams.emplace_back("MoreBehindTheRoot", FromHex("55 43 45 55 00 45"));
+  streams.emplace_back("LongNames", Write(*Make([](const UnitConstructor& u) {
+                         u.Composite();
+                         for (std::size_t size = 0; size < 100; ++size) {
+                           u.Property(Name::FromUtf8(std::string(size, 'n'))).Nil().End();
+                         }
+                         u.End();
+                       })));
+  // More names than are kept.
+  streams.emplace_back("ManyNames", Write(*Make([](const UnitConstructor& u) {
+                         u.Composite();
+                         for (int i = 0; i < 5000; ++i) {
+                           u.Property(Name::FromUtf8("Property" + std::to_string(i))).Nil().End();
+                         }
+                         u.End();
+                       })));
+  // More children than fit into any first place for them.
+  streams.emplace_back("ManyElements", Write(*Make([](const UnitConstructor& u) {
+                         u.Composite().Property("a").Array();
+                         for (int i = 0; i < 3000; ++i) u.QWord(1).End();
+                         u.End().End();
+                       })));
+  for (const auto& [name, bytes] : streams) {
+    EXPECT_EQ(Streams::Outcome(bytes, *GetStaticUnitFactory()),
+              Streams::Outcome(bytes, Streams::PlainFactory()))
+        << name;
+  }
+}
+
+// A tree that was read is one like any other: changes all over it give what they give on a copy.
+TEST(UnitBlob, WhatWasReadCanBeChangedEverywhere) {
+  const Construction::UnitFactory& factory = *GetStaticUnitFactory();
+  const auto change = [&](Construction::Unit& root) {
+    const Common::String long_text(50, u'x');
+    AddProperty(root, "Name", factory.CreateString(long_text), factory);
+    AddProperty(root, "Another", factory.CreateComposite(), factory);
+    DeleteProperty(root, "Guid");
+    DeleteProperty(root, "Error");
+    AddTrait(root, "Is", factory.CreateString(long_text), factory);
+    root.GetTraits().Remove("Nothing");
+    Construction::Unit& list = GetProperty(root, "List").GetValue();
+    for (int i = 0; i < 20; ++i) AppendToArray(list, factory.CreateByte(1));
+    AddProperty(*GetArrayElement(list, 1), "y", factory.CreateString(long_text), factory);
+    AddTrait(*GetArrayElement(list, 2), "t", factory.CreateNil(), factory);
+    AssignUnit(GetProperty(root, "Blob").GetValue(), *factory.CreateBlob(Bytes(100, 7)), factory);
+    AssignUnit(GetProperty(root, "Numbers").GetValue(), list, factory);
+    GetProperty(root, "Double")
+        .GetValue()
+        .GetTraits()
+        .Add(factory.CreateTrait("d", factory.CreateError(Common::Error(7, Common::LineTag()))));
+  };
+  const Bytes bytes = Write(*MakeRichUnit());
+  const OwnedUnit read = Read(bytes);
+  const OwnedUnit copy = CopyUnit(*read, factory);
+  change(*read);
+  change(*copy);
+  EXPECT_EQ(ToHex(Write(*read)), ToHex(Write(*copy)));
+}
+
+// Nothing that was copied out of a tree hangs on the tree.
+TEST(UnitBlob, NamesAndPartsOutliveTheTree) {
+  OwnedUnit read = Read(Write(*MakeRichUnit()));
+  const Name name = FindProperty(std::as_const(*read), "Numbers")->GetName();
+  const OwnedUnit part =
+      CopyUnit(FindProperty(std::as_const(*read), "List")->GetValue(), *GetStaticUnitFactory());
+  OwnedUnit owner = GetStaticUnitFactory()->CreateArray();
+  AppendToArray(*owner, std::move(read));
+  EXPECT_EQ(GetArraySize(*owner), 1u);
+  owner.reset();
+  EXPECT_STREQ(name.GetText(), "Numbers");
+  EXPECT_EQ(GetArraySize(*part), 3u);
+}
+
+// Threads that meet the same new names at the same time, and trees that die on other threads.
+TEST(UnitBlob, IsReadOnManyThreads) {
+  const auto make = [](int names) {
+    return Make([&](const UnitConstructor& u) {
+      u.Composite();
+      for (int i = 0; i < names; ++i) {
+        u.Property(Name::FromUtf8("Thread" + std::to_string(i))).String(u"a longer text").End();
+      }
+      u.End();
+    });
+  };
+  const Bytes bytes = Write(*make(200));
+  std::vector<OwnedUnit> units(8 * 20);
+  std::vector<std::thread> threads;
+  for (std::size_t thread = 0; thread < 8; ++thread) {
+    threads.emplace_back([&, thread] {
+      for (std::size_t i = 0; i < 20; ++i) {
+        Read(bytes);
+        units[thread * 20 + i] = Read(bytes);
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  for (const OwnedUnit& unit : units) EXPECT_EQ(Write(*unit), bytes);
 }
 
 Bytes Nested(unsigned int levels, std::string_view down, std::string_view core) {
