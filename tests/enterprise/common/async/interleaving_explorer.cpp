@@ -159,7 +159,7 @@ void InterleavingExplorer::Abort(const std::string& what) {
 
 std::string InterleavingExplorer::Trail() const {
   std::string text = "; schedule";
-  for (const int number : trail_) text += " " + std::to_string(number);
+  for (const int number : trail_) text.append(" ").append(std::to_string(number));
   return text;
 }
 
