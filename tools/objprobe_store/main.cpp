@@ -79,7 +79,7 @@ int main(int argc, char** argv) {
       "import",
       "Store the objects of unit text files, all or none. The root of a file is one object or an\n"
       "array of objects. An object whose key is stored already takes the place of the old one.\n"
-      "A file is read as a whole, at about ten times its size in memory");
+      "A file is read as a whole and takes up to ten times its size in memory");
   import->add_option("FILE", files, "Files of unit text")->required();
   CLI::App* put = add_command("put", "Store the one object of a file and print its identification");
   put->add_option("FILE", file, "A file of unit text")->required();

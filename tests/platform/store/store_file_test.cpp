@@ -102,6 +102,50 @@ TEST_F(StoreFile, ConnectionStrings) {
   EXPECT_THROW(Dml::CreatePostOffice(ToConnection(path_) + u'\0' + u"x"), Common::Error);
 }
 
+// Leads to another store and keeps what it is given to wrap.
+class LeadingCustomizer final : public Dml::StoreCustomizer {
+ public:
+  explicit LeadingCustomizer(const Common::String& target) : target_(target) {}
+  std::unique_ptr<Dml::CoreObject> CustomizeStore(
+      std::unique_ptr<Dml::CoreObject> object) override {
+    EXPECT_NE(object, nullptr);
+    ++customized;
+    return object;
+  }
+  std::unique_ptr<Dml::DbConnectionString> ResolveConnectionString() override {
+    return std::make_unique<Dml::ResolvedConnectionString>(target_);
+  }
+
+  int customized = 0;
+
+ private:
+  const Common::String target_;
+};
+
+TEST_F(StoreFile, TheCustomizerResolvesTheConnectionString) {
+  StoreNumbered(2);
+  LeadingCustomizer customizer(ToConnection(path_));
+  Dml::CoreDispatcher* dispatcher = nullptr;
+  Common::Error error;
+  DML_Create(u"elsewhere", &customizer, Por::GetStaticUnitFactory(), &dispatcher, error);
+  ASSERT_EQ(error.GetCode(), 0U);
+  ASSERT_NE(dispatcher, nullptr);
+  EXPECT_EQ(customizer.customized, 1);
+  NumberReader reader;
+  EXPECT_EQ(Report(*dispatcher->CreatePostOffice(), {}, reader).GetCode(), 0U);
+  EXPECT_EQ(reader.numbers, (Numbers{1, 2}));
+  DML_Delete(&dispatcher, error);
+  EXPECT_EQ(dispatcher, nullptr);
+  EXPECT_EQ(error.GetCode(), 0U);
+
+  DML_Create(ToConnection(path_), nullptr, Por::GetStaticUnitFactory(), &dispatcher, error);
+  ASSERT_NE(dispatcher, nullptr);
+  DML_Delete(&dispatcher, error);
+  DML_Create(u"/nowhere", nullptr, Por::GetStaticUnitFactory(), &dispatcher, error);
+  EXPECT_EQ(dispatcher, nullptr);
+  EXPECT_EQ(error.GetCode(), 0x40011U);
+}
+
 TEST_F(StoreFile, BadStoresAreRefused) {
   const std::string open = "Error occurred while opening the file.\n";
   const std::string corrupted = "The file is corrupted.\n";
