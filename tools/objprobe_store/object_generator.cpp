@@ -315,7 +315,7 @@ class Maker {
     Mark("Is", u"Archive");
     build_.Property("Location");
     build_.String(u"vault://" + Common::String(random_.Pick(kCities)) + u"/" + ToText(seed_) +
-                  u"/" + ToText(group_) + u"/archive-" + ToText(place) + u".tib");
+                  u"/" + ToText(group_) + u"/archive-" + ToText(place) + u".arc");
     MarkNil("PrimaryKey");
     build_.End();
     Reference("PlanID", u"BackupPlan", MakeGuid(kPlan, place % kPlaces[kPlan]));
