@@ -1,0 +1,266 @@
+#include "platform/async_service/async_service.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <latch>
+#include <memory>
+#include <semaphore>
+#include <thread>
+#include <vector>
+
+#include "core/common/unix/event.h"
+#include "enterprise/common/async/action_adaptor.h"
+#include "enterprise/common/async/action_sequence.h"
+#include "enterprise/common/async/async_error.h"
+#include "enterprise/common/async/job_control.h"
+#include "enterprise/common/async/synchronizer.h"
+#include "enterprise/common/async/waiting_handler.h"
+#include "platform/async_service/elastic_pool.h"
+
+namespace Platform {
+namespace {
+
+template <class Function>
+class FunctionTask : public PoolTask {
+ public:
+  explicit FunctionTask(Function function) : function_(std::move(function)) {}
+  void Run() override { function_(); }
+
+ private:
+  Function function_;
+};
+
+template <class Function>
+std::shared_ptr<PoolTask> Task(Function function) {
+  return std::make_shared<FunctionTask<Function>>(std::move(function));
+}
+
+template <class Function>
+class FunctionWork : public Async::Work {
+ public:
+  explicit FunctionWork(Function function) : function_(std::move(function)) {}
+  Common::Error Execute() override { return function_(); }
+
+ private:
+  Function function_;
+};
+
+TEST(ElasticPool, HasNoThreadBeforeTheFirstTask) {
+  ElasticPool pool;
+  EXPECT_EQ(pool.GetThreadCount(), 0u);
+  std::binary_semaphore ran(0);
+  EXPECT_TRUE(pool.Post(Task([&] { ran.release(); })));
+  ran.acquire();
+  EXPECT_EQ(pool.GetThreadCount(), 1u);
+}
+
+// Each task waits for the one behind it: with a fixed number of threads this never ends.
+TEST(ElasticPool, GrowsForWorkThatWaitsForOtherWork) {
+  ElasticPool pool;
+  const std::size_t tasks = 4 * pool.GetParallelism();
+  for (const bool told : {false, true}) {
+    std::vector<std::unique_ptr<std::binary_semaphore>> done;
+    for (std::size_t i = 0; i <= tasks; ++i) {
+      done.push_back(std::make_unique<std::binary_semaphore>(0));
+    }
+    done[tasks]->release();
+    for (std::size_t i = 0; i < tasks; ++i) {
+      pool.Post(Task([&pool, told, next = done[i + 1].get(), own = done[i].get()] {
+        if (told) pool.NoteBlocked();
+        next->acquire();
+        own->release();
+      }));
+    }
+    done[0]->acquire();
+  }
+}
+
+TEST(ElasticPool, StopRunsWhatWasPostedAlsoByTheLastTasksAndThenTakesNothing) {
+  std::atomic<int> ran = 0;
+  ElasticPool pool;
+  for (int i = 0; i < 100; ++i) {
+    pool.Post(Task([&] {
+      if (ran++ < 50) pool.Post(Task([&] { ++ran; }));
+    }));
+  }
+  bool dropped = true;
+  pool.PostAt(ElasticPool::Clock::now() + std::chrono::hours(1), Task([&] { dropped = false; }));
+  pool.Stop();
+  EXPECT_GE(ran, 150);
+  EXPECT_TRUE(dropped);
+  EXPECT_EQ(pool.GetThreadCount(), 0u);
+  EXPECT_FALSE(pool.Post(Task([] {})));
+  EXPECT_FALSE(pool.PostAt(ElasticPool::Clock::now(), Task([] {})));
+}
+
+TEST(ElasticPool, TimersComeInTheirOrder) {
+  ElasticPool pool;
+  std::atomic<int> next = 0;
+  std::latch done(3);
+  const auto now = ElasticPool::Clock::now();
+  for (const int place : {2, 0, 1}) {
+    const auto time = now + std::chrono::milliseconds(20 * (place + 1));
+    pool.PostAt(time, Task([&, place, time] {
+                  EXPECT_GE(ElasticPool::Clock::now(), time);
+                  EXPECT_EQ(next++, place);
+                  done.count_down();
+                }));
+  }
+  done.wait();
+}
+
+TEST(AsyncService, PerformsWorkOnAnotherThreadAndTellsItsResult) {
+  AsyncService service;
+  std::thread::id thread;
+  FunctionWork work([&] {
+    thread = std::this_thread::get_id();
+    return Common::Error(7, Common::LineTag{});
+  });
+  Async::Synchronizer end;
+  const auto job = service.PerformWork(work, end);
+  EXPECT_EQ(end.Wait(job).GetCode(), 7u);
+  EXPECT_NE(thread, std::this_thread::get_id());
+  job->Cancel();  // too late, no effect
+
+  FunctionWork throws([]() -> Common::Error { throw Common::Error(8, Common::LineTag{}); });
+  EXPECT_EQ(end.Wait(service.PerformWork(throws, end)).GetCode(), 8u);
+  FunctionWork fails([]() -> Common::Error { throw std::bad_alloc(); });
+  EXPECT_EQ(end.Wait(service.PerformWork(fails, end)).GetCode(), Common::kOutOfMemoryCode);
+}
+
+TEST(AsyncService, WorkCanBeCancelledUntilItBegins) {
+  AsyncService service;
+  std::atomic<int> ran = 0;
+  std::atomic<int> told = 0;
+  std::atomic<int> canceled = 0;
+  struct Counter : Async::ActionHandler {
+    Counter(std::atomic<int>& all, std::atomic<int>& cancels) : told(all), canceled(cancels) {}
+    void Completed(Common::Error result) override {
+      if (result.GetCode() == Async::kCanceledCode) ++canceled;
+      ++told;
+    }
+    std::atomic<int>& told;
+    std::atomic<int>& canceled;
+  };
+  FunctionWork work([&] {
+    ++ran;
+    return Common::Error();
+  });
+  {
+    std::vector<std::unique_ptr<Counter>> handlers;
+    for (int i = 0; i < 2000; ++i) {
+      handlers.push_back(std::make_unique<Counter>(told, canceled));
+      const auto job = service.PerformWork(work, *handlers.back());
+      if (i % 2 == 0) job->Cancel();
+      job->Cancel();
+    }
+    service.Stop();
+  }
+  EXPECT_EQ(told, 2000);
+  EXPECT_EQ(ran + canceled, 2000);
+  EXPECT_THROW(
+      {
+        Async::Synchronizer late;
+        service.PerformWork(work, late);
+      },
+      Common::Error);
+}
+
+TEST(AsyncService, MetronomesTickOncePerWait) {
+  AsyncService service;
+  Async::Metronome* const metronome = service.GetMetronomeSource()->GetMetronome(5);
+  EXPECT_EQ(service.GetMetronomeSource()->GetMetronome(5), metronome);
+  Async::Synchronizer ticks[3];
+  std::shared_ptr<Async::Job> jobs[3];
+  for (int i = 0; i < 3; ++i) jobs[i] = metronome->WaitTick(ticks[i]);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(ticks[i].Wait(jobs[i]).GetCode(), 0u);
+
+  Async::Metronome* const slow = service.GetMetronomeSource()->GetMetronome(3600 * 1000);
+  const auto job = slow->WaitTick(ticks[0]);
+  job->Cancel();
+  job->Cancel();
+  EXPECT_EQ(ticks[0].Wait(nullptr).GetCode(), Async::kCanceledCode);
+  // What still waits when the service ends is cancelled.
+  const auto last = slow->WaitTick(ticks[1]);
+  service.Stop();
+  EXPECT_EQ(ticks[1].Wait(nullptr).GetCode(), Async::kCanceledCode);
+  EXPECT_THROW(slow->WaitTick(ticks[2]), Common::Error);
+}
+
+// Counts how often it is told.
+struct CountingHandler : Async::ActionHandler {
+  void Completed(Common::Error result) override {
+    code = result.GetCode();
+    ++told;
+    end.release();
+  }
+  std::atomic<int> told = 0;
+  std::uint32_t code = 0;
+  std::counting_semaphore<> end{0};
+};
+
+// Ticks against cancels, on real threads: each wait is told exactly once.
+TEST(AsyncService, TicksAndCancelsMeet) {
+  std::vector<std::unique_ptr<CountingHandler>> handlers;
+  {
+    AsyncService service;
+    Async::Metronome* const metronome = service.GetMetronomeSource()->GetMetronome(1);
+    for (int round = 0; round < 300; ++round) {
+      std::shared_ptr<Async::Job> jobs[4];
+      for (auto& job : jobs) {
+        handlers.push_back(std::make_unique<CountingHandler>());
+        job = metronome->WaitTick(*handlers.back());
+      }
+      std::thread canceller([&] {
+        for (const auto& job : jobs) {
+          if (round % 3 != 0) std::this_thread::yield();
+          job->Cancel();
+        }
+      });
+      for (std::size_t i = handlers.size() - 4; i < handlers.size(); ++i)
+        handlers[i]->end.acquire();
+      canceller.join();
+    }
+  }
+  for (const auto& handler : handlers) {
+    EXPECT_EQ(handler->told, 1);
+    EXPECT_TRUE(handler->code == 0 || handler->code == Async::kCanceledCode);
+  }
+}
+
+TEST(AsyncService, IsTheServiceOfTheProcess) {
+  Async::Service* service = nullptr;
+  GetAsyncService(&service);
+  ASSERT_NE(service, nullptr);
+  EXPECT_EQ(Async::GetSynchronizationCallbackStorage(),
+            service->GetSynchronizationCallbackStorage());
+
+  // Sequences of steps that end elsewhere, each blocking its thread in a wait for the next
+  // sequence.
+  constexpr int kSequences = 8;
+  std::vector<std::unique_ptr<Async::Synchronizer>> ends;
+  for (int i = 0; i < kSequences; ++i) ends.push_back(std::make_unique<Async::Synchronizer>());
+  std::vector<std::shared_ptr<Async::Job>> jobs;
+  std::atomic<int> steps = 0;
+  FunctionWork work([&] {
+    ++steps;
+    return Common::Error();
+  });
+  for (int i = 0; i < kSequences; ++i) {
+    Async::ActionSequence sequence;
+    for (int step = 0; step < 100; ++step) {
+      sequence.Execute(Async::MakeAction(
+          [&](Async::ActionHandler& handler) { return service->PerformWork(work, handler); }));
+    }
+    jobs.push_back(sequence.Perform(*ends[static_cast<std::size_t>(i)]));
+  }
+  for (int i = 0; i < kSequences; ++i) {
+    const auto place = static_cast<std::size_t>(i);
+    EXPECT_EQ(ends[place]->Wait(jobs[place]).GetCode(), 0u);
+  }
+  EXPECT_EQ(steps, kSequences * 100);
+}
+
+}  // namespace
+}  // namespace Platform
