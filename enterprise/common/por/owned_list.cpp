@@ -4,6 +4,7 @@
 #include <limits>
 #include <new>
 #include <type_traits>
+#include <utility>
 
 #include "enterprise/common/por/property.h"
 #include "enterprise/common/por/traits.h"
@@ -26,8 +27,9 @@ constexpr Content kContent = std::is_same_v<T, Construction::Unit>       ? kUnit
 struct Disposal {
   unsigned int depth;
   OwnedBlock* waiting;
+  void (*when_none_waits)() noexcept;
 };
-constinit thread_local Disposal disposal{0, nullptr};
+constinit thread_local Disposal disposal{0, nullptr, nullptr};
 
 // A bit beside the content of a waiting block: its memory is not its own.
 constexpr std::uint32_t kBorrowed = 1u << 31;
@@ -60,9 +62,16 @@ void DestroyWaiting() noexcept {
         break;
     }
   }
+  if (disposal.when_none_waits != nullptr) std::exchange(disposal.when_none_waits, nullptr)();
 }
 
 }  // namespace
+
+bool CallWhenNoneWaits(void (*function)() noexcept) noexcept {
+  if (disposal.waiting == nullptr) return false;
+  disposal.when_none_waits = function;
+  return true;
+}
 
 template <class T>
 void OwnedList<T>::Dispose(OwnedBlock* block) noexcept {

@@ -18,6 +18,11 @@ struct OwnedBlock {
   std::uint32_t capacity;
 };
 
+// For memory that holds nodes of a dying tree: if blocks wait for their destruction on this thread,
+// some of them may lie there, so `function` is called when none waits any more and the result is
+// true. Else the memory can go at once. There is one such function.
+bool CallWhenNoneWaits(void (*function)() noexcept) noexcept;
+
 // The children of one node of a tree: an array of owned pointers, one word large and without memory
 // while nothing was added. `T` is Construction::Unit, Construction::Property or View::Trait.
 // Null items are kept as they are.

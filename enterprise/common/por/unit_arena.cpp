@@ -1,6 +1,9 @@
 #include "enterprise/common/por/unit_arena.h"
 
 #include <algorithm>
+#include <utility>
+
+#include "enterprise/common/por/owned_list.h"
 
 namespace Por::Detail {
 namespace {
@@ -43,6 +46,8 @@ thread_local KeptChunkOwner kept_owner;
 
 }  // namespace
 
+constinit thread_local Arena::Chunk* Arena::late_chunks_ = nullptr;
+
 Arena::Arena(std::size_t expected) {
   AddChunk(expected);
 }
@@ -63,8 +68,23 @@ void Arena::AddChunk(std::size_t size) {
 }
 
 void Arena::Release() noexcept {
+  if (!CallWhenNoneWaits(&ReleaseLate)) {
+    ReleaseChunks(std::exchange(chunks_, nullptr));
+    return;
+  }
   while (chunks_ != nullptr) {
     Chunk* const chunk = std::exchange(chunks_, chunks_->next);
+    chunk->next = std::exchange(late_chunks_, chunk);
+  }
+}
+
+void Arena::ReleaseLate() noexcept {
+  ReleaseChunks(std::exchange(late_chunks_, nullptr));
+}
+
+void Arena::ReleaseChunks(Chunk* chunks) noexcept {
+  while (chunks != nullptr) {
+    Chunk* const chunk = std::exchange(chunks, chunks->next);
     if (!kKeepChunks || kept.closed || chunk->size > kMostKept) {
       ::operator delete(chunk);
       continue;

@@ -71,6 +71,11 @@ class Arena {
   };
 
   void AddChunk(std::size_t size);
+  static void ReleaseChunks(Chunk* chunks) noexcept;
+  static void ReleaseLate() noexcept;
+
+  // Of this thread, released as soon as no list of a dying tree can lie in them any more.
+  static thread_local Chunk* late_chunks_;
 
   Chunk* chunks_ = nullptr;
   char* at_ = nullptr;

@@ -14,6 +14,7 @@
 #include "enterprise/common/por/module_error.h"
 #include "enterprise/common/por/object.h"
 #include "enterprise/common/por/scalar_value_holder.h"
+#include "enterprise/common/por/unit_blob.h"
 #include "enterprise/common/por/unit_operations.h"
 #include "enterprise/common/por/unit_value_access.h"
 #include "enterprise/common/por/value.h"
@@ -358,6 +359,20 @@ TEST(Tree, OfAnyDepthIsDestroyedWithoutRecursionOrMemory) {
   array.PushBack(MakeDeep(10'000));
   array.Erase(0);
   EXPECT_TRUE(array.IsEmpty());
+}
+
+TEST(Tree, ReadFromAStreamAndChangedIsDestroyedDeepBelowOthers) {
+  for (const int depth : {40, 60, 64, 1000}) {
+    OwnedUnit unit =
+        Composite("a", Composite("b", Array(Text(u"longer than the unit could hold"))));
+    for (int i = 0; i < 12; ++i) unit = Composite("c", std::move(unit));
+    std::vector<unsigned char> stream;
+    Util::WriteUnitBlob(*unit, stream);
+    unit = Util::ReadUnitBlob(stream.data(), stream.size(), Factory());
+    Util::AddProperty(*unit, "added", MakeDeep(100), Factory());
+    for (int i = 0; i < depth; ++i) unit = Array(std::move(unit), Nil());
+    unit.reset();
+  }
 }
 
 TEST(StaticFactory, IsOneAndNeverNull) {
