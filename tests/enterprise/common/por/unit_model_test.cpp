@@ -245,6 +245,23 @@ TEST(Composite, KeepsNamesSortedAndOnce) {
                     [&] { composite.Set(nullptr); });
 }
 
+TEST(Composite, StaysAsItWasWhenMemoryIsOut) {
+  CompositeValueHolder composite;
+  const auto set_without_memory = [&](const Name& name) {
+    OwnedProperty property = Factory().CreateProperty(name, DWord(9));
+    FailNextAllocation();
+    EXPECT_THROW(composite.Set(std::move(property)), std::bad_alloc);
+  };
+  set_without_memory("a");
+  EXPECT_EQ("", Show(composite));
+  for (const Name& name : {Name("b"), Name("c"), Name("d")}) {
+    composite.Set(Factory().CreateProperty(name, DWord(1)));
+  }
+  set_without_memory("a");
+  set_without_memory("e");
+  EXPECT_EQ("b=1 c=1 d=1 ", Show(composite));
+}
+
 TEST(Composite, IteratorsShareTheirPositionWithTheirCopies) {
   CompositeValueHolder composite;
   EXPECT_FALSE(composite.GetIterator().IsValid());
@@ -329,6 +346,10 @@ TEST(ErrorUnit, KeepsAChainOfItsOwn) {
   Util::SetValue<Common::Error>(*unit, other);
   EXPECT_EQ(other.GetRecord(), Util::GetValue<Common::Error>(*unit).GetRecord());
   EXPECT_EQ(nullptr, Util::GetValue<Common::Error>(*Factory().CreateError({})).GetRecord());
+  // A copy that fails leaves no error, and the unit is made all the same.
+  FailNextAllocation();
+  unit = Factory().CreateError(other);
+  EXPECT_EQ(nullptr, Util::GetValue<Common::Error>(*unit).GetRecord());
 }
 
 // A tree of `depth` levels; each level hangs in an array, a composite or a trait.
