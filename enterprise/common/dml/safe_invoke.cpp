@@ -22,7 +22,7 @@ const Por::View::Unit& NotNull(const Por::SharedUnit& unit) {
 
 }  // namespace
 
-void GetBaseError(const Common::Error& error) noexcept {
+void GetBaseError(const Common::Error& error) {
   Common::Error wrapped(kCallbackExceptionCode, u"Exception from callback.",
                         kSource.At("GetBaseError", 40));
   wrapped.SetReason(error);

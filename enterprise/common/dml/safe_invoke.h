@@ -16,7 +16,7 @@ inline constexpr unsigned int kCallbackExceptionCode = 0xFC0001;
 
 // Takes care of an error out of a reader: it becomes the reason of kCallbackExceptionCode, which is
 // traced at the debug level and dropped.
-void GetBaseError(const Common::Error& error) noexcept;
+void GetBaseError(const Common::Error& error);
 
 // Calls `call` without an argument, under the rule above.
 template <class Function>

@@ -2,36 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <new>
-
+#include "tests/enterprise/common/dml/failing_new.h"
 #include "tests/enterprise/common/dml/scripted_post_office.h"
-
-namespace {
-
-// How many allocations of this thread fail next, and how many did.
-thread_local int failures_left = 0;
-thread_local int failures = 0;
-
-}  // namespace
-
-// Seen by the whole test program.
-void* operator new(std::size_t size) {
-  if (failures_left > 0) {
-    --failures_left;
-    ++failures;
-    throw std::bad_alloc();
-  }
-  void* const memory = std::malloc(size != 0 ? size : 1);
-  if (memory == nullptr) throw std::bad_alloc();
-  return memory;
-}
-void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
-}
 
 namespace Dml {
 namespace {
@@ -52,20 +24,20 @@ class ReadActions : public ::testing::Test {
       reader_ = reader;
       asked_handler_ = &handler;
       reader.reset();
-      failures_left = fail_next_;
+      FailNextAllocations(fail_next_);
       return job_;
     };
   }
-  ~ReadActions() override { failures_left = 0; }
+  ~ReadActions() override { FailNextAllocations(0); }
 
   std::shared_ptr<Async::Job> PerformReport() {
     Actions::Report action(entry_point_, spec_, target_, office_);
     return Perform(action);
   }
   std::shared_ptr<Async::Job> Perform(Async::Action& action) {
-    failures = 0;
     std::shared_ptr<Async::Job> job = action.Perform(handler_);
-    failures_left = 0;
+    failed_ = GetFailedAllocations();
+    FailNextAllocations(0);
     return job;
   }
 
@@ -78,6 +50,7 @@ class ReadActions : public ::testing::Test {
   std::weak_ptr<ReportReader> reader_;
   Async::ActionHandler* asked_handler_ = nullptr;
   int fail_next_ = 0;
+  int failed_ = 0;
 };
 
 TEST_F(ReadActions, HandTheOfficeWhatTheyWereGiven) {
@@ -125,7 +98,7 @@ TEST_F(ReadActions, WithoutAJobTheEmptyPointerKeepsTheReader) {
 TEST_F(ReadActions, TheSeventhFailureToAllocateIsNotTheEnd) {
   fail_next_ = 7;
   std::shared_ptr<Async::Job> job = PerformReport();
-  EXPECT_EQ(failures, 7);
+  EXPECT_EQ(failed_, 7);
   EXPECT_EQ(job_->cancels, 0);
   EXPECT_FALSE(reader_.expired());
   job.reset();
@@ -135,7 +108,7 @@ TEST_F(ReadActions, TheSeventhFailureToAllocateIsNotTheEnd) {
 TEST_F(ReadActions, TheEighthFailureToAllocateCancelsTheJob) {
   fail_next_ = 9;
   std::shared_ptr<Async::Job> job = PerformReport();
-  EXPECT_EQ(failures, 8);
+  EXPECT_EQ(failed_, 8);
   EXPECT_EQ(job.get(), job_.get());
   EXPECT_EQ(job_->cancels, 1);
   EXPECT_TRUE(reader_.expired());
@@ -144,7 +117,7 @@ TEST_F(ReadActions, TheEighthFailureToAllocateCancelsTheJob) {
   job.reset();
   job_.reset();  // nothing to cancel
   EXPECT_EQ(PerformReport(), nullptr);
-  EXPECT_EQ(failures, 8);
+  EXPECT_EQ(failed_, 8);
 }
 
 }  // namespace

@@ -3,34 +3,13 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
-#include <cstdlib>
-#include <new>
 #include <utility>
 
 #include "enterprise/common/por/unit_factory.h"
 #include "enterprise/common/por/value.h"
 #include "enterprise/common/por/visitor.h"
 #include "tests/enterprise/common/dml/tools/objprobe/captured_output.h"
-
-namespace {
-
-thread_local int allocations = 0;
-
-}  // namespace
-
-// Seen by the whole test program.
-void* operator new(std::size_t size) {
-  ++allocations;
-  void* const memory = std::malloc(size != 0 ? size : 1);
-  if (memory == nullptr) throw std::bad_alloc();
-  return memory;
-}
-void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
-}
+#include "tests/enterprise/common/por/allocation_count.h"
 
 namespace Por::Util {
 namespace {
@@ -237,9 +216,9 @@ TEST(UnitPrinter, AnObjectCostsOneAllocationAtMost) {
                           factory.CreateDouble(0.5)));
   }
   ObjProbe::CapturedOutput captured;
-  allocations = 0;
+  const unsigned long long before = GetAllocationCount();
   PrintUnit(*unit, 2, captured.output);
-  EXPECT_LE(allocations, 1);
+  EXPECT_LE(GetAllocationCount() - before, 1u);
 }
 
 }  // namespace
