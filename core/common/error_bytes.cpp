@@ -60,8 +60,9 @@ class ByteWriter {
  private:
   void Grow(std::size_t count) {
     const std::size_t needed = size_ + count;
-    if (needed > std::numeric_limits<unsigned int>::max()) throw std::bad_alloc();
-    const std::size_t capacity = std::max(capacity_ + capacity_ / 2, needed);
+    constexpr std::size_t kMaxSize = std::numeric_limits<unsigned int>::max();
+    if (needed > kMaxSize) throw std::bad_alloc();
+    const std::size_t capacity = std::min(std::max(capacity_ + capacity_ / 2, needed), kMaxSize);
     std::unique_ptr<unsigned char[]> bytes(new unsigned char[capacity]);
     if (size_ != 0) std::memcpy(bytes.get(), bytes_.get(), size_);
     bytes_ = std::move(bytes);

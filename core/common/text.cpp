@@ -129,7 +129,7 @@ bool IsContinuation(unsigned char byte) {
   return (byte & 0xC0) == 0x80;
 }
 
-// Decodes what stands at `from`, a byte of 0x80 or above. False if it wasn't clean.
+// Decodes what stands at `text`, a byte of 0x80 or above. False if it wasn't clean.
 bool DecodeSequence(const char*& text, const char* text_end, char16_t*& to) {
   const auto* from = reinterpret_cast<const unsigned char*>(text);
   const auto* end = reinterpret_cast<const unsigned char*>(text_end);

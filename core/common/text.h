@@ -13,7 +13,7 @@ namespace Common {
 // but a failed allocation throws. A null `text` is an empty one. Threads: any.
 //
 // Reading stops at the first 0 and after `length` units, whichever comes first, also when `length`
-// is given. Memory behind that place is not looked at.
+// is given. No page of memory behind that place is touched.
 
 // UTF-16 to UTF-8. A surrogate without its partner becomes three bytes like any other unit.
 // Always true.

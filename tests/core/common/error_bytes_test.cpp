@@ -162,13 +162,20 @@ TEST(ErrorBytes, WhatSurvivesFlippedBytesCanBeSavedAgain) {
   }
 }
 
-TEST(ErrorBytes, ManyParametersStayQuick) {
+TEST(ErrorBytes, ManyParametersKeepTheirOrder) {
   std::string rest = "\0"s;
   for (int i = 0; i < 50'000; ++i) {
     rest.append("p").append(std::to_string(i)).append("\0Av\0"s);
   }
   const Error error = LoadBytes("\1"s + RecordBytes(5, rest + "\0"s));
   EXPECT_TRUE(TextOf(error).ends_with("| p49998: v\n| p49999: v"));
+}
+
+// One name with two values: written as "A" is asked first, rendered as "W" is.
+TEST(ErrorBytes, WritingAndRenderingAskForTextsInTheirOwnOrder) {
+  const Error error = LoadBytes("\1"s + RecordBytes(5, "\0x\0Wwide\0x\0Aansi\0\0"s));
+  EXPECT_TRUE(TextOf(error).ends_with("| x: wide\n| x: wide"));
+  EXPECT_EQ(BytesOf(error), "\1"s + RecordBytes(5, "\0x\0Aansi\0x\0Aansi\0\0"s));
 }
 
 TEST(ErrorBytes, LoadTellsWhenMemoryRunsOut) {

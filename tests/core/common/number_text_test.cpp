@@ -179,7 +179,7 @@ TEST(ByteEscape, CoversTheUpperHalfAlone) {
   const String wide = GetProgramPathWide();
   ASSERT_EQ(wide.size(), path.size());
   for (std::size_t i = 0; i < path.size(); ++i) {
-    EXPECT_EQ(wide[i] & 0xFF, static_cast<unsigned char>(path[i]));
+    EXPECT_EQ(wide[i], EscapeByte(static_cast<unsigned char>(path[i])));
   }
 }
 
