@@ -27,11 +27,14 @@ void EnsureUnitsCanBeAssigned(const View::Unit& target, const View::Unit& source
                    kSource.At("EnsureUnitsCanBeAssigned", 40));
 }
 
-void CheckAssign(const View::Unit& target, const View::Unit& source);
+// Sets `has_array` when arrays are to be assigned.
+void CheckAssign(const View::Unit& target, const View::Unit& source, bool& has_array);
 
 // The check pass on two values: throws if the perform pass could not be carried out whole.
 class CheckAssignStrategy {
  public:
+  explicit CheckAssignStrategy(bool& has_array) : has_array_(has_array) {}
+
   void operator()(const auto&, const auto&) {
     ThrowAssignError(kPorAssignTypes, Common::MessageRow::PorAssignTypes,
                      kSource.At("CheckAssignStrategy", 50));
@@ -43,12 +46,12 @@ class CheckAssignStrategy {
   template <class T>
   void operator()(const View::ComplexValue<T>&, const View::ComplexValue<T>&) {}
   // Sizes and elements may differ.
-  void operator()(const View::ArrayValue&, const View::ArrayValue&) {}
+  void operator()(const View::ArrayValue&, const View::ArrayValue&) { has_array_ = true; }
 
   void operator()(const View::CompositeValue& target, const View::CompositeValue& source) {
     auto check_property = MakeProcessor<const View::Property>([&](const View::Property& property) {
       auto check_pair = MakeProcessor<const View::Property>([&](const View::Property& partner) {
-        CheckAssign(partner.GetValue(), property.GetValue());
+        CheckAssign(partner.GetValue(), property.GetValue(), has_array_);
       });
       if (!target.Find(property.GetName(), check_pair)) {
         ThrowAssignError(kPorAssignProperties, Common::MessageRow::PorAssignProperties,
@@ -57,11 +60,14 @@ class CheckAssignStrategy {
     });
     source.ForEach(check_property);
   }
+
+ private:
+  bool& has_array_;
 };
 
-void CheckAssign(const View::Unit& target, const View::Unit& source) {
+void CheckAssign(const View::Unit& target, const View::Unit& source, bool& has_array) {
   EnsureUnitsCanBeAssigned(target, source);
-  CheckAssignStrategy strategy;
+  CheckAssignStrategy strategy(has_array);
   BinaryValueOperation::Resolve(strategy, target, source);
 }
 
@@ -105,15 +111,16 @@ class PerformAssignStrategy {
 
 void AssignUnit(Modification::Unit& target, const View::Unit& source,
                 const Construction::UnitFactory& factory) {
-  CheckAssign(target, source);
+  bool has_array = false;
+  CheckAssign(target, source, has_array);
   if (&target == &source) return;
   PerformAssignStrategy strategy;
-  if (!IsArray(source) && !IsComposite(source)) {
+  if (!has_array) {
     BinaryValueOperation::Resolve(strategy, target, source);
     return;
   }
   // The source may lie inside an array of the target and would die with its old elements, or hold
-  // the target and change under the walk.
+  // the target and change under the walk. Without arrays only values change, in their places.
   const OwnedUnit copy = CopyUnit(source, factory);
   BinaryValueOperation::Resolve(strategy, target, static_cast<const View::Unit&>(*copy));
 }

@@ -18,15 +18,15 @@ POR_VALUE_KINDS(POR_INDEX)
 // The families of values that hold a C++ type.
 struct ScalarValueTag {
   template <class T>
-  using View = View::ScalarValue<T>;
+  using View = Por::View::ScalarValue<T>;
   template <class T>
-  using Modification = Modification::ScalarValue<T>;
+  using Modification = Por::Modification::ScalarValue<T>;
 };
 struct ComplexValueTag {
   template <class T>
-  using View = View::ComplexValue<T>;
+  using View = Por::View::ComplexValue<T>;
   template <class T>
-  using Modification = Modification::ComplexValue<T>;
+  using Modification = Por::Modification::ComplexValue<T>;
 };
 
 // Index and family of the kind that holds `T`; other types, std::int64_t where it is long among
