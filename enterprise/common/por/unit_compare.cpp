@@ -10,10 +10,10 @@
 #include "enterprise/common/por/array_elements_walker.h"
 #include "enterprise/common/por/binary_value_operation.h"
 #include "enterprise/common/por/composite_property_walker.h"
-#include "enterprise/common/por/item_processor.h"
 #include "enterprise/common/por/property.h"
 #include "enterprise/common/por/small_stack.h"
 #include "enterprise/common/por/unit_equality_check.h"
+#include "enterprise/common/por/unit_helpers.h"
 #include "enterprise/common/por/unit_operations.h"
 #include "enterprise/common/por/value.h"
 #include "enterprise/common/por/value_kind.h"
@@ -255,13 +255,6 @@ class Comparison::PerformValueCompare {
   Comparison& comparison_;
   const bool enter_;
 };
-
-bool HasTraits(const View::Unit& unit) {
-  bool any = false;
-  auto first = MakeProcessor<const View::Trait>([&](const View::Trait&) { return any = true; });
-  unit.GetTraits().ForEach(first);
-  return any;
-}
 
 int Comparison::Begin(const View::Unit& a, const View::Unit& b) {
   if (&a == &b) return 0;

@@ -7,6 +7,7 @@
 #include "enterprise/common/por/item_processor.h"
 #include "enterprise/common/por/property.h"
 #include "enterprise/common/por/unit_equality_check.h"
+#include "enterprise/common/por/unit_helpers.h"
 #include "enterprise/common/por/unit_operations.h"
 #include "enterprise/common/por/value.h"
 
@@ -90,17 +91,6 @@ class EqualityCheck::ValueComparator {
   const View::Unit& right_;
   const bool enter_;
 };
-
-namespace {
-
-bool HasTraits(const View::Unit& unit) {
-  bool any = false;
-  auto first = MakeProcessor<const View::Trait>([&](const View::Trait&) { return any = true; });
-  unit.GetTraits().ForEach(first);
-  return any;
-}
-
-}  // namespace
 
 bool EqualityCheck::UnitsEqual(const View::Unit& a, const View::Unit& b) {
   const std::size_t base = tasks_.GetSize();
