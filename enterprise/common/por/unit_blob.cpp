@@ -5,7 +5,9 @@
 #include <new>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <typeinfo>
+#include <vector>
 
 #include "core/common/message_table.h"
 #include "enterprise/common/por/binary_data.h"
@@ -110,11 +112,16 @@ class Follower {
     return taken;
   }
 
+  // A boolean may come as any byte.
   template <class T>
   T ReadNumber() {
-    T value;
-    std::memcpy(&value, Take(sizeof value), sizeof value);
-    return value;
+    if constexpr (std::is_same_v<T, bool>) {
+      return *Take(1) != 0;
+    } else {
+      T value;
+      std::memcpy(&value, Take(sizeof value), sizeof value);
+      return value;
+    }
   }
 
   Common::String ReadString() {
@@ -141,22 +148,11 @@ class Follower {
       case kNilIndex:
         walker_->OnNil();
         return true;
-      case 1:
-        walker_->OnBoolean(*Take(1) != 0);
-        return true;
-#define POR_READ(index, Word, Type)        \
-  case index:                              \
-    walker_->On##Word(ReadNumber<Type>()); \
+#define POR_READ(index, Word, Value, Argument) \
+  case index:                                  \
+    walker_->On##Word(ReadNumber<Argument>()); \
     return true;
-        POR_READ(2, Byte, unsigned char)
-        POR_READ(3, SByte, signed char)
-        POR_READ(4, Word, unsigned short)
-        POR_READ(5, SWord, short)
-        POR_READ(6, DWord, unsigned int)
-        POR_READ(7, SDWord, int)
-        POR_READ(8, QWord, unsigned long long)
-        POR_READ(9, SQWord, long long)
-        POR_READ(10, Double, double)
+        POR_SCALAR_KINDS(POR_READ)
 #undef POR_READ
       case UnitStream::kBlob: {
         const std::uint32_t length = ReadNumber<std::uint32_t>();

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -74,20 +75,24 @@ class Pending {
   std::size_t capacity_ = kOwn;
 };
 
+// The place in the stream goes from call to call as an argument and a result, null for a stream
+// that is not as it should be: in a register it is there for the next step sooner than in a field.
+using Place = const unsigned char*;
+
 class Reader {
  public:
   Reader(const unsigned char* data, std::size_t size, Por::Detail::Arena& arena)
-      : at_(data), end_(data + size), arena_(&arena) {}
+      : end_(data + size), arena_(&arena) {}
 
-  bool ReadRoot(Por::Detail::ArenaRoot& root) {
-    if (Left() < 3 || at_[0] != kUnitBegin || at_[1] != kComposite) return false;
-    at_ += 2;
-    return ReadProperties(root.GetHolder(), 1) && FinishTraits(root.GetTraitsHolder(), 1) &&
-           at_ == end_;
+  // `at` stands behind the root's 'U' and 'C'.
+  bool ReadRoot(Place at, Por::Detail::ArenaRoot& root) {
+    at = ReadProperties(at, root.GetHolder(), 1);
+    return at != nullptr && ReadEnd(at, root.GetTraitsHolder(), 1) == end_;
   }
 
  private:
-  std::size_t Left() const { return static_cast<std::size_t>(end_ - at_); }
+  std::size_t Left(Place at) const { return static_cast<std::size_t>(end_ - at); }
+  bool Stands(Place at, unsigned char tag) const { return at != end_ && *at == tag; }
 
   // What was pushed since `first` becomes the content of a list.
   template <class T>
@@ -98,79 +103,73 @@ class Reader {
     list.Borrow(memory, pending_.TakeFrom(first), count);
   }
 
-  // A counted payload behind a tag; at_ stands at the count. Null if it isn't there.
-  const unsigned char* TakeCounted(std::uint32_t& count) {
-    if (Left() < sizeof count) return nullptr;
-    std::memcpy(&count, at_, sizeof count);
-    if (count > Left() - sizeof count) return nullptr;
-    const unsigned char* const bytes = at_ + sizeof count;
-    at_ = bytes + count;
-    return bytes;
+  // A count and a payload of so many bytes. The payload, or null if it isn't there.
+  Place TakeCounted(Place at, std::uint32_t& count) const {
+    if (Left(at) < sizeof count) return nullptr;
+    std::memcpy(&count, at, sizeof count);
+    at += sizeof count;
+    return count <= Left(at) ? at : nullptr;
   }
 
   // A name behind its letter and the beginning of its unit.
-  const Por::Detail::KnownName* TakeName() {
-    if (Left() < 2 || at_[1] != kString) return nullptr;
-    at_ += 2;
+  Place TakeName(Place at, const Por::Detail::KnownName*& name) const {
+    if (!Stands(at, kString)) return nullptr;
     std::uint32_t size;
-    const unsigned char* const bytes = TakeCounted(size);
-    if (bytes == nullptr || size % 2 != 0) return nullptr;
-    if (at_ == end_ || *at_++ != kUnitBegin) return nullptr;
-    return Por::Detail::FindName(bytes, size);
+    const Place bytes = TakeCounted(at + 1, size);
+    if (bytes == nullptr || !Stands(bytes + size, kUnitBegin)) return nullptr;
+    name = Por::Detail::FindName(bytes, size);
+    return name != nullptr ? bytes + size + 1 : nullptr;
   }
 
-  bool ReadProperties(CompositeValueHolder& composite, unsigned int depth) {
+  Place ReadProperties(Place at, CompositeValueHolder& composite, unsigned int depth) {
     const std::size_t first = pending_.GetSize();
     const Por::Detail::KnownName* last = nullptr;
-    while (at_ != end_ && *at_ == kProperty) {
-      const Por::Detail::KnownName* const name = TakeName();
-      if (name == nullptr || (last != nullptr && !last->LiesBefore(*name))) return false;
+    while (Stands(at, kProperty)) {
+      const Por::Detail::KnownName* name;
+      at = TakeName(at + 1, name);
+      if (at == nullptr || (last != nullptr && !last->LiesBefore(*name))) return nullptr;
       last = name;
       // In the order in which they will be walked: the property, then its value.
-      void* const place = arena_->Allocate(sizeof(Por::Detail::ArenaProperty));
-      Construction::Unit* const value = ReadUnit(depth + 1);
-      if (value == nullptr) return false;
+      void* const memory = arena_->Allocate(sizeof(Por::Detail::ArenaProperty));
+      Construction::Unit* value;
+      at = ReadUnit(at, depth + 1, value);
+      if (at == nullptr) return nullptr;
       Construction::Property* const property =
-          new (place) Por::Detail::ArenaProperty(name->name, *value);
+          new (memory) Por::Detail::ArenaProperty(name->name, *value);
       pending_.Push(property);
     }
     FillList(composite.GetList(), first);
-    return true;
+    return at;
   }
 
-  bool ReadElements(ArrayValueHolder& array, unsigned int depth) {
+  Place ReadElements(Place at, ArrayValueHolder& array, unsigned int depth) {
     const std::size_t first = pending_.GetSize();
-    while (at_ != end_ && *at_ == kUnitBegin) {
-      ++at_;
-      Construction::Unit* const element = ReadUnit(depth + 1);
-      if (element == nullptr) return false;
+    while (Stands(at, kUnitBegin)) {
+      Construction::Unit* element;
+      at = ReadUnit(at + 1, depth + 1, element);
+      if (at == nullptr) return nullptr;
       pending_.Push(element);
     }
     FillList(array.GetList(), first);
-    return true;
+    return at;
   }
 
-  // The traits and the end of a unit.
-  bool FinishTraits(TraitsHolder& traits, unsigned int depth) {
-    if (at_ == end_) return false;
-    if (*at_ == kUnitEnd) {
-      ++at_;
-      return true;
-    }
+  Place ReadTraits(Place at, TraitsHolder& traits, unsigned int depth) {
     const std::size_t first = pending_.GetSize();
-    while (at_ != end_ && *at_ == kTrait) {
-      const Por::Detail::KnownName* const name = TakeName();
-      if (name == nullptr) return false;
-      void* const place = arena_->Allocate(sizeof(Por::Detail::ArenaTrait));
-      Construction::Unit* const value = ReadUnit(depth + 1);
-      if (value == nullptr) return false;
-      View::Trait* const trait = new (place) Por::Detail::ArenaTrait(name->name, *value);
-      if (!IsLast(*trait, first)) return false;
+    while (Stands(at, kTrait)) {
+      const Por::Detail::KnownName* name;
+      at = TakeName(at + 1, name);
+      if (at == nullptr) return nullptr;
+      void* const memory = arena_->Allocate(sizeof(Por::Detail::ArenaTrait));
+      Construction::Unit* value;
+      at = ReadUnit(at, depth + 1, value);
+      if (at == nullptr) return nullptr;
+      View::Trait* const trait = new (memory) Por::Detail::ArenaTrait(name->name, *value);
+      if (!IsLast(*trait, first)) return nullptr;
       pending_.Push(trait);
     }
-    if (at_ == end_ || *at_++ != kUnitEnd) return false;
     FillList(traits.GetList(), first);
-    return true;
+    return at;
   }
 
   // Whether the search of the holder would find the place of a new trait to be the last one.
@@ -189,114 +188,124 @@ class Reader {
     return true;
   }
 
-  template <class Holder>
-  Construction::Unit* Finish(Por::Detail::ArenaUnit<Holder>* unit, unsigned int depth) {
-    if (at_ != end_ && *at_ == kUnitEnd) {
-      ++at_;
-      return unit;
+  // The traits and the end of a unit.
+  Place ReadEnd(Place at, TraitsHolder& traits, unsigned int depth) {
+    if (!Stands(at, kUnitEnd)) {
+      at = ReadTraits(at, traits, depth);
+      if (at == nullptr || !Stands(at, kUnitEnd)) return nullptr;
     }
-    return FinishTraits(unit->GetTraits(), depth) ? unit : nullptr;
+    return at + 1;
   }
 
   template <class T>
-  Construction::Unit* ReadScalar(unsigned int depth) {
-    if (Left() < sizeof(T)) return nullptr;
+  Place ReadScalar(Place at, unsigned int depth, Construction::Unit*& out) {
     T value;
-    std::memcpy(&value, at_, sizeof value);
-    at_ += sizeof value;
-    return Finish(arena_->Make<Por::Detail::ArenaUnit<ScalarValueHolder<T>>>(value), depth);
+    if (Left(at) < sizeof value) return nullptr;
+    if constexpr (std::is_same_v<T, bool>) {
+      value = *at != 0;
+    } else {
+      std::memcpy(&value, at, sizeof value);
+    }
+    auto* const unit = arena_->Make<Por::Detail::ArenaUnit<ScalarValueHolder<T>>>(value);
+    out = unit;
+    return ReadEnd(at + sizeof value, unit->GetTraits(), depth);
   }
 
-  // A value with memory of its own is made when the arena knows that it must be released.
-  template <class T>
-  T& MakeComplex(Por::Detail::ArenaUnit<ComplexValueHolder<T>>*& unit, bool holds_memory) {
-    unit = arena_->Make<Por::Detail::ArenaUnit<ComplexValueHolder<T>>>(T());
+  // A unit with an empty value, which `fill` fills. A value with memory of its own gets it when the
+  // arena knows that it must be released.
+  template <class T, class Fill>
+  Place MakeComplex(Place behind, unsigned int depth, Construction::Unit*& out, bool holds_memory,
+                    Fill fill) {
+    auto* const unit = arena_->Make<Por::Detail::ArenaUnit<ComplexValueHolder<T>>>();
     T& value = unit->GetHolder().GetValue();
     if (holds_memory) arena_->OnRelease(&Destroy<T>, &value);
-    return value;
+    fill(value);
+    out = unit;
+    return ReadEnd(behind, unit->GetTraits(), depth);
   }
 
-  // Behind 'U', with its 'E'. Null for everything that is not as it should be.
-  Construction::Unit* ReadUnit(unsigned int depth) {
-    if (depth > kDeepest || at_ == end_) return nullptr;
-    switch (*at_++) {
-      case kNilIndex:
-        return Finish(arena_->Make<Por::Detail::ArenaUnit<NilValueHolder>>(), depth);
-      case 1:
-        if (at_ == end_) return nullptr;
-        return Finish(arena_->Make<Por::Detail::ArenaUnit<ScalarValueHolder<bool>>>(*at_++ != 0),
-                      depth);
-      case 2:
-        return ReadScalar<unsigned char>(depth);
-      case 3:
-        return ReadScalar<signed char>(depth);
-      case 4:
-        return ReadScalar<unsigned short>(depth);
-      case 5:
-        return ReadScalar<short>(depth);
-      case 6:
-        return ReadScalar<unsigned int>(depth);
-      case 7:
-        return ReadScalar<int>(depth);
-      case 8:
-        return ReadScalar<unsigned long long>(depth);
-      case 9:
-        return ReadScalar<long long>(depth);
-      case 10:
-        return ReadScalar<double>(depth);
-      case kBlob: {
-        std::uint32_t size;
-        const unsigned char* const bytes = TakeCounted(size);
-        if (bytes == nullptr) return nullptr;
-        Por::Detail::ArenaUnit<ComplexValueHolder<std::vector<unsigned char>>>* unit;
-        MakeComplex(unit, size != 0).assign(bytes, bytes + size);
-        return Finish(unit, depth);
+  Place ReadBlob(Place at, unsigned int depth, Construction::Unit*& out) {
+    using Bytes = std::vector<unsigned char>;
+    std::uint32_t size;
+    const Place bytes = TakeCounted(at, size);
+    if (bytes == nullptr) return nullptr;
+    return MakeComplex<Bytes>(bytes + size, depth, out, size != 0,
+                              [&](Bytes& value) { value.assign(bytes, bytes + size); });
+  }
+
+  Place ReadGuid(Place at, unsigned int depth, Construction::Unit*& out) {
+    constexpr std::size_t kSize = sizeof(Common::Guid);
+    if (Left(at) < kSize) return nullptr;
+    return MakeComplex<Common::Guid>(at + kSize, depth, out, false, [&](Common::Guid& value) {
+      std::memcpy(value.bytes.data(), at, kSize);
+    });
+  }
+
+  Place ReadString(Place at, unsigned int depth, Construction::Unit*& out) {
+    static const std::size_t kInside = Common::String().capacity();
+    std::uint32_t size;
+    const Place bytes = TakeCounted(at, size);
+    if (bytes == nullptr || size % sizeof(char16_t) != 0) return nullptr;
+    const std::size_t length = size / sizeof(char16_t);
+    return MakeComplex<Common::String>(bytes + size, depth, out, length > kInside,
+                                       [&](Common::String& value) {
+                                         value.resize(length);
+                                         if (size != 0) std::memcpy(value.data(), bytes, size);
+                                       });
+  }
+
+  // Errors are few, and what is kept of one is the factory's affair.
+  Place ReadError(Place at, Construction::Unit*& out) {
+    std::uint32_t size;
+    const Place bytes = TakeCounted(at, size);
+    if (bytes == nullptr || !Stands(bytes + size, kUnitEnd)) return nullptr;
+    OwnedUnit unit = GetStaticUnitFactory()->CreateError(Common::Error::Load(bytes, size));
+    arena_->OnRelease(&DeleteUnit, unit.get());
+    out = unit.release();
+    return bytes + size + 1;
+  }
+
+  // Behind 'U', up to and with the 'E'.
+  Place ReadUnit(Place at, unsigned int depth, Construction::Unit*& out) {
+    if (depth > kDeepest || at == end_) return nullptr;
+    switch (*at++) {
+      case kNilIndex: {
+        auto* const unit = arena_->Make<Por::Detail::ArenaUnit<NilValueHolder>>();
+        out = unit;
+        return ReadEnd(at, unit->GetTraits(), depth);
       }
-      case kGuid: {
-        if (Left() < sizeof(Common::Guid)) return nullptr;
-        Por::Detail::ArenaUnit<ComplexValueHolder<Common::Guid>>* unit;
-        std::memcpy(MakeComplex(unit, false).bytes.data(), at_, sizeof(Common::Guid));
-        at_ += sizeof(Common::Guid);
-        return Finish(unit, depth);
-      }
-      case kString: {
-        std::uint32_t size;
-        const unsigned char* const bytes = TakeCounted(size);
-        if (bytes == nullptr || size % sizeof(char16_t) != 0) return nullptr;
-        const std::size_t length = size / sizeof(char16_t);
-        Por::Detail::ArenaUnit<ComplexValueHolder<Common::String>>* unit;
-        Common::String& text = MakeComplex(unit, length > Common::String().capacity());
-        text.resize(length);
-        if (size != 0) std::memcpy(text.data(), bytes, size);
-        return Finish(unit, depth);
-      }
-      case kError: {
-        std::uint32_t size;
-        const unsigned char* const bytes = TakeCounted(size);
-        if (bytes == nullptr) return nullptr;
-        // Errors are few, and what is kept of one is the factory's affair.
-        OwnedUnit unit = GetStaticUnitFactory()->CreateError(Common::Error::Load(bytes, size));
-        arena_->OnRelease(&DeleteUnit, unit.get());
-        Construction::Unit* const kept = unit.release();
-        if (at_ == end_ || *at_++ != kUnitEnd) return nullptr;
-        return kept;
-      }
+#define POR_READ(index, Word, Value, Argument) \
+  case index:                                  \
+    return ReadScalar<Argument>(at, depth, out);
+        POR_SCALAR_KINDS(POR_READ)
+#undef POR_READ
+      case kBlob:
+        return ReadBlob(at, depth, out);
+      case kGuid:
+        return ReadGuid(at, depth, out);
+      case kString:
+        return ReadString(at, depth, out);
+      case kError:
+        return ReadError(at, out);
       case kArray: {
         auto* const unit = arena_->Make<Por::Detail::ArenaUnit<ArrayValueHolder>>();
-        return ReadElements(unit->GetHolder(), depth) ? Finish(unit, depth) : nullptr;
+        out = unit;
+        at = ReadElements(at, unit->GetHolder(), depth);
+        return at != nullptr ? ReadEnd(at, unit->GetTraits(), depth) : nullptr;
       }
       case kComposite: {
         auto* const unit = arena_->Make<Por::Detail::ArenaUnit<CompositeValueHolder>>();
-        return ReadProperties(unit->GetHolder(), depth) ? Finish(unit, depth) : nullptr;
+        out = unit;
+        at = ReadProperties(at, unit->GetHolder(), depth);
+        return at != nullptr ? ReadEnd(at, unit->GetTraits(), depth) : nullptr;
       }
       default:
         return nullptr;
     }
   }
 
-  const unsigned char* at_;
-  const unsigned char* end_;
-  Por::Detail::Arena* arena_;
+  const Place end_;
+  Por::Detail::Arena* const arena_;
   Pending pending_;
 };
 
@@ -311,7 +320,7 @@ OwnedUnit ReadWellFormed(const unsigned char* data, std::size_t size) {
   Por::Detail::ArenaRoot* const root = new (place) Por::Detail::ArenaRoot(first);
   OwnedUnit owner(root);
   Reader reader(data, size, root->GetArena());
-  return reader.ReadRoot(*root) ? std::move(owner) : nullptr;
+  return reader.ReadRoot(data + 2, *root) ? std::move(owner) : nullptr;
 }
 
 }  // namespace Por::Util::UnitStream

@@ -12,9 +12,11 @@
 #include "enterprise/common/por/binary_data.h"
 #include "enterprise/common/por/module_error.h"
 #include "enterprise/common/por/unit_accumulator.h"
+#include "enterprise/common/por/unit_digest.h"
 #include "enterprise/common/por/unit_helpers.h"
 #include "enterprise/common/por/unit_operations.h"
 #include "enterprise/common/por/walk_unit.h"
+#include "tests/enterprise/common/por/allocation_count.h"
 #include "tests/enterprise/common/por/stream_support.h"
 
 namespace Por::Util {
@@ -223,6 +225,49 @@ TEST(UnitBlob, PassesOnWhatTheBuilderRaises) {
   EXPECT_EQ(
       CodeOf([] { Read(FromHex("43 50 0D 00000000 55 0201 45 50 0D 00000000 55 040100 45 45")); }),
       0xFA0011u);
+}
+
+// The text of the failure needs memory; without it there is still an error.
+TEST(UnitBlob, RefusesCorruptedDataWithoutMemory) {
+  class NoWalker : public UnitWalker {
+#define POR_EVENT(index, Word, Value, Argument) \
+  void On##Word(Argument) override {}
+    POR_SCALAR_KINDS(POR_EVENT)
+#undef POR_EVENT
+#define POR_EVENT(index, Word, Value, Argument) \
+  void On##Word(const Argument&) override {}
+    POR_COMPLEX_KINDS(POR_EVENT)
+#undef POR_EVENT
+    void OnUnitBegin() override {}
+    void OnUnitEnd() override {}
+    void OnProperty(const Name&) override {}
+    void OnTrait(const Name&) override {}
+    void OnNil() override {}
+    void OnArray() override {}
+    void OnComposite() override {}
+  } walker;
+  const Bytes bytes(100, 0x0F);
+  EXPECT_EQ(CodeOf([&] {
+              FailNextAllocation();
+              FollowUnitBlob(bytes.data(), bytes.size(), walker);
+            }),
+            Common::kOutOfMemoryCode);
+}
+
+// One piece of memory holds the tree; only long texts and blobs have their own.
+TEST(UnitBlob, WellFormedStreamsTakeOneAllocation) {
+  const Bytes bytes = Write(*Make([](const UnitConstructor& u) {
+    u.Composite().Trait("Is").String(u"Machine").End().Property("List").Array();
+    for (int i = 0; i < 30; ++i) u.Composite().Property("Id").Guid(SampleGuid()).End().End();
+    u.End().Property("TheNameOfAPropertyIsNoMatter").Double(1).End().End();
+  }));
+  Read(bytes);
+  unsigned long long before = GetAllocationCount();
+  const OwnedUnit unit = Read(bytes);
+  EXPECT_LE(GetAllocationCount() - before, 1u);
+  before = GetAllocationCount();
+  ComputeUnitDigest(*unit);
+  EXPECT_EQ(GetAllocationCount(), before);
 }
 
 OwnedUnit MakeRichUnit() {
