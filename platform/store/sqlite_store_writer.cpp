@@ -7,6 +7,7 @@
 #include <cerrno>
 
 #include "core/common/line_tag.h"
+#include "core/common/unix/safe_close.h"
 #include "enterprise/common/dml/get_object_key.h"
 #include "enterprise/common/dml_view_common/view_records.h"
 #include "enterprise/common/por/unit_blob.h"
@@ -35,7 +36,7 @@ constexpr char kWriterPragmas[] =
 bool MakeEmptyFile(const std::string& path) {
   const int descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
   if (descriptor >= 0) {
-    ::close(descriptor);
+    Common::SafeClose(descriptor);
     return true;
   }
   const int errnum = errno;

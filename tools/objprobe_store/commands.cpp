@@ -12,6 +12,7 @@
 #include "core/common/line_tag.h"
 #include "core/common/number_text.h"
 #include "core/common/text.h"
+#include "core/common/unix/safe_close.h"
 #include "enterprise/common/dml/get_object_key.h"
 #include "enterprise/common/por/parser/data_reader.h"
 #include "enterprise/common/por/parser/unit_construction_format.h"
@@ -52,7 +53,7 @@ std::vector<unsigned char> ReadFile(const std::string& path) {
     if (count > 0) size += static_cast<std::size_t>(count);
   } while (count > 0);
   const int errnum = errno;
-  ::close(descriptor);
+  Common::SafeClose(descriptor);
   if (count < 0) {
     throw Platform::Store::MakeSystemError(Platform::Store::kReadFailure, path, errnum,
                                            kSource.At("ReadFile", 20));
