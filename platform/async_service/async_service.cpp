@@ -5,17 +5,79 @@
 #include <exception>
 #include <new>
 #include <utility>
+#include <vector>
 
 #include "core/common/error.h"
-#include "core/common/line_tag.h"
 #include "enterprise/common/async/async_error.h"
 #include "enterprise/common/async/job.h"
+#include "enterprise/common/async/job_control.h"
+#include "enterprise/common/async/operation_description.h"
 
 namespace Platform {
 
 namespace {
 
-constexpr Common::SourceFile kSource{"platform/async_service/async_service"};
+// Keeps blocks of one size for the next taker: each step of a sequence waits for a tick and cancels
+// the wait. Outlives the metronome as long as a block is in use.
+class BlockRecycler {
+ public:
+  BlockRecycler() { free_.reserve(kMaxFree); }
+  BlockRecycler(const BlockRecycler&) = delete;
+  BlockRecycler& operator=(const BlockRecycler&) = delete;
+  ~BlockRecycler() {
+    for (void* const block : free_) ::operator delete(block);
+  }
+
+  void* Take(std::size_t size) {
+    {
+      std::lock_guard lock(mutex_);
+      if (!free_.empty()) {
+        void* const block = free_.back();
+        free_.pop_back();
+        return block;
+      }
+    }
+    return ::operator new(size);
+  }
+  void Give(void* block) noexcept {
+    {
+      std::lock_guard lock(mutex_);
+      if (free_.size() < kMaxFree) {
+        free_.push_back(block);
+        return;
+      }
+    }
+    ::operator delete(block);
+  }
+
+ private:
+  static constexpr std::size_t kMaxFree = 64;
+
+  std::mutex mutex_;
+  std::vector<void*> free_;
+};
+
+// For std::allocate_shared: all blocks of one recycler are of one type.
+template <class T>
+class RecyclingAllocator {
+ public:
+  using value_type = T;
+
+  explicit RecyclingAllocator(std::shared_ptr<BlockRecycler> recycler)
+      : recycler_(std::move(recycler)) {}
+  template <class Other>
+  RecyclingAllocator(const RecyclingAllocator<Other>& other) : recycler_(other.recycler_) {}
+
+  T* allocate(std::size_t count) { return static_cast<T*>(recycler_->Take(count * sizeof(T))); }
+  void deallocate(T* block, std::size_t) noexcept { recycler_->Give(block); }
+
+  template <class Other>
+  bool operator==(const RecyclingAllocator<Other>& other) const {
+    return recycler_ == other.recycler_;
+  }
+
+  std::shared_ptr<BlockRecycler> recycler_;
+};
 
 // One piece of work on its way through the pool.
 class WorkJob final : public Async::BaseJob, public PoolTask {
@@ -34,16 +96,18 @@ class WorkJob final : public Async::BaseJob, public PoolTask {
 
  private:
   Common::Error Execute() noexcept {
+    Async::JobControl::PerformExceptionDescription operation;
+    Async::SafeOperationDescription description(operation);
     try {
       return work_->Execute();
     } catch (const Common::Error& error) {
       return error;
     } catch (const std::bad_alloc&) {
       return Common::Error::OutOfMemory();
+    } catch (const std::exception& exception) {
+      return description.DescribeStdException(exception);
     } catch (...) {
-      return Common::Error(Async::kUnknownExceptionCode,
-                           Common::GetMessageText(Common::MessageRow::AsyncUnknownException),
-                           kSource.At("Execute", 20));
+      return description.DescribeUnknownException();
     }
   }
 
@@ -60,15 +124,21 @@ class AsyncService::PoolMetronome final : public Async::Metronome {
       : pool_(pool),
         interval_(interval),
         start_(ElasticPool::Clock::now()),
-        tick_(new Tick(*this)) {}
+        tick_(new Tick(*this)),
+        recycler_(std::make_shared<BlockRecycler>()) {}
 
   std::shared_ptr<Async::Job> WaitTick(Async::ActionHandler& handler) override {
-    auto job = std::make_shared<TickJob>(*this, handler);
-    std::lock_guard lock(mutex_);
-    if (stopped_) throw Common::Error(Async::canceled_error.Get());
-    if (!armed_) armed_ = pool_.PostAt(NextTick(), tick_);
-    job->Link(job, first_);
-    return job;
+    try {
+      auto job =
+          std::allocate_shared<TickJob>(RecyclingAllocator<TickJob>(recycler_), *this, handler);
+      std::lock_guard lock(mutex_);
+      if (!stopped_ && !armed_) armed_ = pool_.PostAt(NextTick(), tick_);
+      if (stopped_ || !armed_) throw Common::Error(Async::canceled_error.Get());
+      job->Link(job, joined_);
+      return job;
+    } catch (const std::exception&) {
+      throw Common::Error::OutOfMemory();  // of memory or of threads
+    }
   }
 
   // Ends all waits, and those to come.
@@ -144,27 +214,40 @@ class AsyncService::PoolMetronome final : public Async::Metronome {
 
   std::shared_ptr<TickJob> TakeFirst() {
     std::lock_guard lock(mutex_);
-    return first_ != nullptr ? first_->Unlink() : nullptr;
+    if (joined_ != nullptr) return joined_->Unlink();
+    return waited_ != nullptr ? waited_->Unlink() : nullptr;
   }
 
-  // Each handler is told by a task of its own: one that blocks doesn't hold up the others. What
-  // comes in from now on waits for the next tick.
+  // Tells those that have waited for a whole interval at least. What joined since the last beat
+  // moves up and is told at the next one: a wait that began right before a beat would end at once.
   void OnTick() {
-    TickJob* firing = nullptr;
+    TickJob* due = nullptr;
     {
       std::lock_guard lock(mutex_);
+      if (waited_ != nullptr) waited_->MoveTo(due);
+      waited_ = nullptr;
+      if (joined_ != nullptr) joined_->MoveTo(waited_);
+      joined_ = nullptr;
       armed_ = false;
-      if (first_ != nullptr) first_->MoveTo(firing);
-      first_ = nullptr;
+      try {
+        if (waited_ != nullptr) armed_ = pool_.PostAt(NextTick(), tick_);
+      } catch (const std::exception&) {
+        // The next wait arms again, or the stop ends them.
+      }
     }
+    Fire(due);
+  }
+
+  // Each handler is told by a task of its own: one that blocks doesn't hold up the others.
+  void Fire(TickJob*& due) {
     for (;;) {
       std::shared_ptr<TickJob> job;
       bool last = true;
       {
         std::lock_guard lock(mutex_);  // a cancel may take jobs out of this list, too
-        if (firing == nullptr) return;
-        job = firing->Unlink();
-        last = firing == nullptr;
+        if (due == nullptr) return;
+        job = due->Unlink();
+        last = due == nullptr;
       }
       if (last) {
         job->Run();
@@ -187,9 +270,11 @@ class AsyncService::PoolMetronome final : public Async::Metronome {
   const std::chrono::milliseconds interval_;
   const ElasticPool::Clock::time_point start_;
   const std::shared_ptr<Tick> tick_;
-  std::mutex mutex_;  // guards the list and `armed_`
-  TickJob* first_ = nullptr;
-  bool armed_ = false;  // a tick is on its way
+  const std::shared_ptr<BlockRecycler> recycler_;
+  std::mutex mutex_;           // guards what follows
+  TickJob* joined_ = nullptr;  // since the last beat
+  TickJob* waited_ = nullptr;  // for one beat
+  bool armed_ = false;         // a tick is on its way
   bool stopped_ = false;
 };
 
@@ -203,13 +288,19 @@ Async::Metronome* AsyncService::Source::GetMetronome(unsigned int interval) {
   if (metronome == nullptr) {
     metronome = std::make_unique<PoolMetronome>(
         pool_, std::chrono::milliseconds(interval + (interval == 0)));
+    if (stopped_) metronome->CancelAll();
   }
   return metronome.get();
 }
 
 void AsyncService::Source::CancelAll() {
-  // The map only grows, and nobody asks a stopping service for a new interval.
-  for (const auto& [interval, metronome] : metronomes_) metronome->CancelAll();
+  std::vector<PoolMetronome*> metronomes;
+  {
+    std::lock_guard lock(mutex_);
+    stopped_ = true;
+    for (const auto& [interval, metronome] : metronomes_) metronomes.push_back(metronome.get());
+  }
+  for (PoolMetronome* const metronome : metronomes) metronome->CancelAll();
 }
 
 AsyncService::AsyncService() : storage_(pool_), source_(pool_) {}
@@ -220,15 +311,13 @@ AsyncService::~AsyncService() {
 
 std::shared_ptr<Async::Job> AsyncService::PerformWork(Async::Work& work,
                                                       Async::ActionHandler& handler) {
-  auto job = std::make_shared<WorkJob>(work, handler);
-  bool posted = false;
   try {
-    posted = pool_.Post(job);
+    auto job = std::make_shared<WorkJob>(work, handler);
+    if (!pool_.Post(job)) throw Common::Error(Async::canceled_error.Get());
+    return job;
   } catch (const std::exception&) {
-    throw Common::Error::OutOfMemory();
+    throw Common::Error::OutOfMemory();  // of memory or of threads
   }
-  if (!posted) throw Common::Error(Async::canceled_error.Get());
-  return job;
 }
 
 Async::SynchronizationCallbackStorage* AsyncService::GetSynchronizationCallbackStorage() {
@@ -257,7 +346,9 @@ AsyncService& GetProcessService() {
     auto* const made = new AsyncService;
     std::atexit([] {
       Async::SetServiceProvider(nullptr);
-      GetProcessService().Stop();
+      AsyncService& process_service = GetProcessService();
+      // A task of the service that exits the process can't wait for its own end.
+      if (!process_service.GetPool().IsOwnThread()) process_service.Stop();
     });
     return made;
   }();

@@ -12,12 +12,13 @@
 namespace Platform {
 
 // The async service on an elastic pool: work, ticks and their handlers run on its threads and never
-// inside the call that asked for them. Intervals of metronomes are milliseconds; all metronomes of
-// one interval share one beat.
+// inside the call that asked for them. Intervals of metronomes are milliseconds; all waits for one
+// interval share its beat, and a wait ends at the first beat that is a whole interval away.
 //
 // A process that links this folder has one: GetAsyncService makes it on the first call, the first
 // work or tick starts threads, and at exit it is stopped: waits for ticks are cancelled, work that
-// was handed over still runs, all threads end. Afterwards the process has no async service.
+// was handed over still runs, all threads end. Afterwards the process has no async service. So
+// every cycle must be cancelled before main returns, and work that never ends keeps the process.
 class AsyncService final : public Async::Service {
  public:
   AsyncService();
@@ -60,6 +61,7 @@ class AsyncService final : public Async::Service {
     ElasticPool& pool_;
     std::mutex mutex_;
     std::map<unsigned int, std::unique_ptr<PoolMetronome>> metronomes_;  // by interval; only grows
+    bool stopped_ = false;
   };
 
   ElasticPool pool_;

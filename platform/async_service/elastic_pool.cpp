@@ -32,7 +32,8 @@ bool ElasticPool::Post(std::shared_ptr<PoolTask> task) {
   queue_.push_back(std::move(task));
   try {
     StartThreadIfNeeded();
-  } catch (const std::system_error&) {
+  } catch (...) {
+    // No thread or no memory for one: those that are there take the task, too.
     if (workers_.empty()) {
       queue_.pop_back();
       throw;
@@ -59,9 +60,13 @@ void ElasticPool::NoteBlocked() {
   ++blocked_;
   try {
     StartThreadIfNeeded();
-  } catch (const std::system_error&) {
+  } catch (const std::exception&) {
     // The timekeeper tries again.
   }
+}
+
+bool ElasticPool::IsOwnThread() const {
+  return Worker::current_pool == this;
 }
 
 bool ElasticPool::IsStarved() const {
@@ -139,7 +144,7 @@ void ElasticPool::KeepTime() {
     }
     Clock::time_point next = Clock::time_point::max();
     try {
-      if (IsStarved() && workers_.size() - blocked_ < parallelism_) StartThread();
+      while (IsStarved() && workers_.size() - blocked_ < parallelism_) StartThread();
       if (IsStarved() && now - last_taken_ >= kStallTime) {
         StartThread();
         last_taken_ = now;

@@ -48,9 +48,11 @@ class ElasticPool : public Common::NonCopyable {
   bool PostAt(Clock::time_point time, std::shared_ptr<PoolTask> task);
   // The calling thread, if it is one of the pool, is about to block.
   void NoteBlocked();
+  // Whether the calling thread is one of the pool.
+  bool IsOwnThread() const;
 
-  // Runs the tasks that were posted, then ends all threads and waits for them. Tasks posted by
-  // these last tasks run as well.
+  // Runs the tasks that were posted, as long as a thread can be had, then ends all threads and
+  // waits for them. Tasks posted by these last tasks run as well.
   void Stop();
 
   std::size_t GetParallelism() const { return parallelism_; }

@@ -1,6 +1,7 @@
 #include "enterprise/common/async/action_sequence.h"
 
 #include <cstddef>
+#include <new>
 #include <utility>
 
 #include "enterprise/common/async/async_error.h"
@@ -57,7 +58,12 @@ std::shared_ptr<Job> ActionSequence::Perform(ActionHandler& handler) {
     handler.Completed(Common::Error());
     return nullptr;
   }
-  const auto job = std::make_shared<ActionSequenceJob>(handler, actions_, repeat);
+  std::shared_ptr<ActionSequenceJob> job;
+  try {
+    job = std::make_shared<ActionSequenceJob>(handler, actions_, repeat);
+  } catch (const std::bad_alloc&) {
+    throw Common::Error::OutOfMemory();
+  }
   job->Process();
   return job;
 }

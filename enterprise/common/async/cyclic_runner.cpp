@@ -1,5 +1,7 @@
 #include "enterprise/common/async/cyclic_runner.h"
 
+#include <new>
+#include <thread>
 #include <utility>
 
 #include "core/common/line_tag.h"
@@ -33,25 +35,32 @@ struct CyclicRunner::PassLoop {
 thread_local CyclicRunner::PassLoop* CyclicRunner::innermost_loop_ = nullptr;
 
 // Carries a cycle to a thread of the service. Owns itself until the service has told the end of the
-// work. If the work could not run, its failure ends the cycle.
+// work.
 class CyclicRunner::Resumption : public ActionHandler {
  public:
-  static void Run(Service& service, std::shared_ptr<CyclicRunner> runner) {
+  // False if the service doesn't take the work: the cycle goes on where it is.
+  static bool Run(Service& service, std::shared_ptr<CyclicRunner> runner) {
     const auto resumption = std::make_shared<Resumption>(std::move(runner));
     resumption->self_ = resumption;
+    resumption->starter_ = std::this_thread::get_id();
     ActionRefAdaptor perform([&service, &resumption](ActionHandler& handler) {
       return service.PerformWork(resumption->work_, handler);
     });
     resumption->control_.Run(perform, *resumption, nullptr);
+    return !resumption->refused_;
   }
 
   explicit Resumption(std::shared_ptr<CyclicRunner> runner) : work_(std::move(runner)) {}
 
   void Completed(Common::Error result) override {
     const std::shared_ptr<Resumption> self = std::move(self_);
-    if (result.IsFailure() && !work_.started) {
+    if (!result.IsFailure() || work_.started) return;
+    // The service has not run the work.
+    if (std::this_thread::get_id() == starter_) {
+      refused_ = true;  // inside Run
+    } else {
       const std::shared_ptr<CyclicRunner> runner = std::move(work_.runner);
-      runner->handler_->Completed(std::move(result));
+      runner->RunPasses();
     }
   }
 
@@ -70,11 +79,18 @@ class CyclicRunner::Resumption : public ActionHandler {
 
   PassWork work_;
   std::shared_ptr<Resumption> self_;
+  std::thread::id starter_;
+  bool refused_ = false;
   JobControl control_;
 };
 
 std::shared_ptr<Job> CyclicRunner::Start(std::shared_ptr<Action> action, ActionHandler& handler) {
-  const auto runner = std::make_shared<CyclicRunner>(std::move(action), handler);
+  std::shared_ptr<CyclicRunner> runner;
+  try {
+    runner = std::make_shared<CyclicRunner>(std::move(action), handler);
+  } catch (const std::bad_alloc&) {
+    throw Common::Error::OutOfMemory();
+  }
   runner->RunPasses();
   return runner;
 }
@@ -115,8 +131,11 @@ bool CyclicRunner::ResumeElsewhere() {
   Service* service = nullptr;
   GetAsyncService(&service);
   if (service == nullptr) return false;
-  Resumption::Run(*service, shared_from_this());
-  return true;
+  try {
+    return Resumption::Run(*service, shared_from_this());
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
 }
 
 }  // namespace CyclicRunnerImpl

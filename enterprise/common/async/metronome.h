@@ -31,7 +31,7 @@ class BasicMetronomeListener : public ActionHandler {
   virtual bool Tick() = 0;
 
  private:
-  class SharedEvent;
+  struct SharedEvent;
 
   // `state_`: one of these, or the address of the SharedEvent of a Stop that waits.
   static constexpr std::uintptr_t kStateIdle = 0;

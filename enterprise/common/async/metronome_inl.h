@@ -1,26 +1,16 @@
 #pragma once
 
-#include "core/common/non_copyable.h"
 #include "core/common/unix/safe_assert.h"
 #include "enterprise/common/async/action_adaptor.h"
 #include "enterprise/common/async/metronome.h"
 
 namespace Async {
 
-// What a Stop waits on. Shared by Stop and Completed: whoever counts down to 0 deletes it.
+// What a Stop waits on, on its stack. An event may be destroyed as soon as its Wait has returned,
+// so Completed and Stop need no count of who still uses it, and a Stop can't run out of memory.
 template <class Atomics>
-class BasicMetronomeListener<Atomics>::SharedEvent : public Common::NonCopyable {
- public:
-  void AddReference() { count_.fetch_add(1); }
-  void Release() {
-    if (count_.fetch_sub(1) == 1) delete this;
-  }
-  void Set() { event_.Set(); }
-  void Wait() { event_.Wait(); }
-
- private:
-  typename Atomics::Event event_{false, false};
-  typename Atomics::Counter count_{1};
+struct BasicMetronomeListener<Atomics>::SharedEvent {
+  typename Atomics::Event event{false, false};
 };
 
 template <class Atomics>
@@ -39,29 +29,34 @@ bool BasicMetronomeListener<Atomics>::Start(Metronome* metronome) {
   }
   ActionRefAdaptor wait(
       [metronome](ActionHandler& handler) { return metronome->WaitTick(handler); });
-  control_.Run(wait, *this, nullptr);
+  try {
+    control_.Run(wait, *this, nullptr);
+  } catch (...) {
+    FinishWait();  // nobody will tell this listener: a Stop must not wait for good
+    throw;
+  }
   return true;
 }
 
 template <class Atomics>
 void BasicMetronomeListener<Atomics>::Stop() {
-  SharedEvent* event = nullptr;
+  SharedEvent event;
+  bool working = false;
   {
     typename Atomics::StaticMutexLock lock(state_mutex_);
     if (state_ == kStateIdle || state_ == kStateFinished) return;
     if (state_ == kStateWorking) {
-      event = new SharedEvent;
-      state_ = reinterpret_cast<std::uintptr_t>(event);
+      working = true;
+      state_ = reinterpret_cast<std::uintptr_t>(&event);
     }
   }
-  if (event == nullptr) {
+  if (!working) {
     // A second Stop at the same time: the first one's event stays where it is.
     Common::SafeAssert("State == StateWorking", "enterprise/common/async/metronome", 112);
     return;
   }
   control_.Cancel();
-  event->Wait();
-  event->Release();
+  event.event.Wait();
 }
 
 template <class Atomics>
@@ -84,10 +79,7 @@ void BasicMetronomeListener<Atomics>::FinishWait() {
   }
   // Without a waiting Stop the owner may destroy the listener from here on.
   if (former == kStateWorking || former == kStateIdle) return;
-  auto* const event = reinterpret_cast<SharedEvent*>(former);
-  event->AddReference();
-  event->Set();
-  event->Release();
+  reinterpret_cast<SharedEvent*>(former)->event.Set();
 }
 
 }  // namespace Async

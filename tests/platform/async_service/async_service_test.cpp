@@ -230,6 +230,28 @@ TEST(AsyncService, TicksAndCancelsMeet) {
   }
 }
 
+// A loop whose steps all end inside their Perform stays on its thread, however long it runs: a wait
+// for a tick is a whole interval at least.
+TEST(AsyncService, DoesNotMoveALoopThatDoesNotStall) {
+  const std::thread::id starter = std::this_thread::get_id();
+  const auto end = ElasticPool::Clock::now() + std::chrono::milliseconds(200);
+  int elsewhere = 0;
+  Async::ActionSequence sequence;
+  for (int i = 0; i < 20000; ++i) {
+    sequence.Execute(Async::MakeAction([&](Async::ActionHandler& handler) {
+      if (std::this_thread::get_id() != starter) ++elsewhere;
+      handler.Completed(ElasticPool::Clock::now() < end
+                            ? Common::Error()
+                            : Common::Error(Async::kStopSequenceCode, Common::LineTag{}));
+      return nullptr;
+    }));
+  }
+  CountingHandler handler;
+  const auto job = sequence.Perform(handler);
+  EXPECT_EQ(handler.told, 1);
+  EXPECT_EQ(elsewhere, 0);
+}
+
 TEST(AsyncService, IsTheServiceOfTheProcess) {
   Async::Service* service = nullptr;
   GetAsyncService(&service);

@@ -272,27 +272,27 @@ TEST_P(SequenceSteps, AThreadThatBlocksBehindItsStepHandsTheLoopOver) {
 // Stalls, without a wait that anybody is told of, until the gate opens.
 class JobThatStallsAtItsEnd : public BaseJob {
  public:
-  JobThatStallsAtItsEnd(FakeService* service, Common::Event& gate)
+  JobThatStallsAtItsEnd(FakeService& service, Common::Event& gate)
       : service_(service), gate_(gate) {}
   ~JobThatStallsAtItsEnd() override {
-    service_->Tick();
+    service_.Tick();
     gate_.Wait();
   }
   void Cancel() override {}
 
  private:
-  FakeService* const service_;
+  FakeService& service_;
   Common::Event& gate_;
 };
 
-TEST_P(SequenceSteps, TheMetronomeMovesTheLoopOfAThreadThatStalls) {
-  if (!GetParam()) GTEST_SKIP() << "there is no metronome without a service";
+TEST(SequenceOfAService, TheMetronomeMovesTheLoopOfAThreadThatStalls) {
+  FakeService service;
   ActionSequence sequence;
   Common::Event gate(false, false);
   std::thread::id second;
   sequence.Execute(Step([&](ActionHandler& handler) {
     handler.Completed({});
-    return std::make_shared<JobThatStallsAtItsEnd>(service_.get(), gate);
+    return std::make_shared<JobThatStallsAtItsEnd>(service, gate);
   }));
   sequence.Execute(Step([&](ActionHandler& handler) {
     second = std::this_thread::get_id();
@@ -304,6 +304,8 @@ TEST_P(SequenceSteps, TheMetronomeMovesTheLoopOfAThreadThatStalls) {
   const auto job = sequence.Perform(end);
   EXPECT_EQ(end.Wait(job).GetCode(), 0u);
   EXPECT_NE(second, std::this_thread::get_id());
+  EXPECT_EQ(service.interval, 60u);
+  EXPECT_EQ(service.waits, 1);  // the last step has no next one to wait for
 }
 
 // A cycle whose passes are told by the test.
@@ -370,16 +372,20 @@ TEST_P(Cycles, PassesThatEndAtOnceUseOneStackAndGiveTheStarterItsThreadBack) {
   }
 }
 
-TEST_P(Cycles, AServiceThatTakesNoWorkEndsThem) {
-  if (!GetParam()) GTEST_SKIP() << "needs a service";
-  service_->RefuseWork();
-  const auto job = RunCyclic(MakeAction([&](ActionHandler& handler) -> std::shared_ptr<Job> {
-                               handler.Completed({});
+TEST(CyclesOfAService, GoOnInPlaceWhenItTakesNoWork) {
+  FakeService service;
+  service.RefuseWork();
+  constexpr int kPasses = 3 * CyclicRunnerImpl::CyclicRunner::kMaxImmediatePasses;
+  int passes = 0;
+  FakeHandler handler;
+  const auto job = RunCyclic(MakeAction([&](ActionHandler& done) -> std::shared_ptr<Job> {
+                               done.Completed(++passes == kPasses ? Failure() : Common::Error());
                                return nullptr;
                              }),
-                             handler_);
-  ASSERT_EQ(handler_.results.size(), 1u);
-  EXPECT_TRUE(handler_.results[0].HoldsCode(kFailure));
+                             handler);
+  ASSERT_EQ(handler.results.size(), 1u);
+  EXPECT_TRUE(handler.results[0].HoldsCode(kFailure));
+  EXPECT_EQ(passes, kPasses);
 }
 
 TEST(CyclicRunAction, DescribesItsJobAndRunsAsAnAction) {
