@@ -1,6 +1,7 @@
 #include "enterprise/common/dml/subscribe_without_report.h"
 
 #include <atomic>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -22,7 +23,7 @@ namespace {
 constexpr Common::SourceFile kSource{"enterprise/common/dml/subscribe_without_report"};
 
 constexpr std::uint32_t kDisposedObject = 0xFC0017;
-// Raised by callbacks that have nothing to say about the subscription: worth a debug line only.
+// Raised by nothing here; it only selects the level of the trace.
 constexpr std::uint32_t kIgnoredCallbackCode = 0xF90017;
 
 using Snapshot = std::vector<std::shared_ptr<Por::Construction::Unit>>;
@@ -45,7 +46,9 @@ class DecoratedSubscription final : public Subscription, public Async::ActionHan
                                    Async::ActionHandler& handler) override;
   // The end of a read. The handler may destroy this object.
   void Completed(Common::Error result) override {
-    handler_.exchange(nullptr)->Completed(std::move(result));
+    Async::ActionHandler* const handler = handler_.exchange(nullptr);
+    SAFE_ASSERT(handler != nullptr && "A read has completed twice.");
+    if (handler != nullptr) handler->Completed(std::move(result));
   }
 
  private:
@@ -61,8 +64,20 @@ std::shared_ptr<Async::Job> DecoratedSubscription::Read(SubscriptionReader& read
     handler.Completed(Async::invalid_result_error.Get());
     return nullptr;
   }
+  // Whoever throws from here on has started nothing and told nobody: the next read is free to come.
+  struct Release {
+    ~Release() {
+      if (handler != nullptr) handler->store(nullptr);
+    }
+    std::atomic<Async::ActionHandler*>* handler;
+  } release{&handler_};
   if (snapshot_.empty()) {
-    if (base_ != nullptr) return base_->Read(reader, *this);
+    if (base_ != nullptr) {
+      std::shared_ptr<Async::Job> job = base_->Read(reader, *this);
+      release.handler = nullptr;
+      return job;
+    }
+    release.handler = nullptr;
     Completed(Common::Error(kDisposedObject,
                             Common::GetMessageText(Common::MessageRow::DmlDisposedObject),
                             kSource.At("Read", 100)));
@@ -75,6 +90,7 @@ std::shared_ptr<Async::Job> DecoratedSubscription::Read(SubscriptionReader& read
       TraceReaderFailure(error);
     }
   }
+  release.handler = nullptr;
   Completed(Common::Error());
   return nullptr;
 }
@@ -110,9 +126,16 @@ class SubscribeWithoutReportJob final : public Async::BaseJob,
   // The end of the sequence. The handler may drop the last reference to this job.
   void Completed(Common::Error result) override {
     if (!result.IsFailure()) {
-      SAFE_ASSERT(base_subscription_.get() != 0);
-      *subscription_ = std::make_unique<DecoratedSubscription>(std::move(base_subscription_),
-                                                               std::move(snapshot_));
+      if (base_subscription_ == nullptr) {
+        Common::SafeAssert("BaseSubscription.get() != 0",
+                           "enterprise/common/dml/subscribe_without_report", 140);
+      }
+      try {
+        *subscription_ = std::make_unique<DecoratedSubscription>(std::move(base_subscription_),
+                                                                 std::move(snapshot_));
+      } catch (const std::bad_alloc&) {
+        result = Common::Error::OutOfMemory();
+      }
     }
     handler_->Completed(std::move(result));
   }
