@@ -22,13 +22,17 @@ class FakeService final : public Service, private MetronomeSource, private Metro
     SetServiceProvider([](Service** service) { *service = instance; });
   }
   ~FakeService() {
+    Join();
     SetServiceProvider(nullptr);
-    for (std::thread& thread : threads_) thread.join();
     EXPECT_TRUE(waiting_.empty());
   }
 
   std::shared_ptr<Job> PerformWork(Work& work, ActionHandler& handler) override {
     if (refuse_work_) throw Failure();
+    if (run_work_inside_) {
+      handler.Completed(work.Execute());
+      return nullptr;
+    }
     const std::lock_guard lock(mutex_);
     threads_.emplace_back([&work, &handler] { handler.Completed(work.Execute()); });
     return std::make_shared<FakeJob>();
@@ -37,11 +41,26 @@ class FakeService final : public Service, private MetronomeSource, private Metro
   MetronomeSource* GetMetronomeSource() override { return this; }
 
   void RefuseWork() { refuse_work_ = true; }
+  // What no real service does: work has ended when PerformWork returns.
+  void RunWorkInside() { run_work_inside_ = true; }
+  // Returns when all work has ended, also work that was performed by work.
+  void Join() {
+    for (;;) {
+      std::vector<std::thread> threads;
+      {
+        const std::lock_guard lock(mutex_);
+        threads.swap(threads_);
+      }
+      if (threads.empty()) return;
+      for (std::thread& thread : threads) thread.join();
+    }
+  }
   // Ticks on a thread of its own and returns when all waiting handlers were told.
   void Tick() {
-    std::thread([this] {
-      for (const std::shared_ptr<Wait>& wait : TakeAll()) wait->Tell({});
-    }).join();
+    std::thread([this] { TickHere(); }).join();
+  }
+  void TickHere() {
+    for (const std::shared_ptr<Wait>& wait : TakeAll()) wait->Tell({});
   }
   int waits = 0;
   unsigned int interval = 0;
@@ -92,6 +111,7 @@ class FakeService final : public Service, private MetronomeSource, private Metro
   std::vector<std::thread> threads_;
   std::vector<std::shared_ptr<Wait>> waiting_;
   bool refuse_work_ = false;
+  bool run_work_inside_ = false;
 };
 
 }  // namespace Async::Testing

@@ -308,6 +308,43 @@ TEST(SequenceOfAService, TheMetronomeMovesTheLoopOfAThreadThatStalls) {
   EXPECT_EQ(service.waits, 1);  // the last step has no next one to wait for
 }
 
+TEST(SequenceOfAService, ACancelReachesALoopThatWasHandedOver) {
+  FakeService service;
+  ActionSequence sequence;
+  FakeHandler end;
+  Synchronizer gate;
+  Common::Event second_runs(false, false);
+  Common::Event canceled(false, false);
+  ActionHandler* second = nullptr;
+  auto second_job = std::make_shared<FakeJob>([&] { second->Completed(canceled_error.Get()); });
+  sequence.Execute(Step([&](ActionHandler& handler) {
+    handler.Completed({});
+    return std::make_shared<JobThatBlocksAtItsEnd>(gate);
+  }));
+  // Still inside its Perform, on a thread of the service, when the cancel comes.
+  sequence.Execute(Step([&](ActionHandler& handler) {
+    second = &handler;
+    second_runs.Set();
+    canceled.Wait();
+    return second_job;
+  }));
+  const auto third = StepThatEnds();
+  sequence.Execute(third);
+  std::shared_ptr<Job> job;
+  std::thread starter([&] { job = sequence.Perform(end); });
+  second_runs.Wait();
+  gate.Completed({});
+  starter.join();
+  job->Cancel();
+  EXPECT_EQ(second_job->cancels, 0);
+  canceled.Set();
+  service.Join();
+  EXPECT_EQ(second_job->cancels, 1);
+  ASSERT_EQ(end.results.size(), 1u);
+  EXPECT_TRUE(end.results[0].HoldsCode(kCanceledCode));
+  EXPECT_EQ(third->performs, 0);
+}
+
 // A cycle whose passes are told by the test.
 class Cycles : public SequenceSteps {};
 

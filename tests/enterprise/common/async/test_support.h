@@ -54,14 +54,28 @@ class TraceRecorder final : public Common::TraceSink {
   }
 
   std::vector<Line> Errors() const { return OfLevel(Common::kTraceError); }
+  std::vector<Line> OfLevel(unsigned int level) const {
+    const std::lock_guard lock(mutex_);
+    std::vector<Line> lines;
+    for (const Line& line : lines_) {
+      if (line.level == level) lines.push_back(line);
+    }
+    return lines;
+  }
+  // The assertions with their places.
+  std::vector<std::string> AssertionTexts() const {
+    std::vector<std::string> texts;
+    for (const Line& line : OfLevel(Common::kTraceCritical)) {
+      if (line.text.rfind(kAssertion, 0) == 0) texts.push_back(line.text);
+    }
+    return texts;
+  }
   // The expressions of the assertions.
   std::vector<std::string> Assertions() const {
-    std::vector<std::string> expressions;
-    const std::string prefix = "Assertion failed: ";
-    for (const Line& line : OfLevel(Common::kTraceCritical)) {
-      if (line.text.rfind(prefix, 0) != 0) continue;
-      expressions.push_back(
-          line.text.substr(prefix.size(), line.text.rfind(", file ") - prefix.size()));
+    std::vector<std::string> expressions = AssertionTexts();
+    for (std::string& text : expressions) {
+      const std::size_t size = std::string(kAssertion).size();
+      text = text.substr(size, text.rfind(", file ") - size);
     }
     return expressions;
   }
@@ -71,14 +85,8 @@ class TraceRecorder final : public Common::TraceSink {
     const std::lock_guard lock(mutex_);
     lines_.push_back({level, (module << 16) | code, std::move(text)});
   }
-  std::vector<Line> OfLevel(unsigned int level) const {
-    const std::lock_guard lock(mutex_);
-    std::vector<Line> lines;
-    for (const Line& line : lines_) {
-      if (line.level == level) lines.push_back(line);
-    }
-    return lines;
-  }
+
+  static constexpr char kAssertion[] = "Assertion failed: ";
 
   mutable std::mutex mutex_;
   std::vector<Line> lines_;
