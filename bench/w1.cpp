@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <vector>
 
 #include "core/common/error.h"
@@ -14,12 +15,20 @@
 
 namespace {
 
-// The next frame: a length (u32, little-endian) and as many bytes. False at the end.
+constexpr std::uint32_t kMaxFrame = 1 << 20;
+
+// The next frame: a length (u32, little-endian) and as many bytes. False at the end; an input that
+// is cut, too long in a frame or unreadable ends the program.
 bool ReadFrame(std::FILE* file, std::vector<unsigned char>& bytes) {
   std::uint32_t size;
-  if (std::fread(&size, sizeof size, 1, file) != 1) return false;
-  bytes.resize(size);
-  return std::fread(bytes.data(), 1, size, file) == size;
+  const std::size_t head = std::fread(&size, 1, sizeof size, file);
+  if (head == 0 && std::ferror(file) == 0) return false;
+  if (head == sizeof size && size <= kMaxFrame) {
+    bytes.resize(size);
+    if (std::fread(bytes.data(), 1, size, file) == size) return true;
+  }
+  std::fputs("w1: the input is damaged\n", stderr);
+  std::exit(1);
 }
 
 }  // namespace
@@ -41,7 +50,11 @@ int main(int argc, char** argv) {
   try {
     while (ReadFrame(file, bytes)) {
       const Por::OwnedUnit unit = Por::Util::ReadUnitBlob(bytes, factory);
-      if (unit != nullptr) reader.Read(*unit);
+      if (unit == nullptr) {
+        std::fputs("w1: a frame holds no unit\n", stderr);
+        return 1;
+      }
+      reader.Read(*unit);
     }
   } catch (const Common::Error& error) {
     std::fprintf(stderr, "%s: error 0x%x\n", argv[0], error.GetCode());

@@ -7,12 +7,14 @@
 #include <malloc.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "bench/framed_units.h"
 #include "bench/workload.h"
+#include "core/common/error.h"
 #include "enterprise/common/por/unit_blob.h"
 #include "enterprise/common/por/unit_factory.h"
 
@@ -24,12 +26,25 @@ Por::OwnedUnit Decode(std::string_view frame) {
   return Por::Util::ReadUnitBlob(Bench::Bytes(frame), frame.size(), *Por::GetStaticUnitFactory());
 }
 
+bool IsUnit(std::string_view frame) {
+  try {
+    return Decode(frame) != nullptr;
+  } catch (const Common::Error&) {
+    return false;
+  }
+}
+
 int Measure(const char* path) {
   const std::string data = Bench::ReadFile(path);
   const std::vector<std::string_view> frames = Bench::SplitFrames(data);
   const double bytes = Bench::CountBytes(frames);
   const double count = static_cast<double>(frames.size());
 
+  // Only some, so that the first decoding of most is still a cold one; the rest comes back below.
+  if (frames.empty() || !IsUnit(frames.front()) || !IsUnit(frames.back())) {
+    std::fprintf(stderr, "%s holds no units\n", path);
+    return 1;
+  }
   std::vector<Por::OwnedUnit> trees;
   trees.reserve(frames.size());
   const std::size_t heap_before = mallinfo2().uordblks;
@@ -40,6 +55,10 @@ int Measure(const char* path) {
 
   std::vector<unsigned char> out;
   for (std::size_t i = 0; i < frames.size(); ++i) {
+    if (trees[i] == nullptr) {
+      std::fprintf(stderr, "Stream %zu holds no unit\n", i);
+      return 1;
+    }
     Por::Util::WriteUnitBlob(*trees[i], out);
     if (std::string_view(reinterpret_cast<const char*>(out.data()), out.size()) != frames[i]) {
       std::fprintf(stderr, "Stream %zu does not come back\n", i);

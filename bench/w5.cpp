@@ -3,6 +3,7 @@
 // The units are read from the framed streams first; the digests of all of them are timed.
 
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -24,6 +25,10 @@ void Measure(const char* path) {
   for (const std::string_view frame : frames) {
     units.push_back(
         Por::Util::ReadUnitBlob(Bench::Bytes(frame), frame.size(), *Por::GetStaticUnitFactory()));
+    if (units.back() == nullptr) {
+      std::fprintf(stderr, "%s: frame %zu holds no unit\n", path, units.size() - 1);
+      std::exit(1);
+    }
   }
   const double seconds = Bench::MeasureSeconds(
       [&] {
