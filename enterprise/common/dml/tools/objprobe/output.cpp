@@ -145,6 +145,7 @@ Output& StandardOutput() {
 }
 
 void PrepareStandardStreams() {
+  std::signal(SIGPIPE, SIG_IGN);
   for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
     if (::fcntl(descriptor, F_GETFD) >= 0 || errno != EBADF) continue;
     // The lowest free descriptor is taken, so this one. Each in the direction nobody uses: a write
@@ -152,7 +153,6 @@ void PrepareStandardStreams() {
     const int flags = descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY;
     if (::open("/dev/null", flags) < 0) return;
   }
-  std::signal(SIGPIPE, SIG_IGN);
 }
 
 }  // namespace ObjProbe

@@ -29,12 +29,6 @@ constexpr Common::SourceFile kSource{"enterprise/common/dml/tools/objprobe/main"
 constexpr std::uint32_t kCannotReadFile = 1;
 constexpr std::uint32_t kConnectionFailed = 3;
 
-Common::String ToString(const std::string& text) {
-  Common::String result;
-  Common::ToUtf16(result, text.data(), text.size());
-  return result;
-}
-
 Por::SharedUnit ReadUnit(Utils::DataReader& reader, const Por::Construction::UnitFactory& factory) {
   OutputStream echo(StandardOutput());
   Utils::UnitConstructionFormat format(echo);
@@ -45,7 +39,7 @@ Por::SharedUnit ReadUnit(Utils::DataReader& reader, const Por::Construction::Uni
 Por::SharedUnit ReadUnitText(const std::string& text,
                              const Por::Construction::UnitFactory& factory) {
   if (text.empty()) return nullptr;
-  Utils::InMemoryDataReader reader(ToString(text));
+  Utils::InMemoryDataReader reader(Common::Utf8ToString(text.c_str()));
   return ReadUnit(reader, factory);
 }
 
@@ -59,7 +53,8 @@ Por::SharedUnit ReadUnitFile(const std::string& name) {
 Por::SharedUnit CreateTypePattern(const std::string& object_type,
                                   const Por::Construction::UnitFactory& factory) {
   Por::OwnedUnit pattern = factory.CreateComposite();
-  pattern->GetTraits().Add(factory.CreateTrait("Is", factory.CreateString(ToString(object_type))));
+  pattern->GetTraits().Add(
+      factory.CreateTrait("Is", factory.CreateString(Common::Utf8ToString(object_type.c_str()))));
   return pattern;
 }
 
@@ -90,8 +85,9 @@ std::uint32_t RunQuery(const Arguments& arguments) {
   try {
     const Dml::ViewSpec spec = CreateViewSpec(arguments);
     const std::unique_ptr<Dml::PostOffice> office =
-        arguments.service == "DB" ? Dml::CreatePostOffice(ToString(arguments.hostname))
-                                  : CreateRemotePostOffice(arguments);
+        arguments.service == "DB"
+            ? Dml::CreatePostOffice(Common::Utf8ToString(arguments.hostname.c_str()))
+            : CreateRemotePostOffice(arguments);
     Report(*office, spec);
   } catch (const Common::Error& error) {
     Output& output = StandardOutput();
