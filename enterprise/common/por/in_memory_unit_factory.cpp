@@ -22,7 +22,11 @@ Common::Error Detach(const Common::Error& error) {
     unsigned int size = 0;
     const std::unique_ptr<unsigned char[]> bytes = error.Save(size);
     Common::Error copy = Common::Error::Load(bytes.get(), size);
-    return copy.GetCode() == error.GetCode() ? copy : Common::Error();
+    // Reading tells a lack of memory by a record of its own.
+    const bool whole = copy.GetCode() == error.GetCode() &&
+                       (!copy.HoldsCode(Common::kOutOfMemoryCode) ||
+                        error.HoldsCode(Common::kOutOfMemoryCode));
+    return whole ? copy : Common::Error();
   } catch (const std::bad_alloc&) {
     return Common::Error();
   }

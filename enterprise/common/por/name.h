@@ -36,7 +36,8 @@ class Name {
     return name;
   }
 
-  // A literal's address is shared, an own text copied. What was moved from is the empty name.
+  // A literal's address is shared, an own text copied. A name whose own text was moved away is
+  // the empty name.
   Name(const Name& other) : text_(other.text_) {
     if (other.OwnsText()) KeepCopy(other.storage_);
   }

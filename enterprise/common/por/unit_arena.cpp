@@ -53,14 +53,14 @@ Arena::Arena(std::size_t expected) {
 }
 
 void Arena::AddChunk(std::size_t size) {
-  // Further chunks grow with the tree, so that their number stays small.
-  const std::size_t wanted = sizeof(Chunk) + std::max({size, std::size_t{240},
-                                                       chunks_ == nullptr ? 0 : chunks_->size / 2});
+  // A further chunk is half of what the tree has, so that their number stays small.
+  const std::size_t total = chunks_ == nullptr ? 0 : chunks_->total;
+  const std::size_t wanted = sizeof(Chunk) + std::max({size, std::size_t{240}, total / 2});
   Chunk* chunk;
   if (kept.chunk != nullptr && kept.size >= wanted && kept.size / 4 <= wanted) {
-    chunk = new (std::exchange(kept.chunk, nullptr)) Chunk{chunks_, kept.size};
+    chunk = new (std::exchange(kept.chunk, nullptr)) Chunk{chunks_, kept.size, total + kept.size};
   } else {
-    chunk = new (::operator new(wanted)) Chunk{chunks_, wanted};
+    chunk = new (::operator new(wanted)) Chunk{chunks_, wanted, total + wanted};
   }
   chunks_ = chunk;
   at_ = reinterpret_cast<char*>(chunk + 1);

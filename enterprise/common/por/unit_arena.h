@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -62,7 +63,8 @@ class Arena {
  private:
   struct Chunk {
     Chunk* next;
-    std::size_t size;  // as a whole
+    std::size_t size;   // as a whole
+    std::size_t total;  // of this chunk and those behind it
   };
   struct Cleanup {
     const Cleanup* next;
@@ -147,15 +149,15 @@ class ArenaRoot final : public Construction::Unit {
   void Accept(View::UnitReader& reader) const override { reader.Visit(value_); }
   const View::Traits& GetTraits() const override { return traits_; }
   void Accept(Modification::UnitWriter& writer) override {
-    changeable_ = true;
+    MarkChangeable();
     writer.Visit(value_);
   }
   void Accept(Construction::UnitBuilder& builder) override {
-    changeable_ = true;
+    MarkChangeable();
     builder.Visit(value_);
   }
   TraitsHolder& GetTraits() override {
-    changeable_ = true;
+    MarkChangeable();
     return traits_;
   }
 
@@ -166,7 +168,7 @@ class ArenaRoot final : public Construction::Unit {
 
   static void operator delete(ArenaRoot* self, std::destroying_delete_t) {
     Arena arena = self->arena_;
-    if (self->changeable_) {
+    if (self->changeable_.load(std::memory_order_relaxed)) {
       self->~ArenaRoot();
     } else {
       arena.RunCleanups();
@@ -175,10 +177,13 @@ class ArenaRoot final : public Construction::Unit {
   }
 
  private:
+  void MarkChangeable() { changeable_.store(true, std::memory_order_relaxed); }
+
   Arena arena_;
   CompositeValueHolder value_;
   TraitsHolder traits_;
-  bool changeable_ = false;
+  // Two threads that only read may both ask for the changing face of it.
+  std::atomic<bool> changeable_{false};
 };
 
 }  // namespace Por::Detail

@@ -49,7 +49,8 @@ OwnedUnit ReadUnitBlob(const std::vector<unsigned char>& bytes,
                        const Construction::UnitFactory& factory);
 
 // The events of a stream, with all that its reader tolerates: one more OnUnitBegin before the first
-// tag and before each OnComposite, and no check of how the events nest.
+// tag and before each OnComposite, and no check of how, or how deep, the events nest. Throws for
+// bad data as ReadUnitBlob does.
 void FollowUnitBlob(const unsigned char* data, std::size_t size, UnitWalker& walker);
 
 }  // namespace Por::Util

@@ -3,7 +3,8 @@
 #include "enterprise/common/por/fwd.h"
 #include "enterprise/common/por/unit.h"
 
-// Equality, order and copy of whole units. Units have none of these built in.
+// Equality, order and copy of whole units. Units have none of these built in. All of them take the
+// traits of a unit to come in the order of their names, as Traits::ForEach promises.
 // All are pure functions of the trees; cost is polynomial in their nesting.
 
 namespace Por::Util {

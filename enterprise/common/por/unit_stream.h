@@ -30,7 +30,8 @@ inline constexpr std::size_t kWholeBuffer = 4096;
 
 // Writes the whole stream of `unit`, the same bytes as a walk with a BinaryDataProvider, and
 // several times as fast: items are laid into a buffer. The consumer sees what the buffer holds when
-// it is full or, as soon as a unit ends, what makes up whole pieces of `piece` bytes.
+// the next item has no room in it and, as soon as a unit ends, what makes up whole pieces of
+// `piece` bytes; payloads above 1 KiB go to the consumer as they are.
 void Write(const View::Unit& unit, BinaryDataConsumer& consumer, std::size_t piece = kWholeBuffer);
 
 }  // namespace Por::Util::UnitStream

@@ -12,7 +12,7 @@
 
 namespace Por::Util {
 
-// Receives the events of a walk over a unit tree:
+// Receives the events of a walk over a unit tree, with the guide that goes to values first:
 //
 //   unit   = OnUnitBegin value {OnTrait(name) unit} OnUnitEnd
 //   value  = OnArray {unit} | OnComposite {OnProperty(name) unit} | one of the scalar events

@@ -38,6 +38,9 @@ class UnitStage : public Common::NonCopyable {
 //   quoted    = quote {not a quote} quote         quote: " or ', in any mixture; no escapes
 //   number    = ["-"] (digits | "0x" hexdigits | hexdigits "h"), cut to the statement's width
 //
+// So it is meant; in fact any character opens a quoted text and any one closes a statement, and a
+// ")" right behind the "(" is an empty argument.
+//
 // Input is taken as one character a byte, undecoded; names are encoded from these characters again.
 class UnitConstructionFormat final : public PorFormat {
  public:
