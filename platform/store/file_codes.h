@@ -29,6 +29,7 @@ inline constexpr FileFailure kNotFoundFailure{0x40011, Common::MessageRow::FileN
 inline constexpr FileFailure kExistsFailure{0x40013, Common::MessageRow::FileExists};
 inline constexpr FileFailure kAccessFailure{0x40014, Common::MessageRow::FileAccessDenied};
 inline constexpr FileFailure kLockFailure{0x40017, Common::MessageRow::FileLock};
+inline constexpr FileFailure kRecoverFailure{0x4001A, Common::MessageRow::FileRecover};
 
 // The failure that a system error stands for, `fallback` when none.
 FileFailure MapSystemFailure(int errnum, const FileFailure& fallback);

@@ -1,8 +1,13 @@
 #include "platform/store/read_only_vfs.h"
 
 #include <sqlite3.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <climits>
+#include <cstdio>
 #include <mutex>
+#include <new>
 
 namespace Platform::Store {
 
@@ -26,16 +31,54 @@ std::once_flag methods_once;
 const sqlite3_io_methods* base_methods = nullptr;
 sqlite3_io_methods main_file_methods{};
 
+// What this layer knows of a main file, behind what the layer below keeps.
+struct FileState {
+  const char* name;  // kept by SQLite until the file is closed
+  bool index_missing;
+};
+constexpr int kAlignment = alignof(FileState);
+
+int GetStateOffset() {
+  return (base_vfs->szOsFile + kAlignment - 1) / kAlignment * kAlignment;
+}
+
+FileState& GetState(sqlite3_file* file) {
+  return *reinterpret_cast<FileState*>(reinterpret_cast<char*>(file) + GetStateOffset());
+}
+
 int Read(sqlite3_file* file, void* buffer, int size, sqlite3_int64 offset) {
   const int result = base_methods->xRead(file, buffer, size, offset);
-  if (result != SQLITE_OK) return result;
+  // A file that ends inside the buffer is shown in the same way; the rest of the buffer is zeros.
+  if (result != SQLITE_OK && result != SQLITE_IOERR_SHORT_READ) return result;
   auto* bytes = static_cast<unsigned char*>(buffer);
   for (sqlite3_int64 i = kVersionsOffset; i < kVersionsOffset + kVersionsSize; ++i) {
     if (i >= offset && i < offset + size && bytes[i - offset] == kWithLog) {
       bytes[i - offset] = kWithoutLog;
     }
   }
-  return SQLITE_OK;
+  return result;
+}
+
+// SQLITE_READONLY_CANTINIT makes SQLite read the log itself and keep an index of its own. Once it
+// was told that there is none, the file stays without: the locks that were granted are in no index.
+int MapIndex(sqlite3_file* file, int page, int size, int extend, void volatile** map) {
+  FileState& state = GetState(file);
+  if (!state.index_missing) {
+    const int result = base_methods->xShmMap(file, page, size, extend, map);
+    if ((result & 0xFF) != SQLITE_CANTOPEN) return result;
+    char index[PATH_MAX];
+    std::snprintf(index, sizeof index, "%s-shm", state.name);
+    if (::access(index, R_OK) == 0) return SQLITE_BUSY;  // made by a writer just now
+    if (errno != ENOENT) return result;
+    state.index_missing = true;
+  }
+  *map = nullptr;
+  return SQLITE_READONLY_CANTINIT;
+}
+
+int LockIndex(sqlite3_file* file, int first, int count, int flags) {
+  if (GetState(file).index_missing && (flags & SQLITE_SHM_SHARED) != 0) return SQLITE_OK;
+  return base_methods->xShmLock(file, first, count, flags);
 }
 
 int Open(sqlite3_vfs*, const char* name, sqlite3_file* file, int flags, int* out_flags) {
@@ -51,12 +94,15 @@ int Open(sqlite3_vfs*, const char* name, sqlite3_file* file, int flags, int* out
     main_file_methods = *base_methods;
     main_file_methods.iVersion = 2;  // plain reads, no memory map of the file
     main_file_methods.xRead = &Read;
+    main_file_methods.xShmMap = &MapIndex;
+    main_file_methods.xShmLock = &LockIndex;
   });
   if (file->pMethods != base_methods) {
     file->pMethods->xClose(file);
     file->pMethods = nullptr;
     return SQLITE_CANTOPEN;
   }
+  new (&GetState(file)) FileState{name, false};
   file->pMethods = &main_file_methods;
   return SQLITE_OK;
 }
@@ -71,6 +117,7 @@ const char* Register() {
   vfs = *base_vfs;
   vfs.pNext = nullptr;
   vfs.zName = kName;
+  vfs.szOsFile = GetStateOffset() + static_cast<int>(sizeof(FileState));
   vfs.xOpen = &Open;
   vfs.xDelete = &Delete;
   return sqlite3_vfs_register(&vfs, 0) == SQLITE_OK ? kName : nullptr;

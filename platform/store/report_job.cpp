@@ -31,14 +31,24 @@ Por::OwnedUnit Decode(const StoredObject& object, const Por::Construction::UnitF
   return unit;
 }
 
-// Of a reader: behind it stands a thread that nobody else looks after.
-Common::Error DescribeStdException(const std::exception& failure) {
-  Common::String text;
-  Common::FormatMessage(
-      text, Common::GetMessageText(Common::MessageRow::AsyncStdException),
-      std::vector<Common::String>{u"Report", Common::Utf8ToString(failure.what())});
-  return Common::MakeTracedError(Async::kStdExceptionCode, text.c_str(),
-                                 kSource.At("DescribeStdException", 20));
+// An exception that is no Common::Error, out of a reader: behind it stands a thread that nobody
+// else looks after. `what` is null when nothing is known of it.
+Common::Error DescribeForeignException(const char* what) noexcept {
+  try {
+    std::vector<Common::String> words{u"Report"};
+    if (what != nullptr) words.push_back(Common::Utf8ToString(what));
+    Common::String text;
+    Common::FormatMessage(
+        text,
+        Common::GetMessageText(what != nullptr ? Common::MessageRow::AsyncStdException
+                                               : Common::MessageRow::AsyncUnknownException),
+        words);
+    return Common::MakeTracedError(
+        what != nullptr ? Async::kStdExceptionCode : Async::kUnknownExceptionCode, text.c_str(),
+        kSource.At("DescribeForeignException", 20));
+  } catch (const std::bad_alloc&) {
+    return Common::Error::OutOfMemory();
+  }
 }
 
 }  // namespace
@@ -80,7 +90,9 @@ void ReportJob::Run() {
   } catch (const std::bad_alloc&) {
     result = Common::Error::OutOfMemory();
   } catch (const std::exception& failure) {
-    result = DescribeStdException(failure);
+    result = DescribeForeignException(failure.what());
+  } catch (...) {
+    result = DescribeForeignException(nullptr);
   }
   // What the report held is gone before its end is known.
   spec_ = {};

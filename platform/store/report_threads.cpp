@@ -12,32 +12,25 @@ ReportThreads::~ReportThreads() {
   }
   for (Worker& worker : workers) worker.job->Cancel();
   for (Worker& worker : workers) {
-    if (worker.thread.get_id() == std::this_thread::get_id()) {
-      worker.thread.detach();
-    } else {
-      worker.thread.join();
-    }
+    if (worker.thread.get_id() == std::this_thread::get_id()) worker.thread.detach();
   }
 }
 
 void ReportThreads::Start(std::shared_ptr<ReportJob> job) {
-  std::list<Worker> finished;
-  {
-    Common::MutexLock lock(mutex_);
-    RemoveFinished(finished);
-    std::list<Worker> added(1);
-    Worker& worker = added.front();
-    worker.job = job;
-    worker.finished = std::make_shared<std::atomic<bool>>(false);
-    // The thread owns all that it uses: nobody is left to ask once the handler has been told.
-    worker.thread = std::thread([job = std::move(job), flag = worker.finished]() mutable {
-      job->Run();
-      job.reset();
-      flag->store(true, std::memory_order_release);
-    });
-    workers_.splice(workers_.end(), added);
-  }
-  for (Worker& worker : finished) worker.thread.join();
+  std::list<Worker> finished;  // joined outside the lock
+  Common::MutexLock lock(mutex_);
+  RemoveFinished(finished);
+  std::list<Worker> added(1);
+  Worker& worker = added.front();
+  worker.job = job;
+  worker.finished = std::make_shared<std::atomic<bool>>(false);
+  // The thread owns all that it uses: nobody is left to ask once the handler has been told.
+  worker.thread = std::thread([job = std::move(job), flag = worker.finished]() mutable {
+    job->Run();
+    job.reset();
+    flag->store(true, std::memory_order_release);
+  });
+  workers_.splice(workers_.end(), added);
 }
 
 void ReportThreads::RemoveFinished(std::list<Worker>& removed) {

@@ -23,7 +23,12 @@ class ReportThreads : public Common::NonCopyable {
   void Start(std::shared_ptr<ReportJob> job);
 
  private:
-  struct Worker {
+  // Joins its thread when it goes.
+  struct Worker : public Common::NonCopyable {
+    ~Worker() {
+      if (thread.joinable()) thread.join();
+    }
+
     std::thread thread;
     std::shared_ptr<ReportJob> job;
     std::shared_ptr<std::atomic<bool>> finished;

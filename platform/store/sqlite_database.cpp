@@ -47,6 +47,11 @@ void CheckFile(const std::string& path, bool writing) {
   }
 }
 
+bool IsIndexUnfinished(int result) {
+  return result == SQLITE_READONLY_RECOVERY || result == SQLITE_READONLY_CANTLOCK ||
+         result == SQLITE_READONLY_CANTINIT;
+}
+
 // The path as an address, so that parameters can follow it.
 std::string MakeUri(const std::string& path) {
   static constexpr char kDigits[] = "0123456789ABCDEF";
@@ -147,7 +152,9 @@ Common::Error SqliteDatabase::MakeError(int result) const {
       failure = kCorruptedFailure;
       break;
     case SQLITE_READONLY:
-      failure = kReadOnlyFailure;
+      failure = IsIndexUnfinished(result) && !writing_ ? kLockFailure
+                : result == SQLITE_READONLY_ROLLBACK   ? kRecoverFailure
+                                                       : kReadOnlyFailure;
       break;
     case SQLITE_FULL:
       failure = kDiskFullFailure;
@@ -176,12 +183,23 @@ Common::Error SqliteDatabase::MakeError(int result) const {
               ? sqlite3_errmsg(handle_)
               : sqlite3_errstr(result);
   text += " (" + std::to_string(result) + ")";
+  if (result == SQLITE_READONLY_ROLLBACK) {
+    text = "A change of the store was interrupted; open it for writing once. " + text;
+  }
   Common::Error reason(failure.code, text.c_str(), tag);
   if (errnum != 0) reason.AddPosixError(errnum);
   Common::Error error =
       Common::MakePathError(failure.code, Common::GetMessageText(failure.row), path_.c_str(), tag);
   error.SetReason(reason);
   return error;
+}
+
+bool SqliteDatabase::MetUnfinishedFiles() const {
+  if (writing_) return false;
+  const int result = sqlite3_extended_errcode(handle_);
+  // A journal that is gone again was not left behind.
+  return IsIndexUnfinished(result) ||
+         (result == SQLITE_READONLY_ROLLBACK && ::access((path_ + "-journal").c_str(), F_OK) != 0);
 }
 
 void SqliteDatabase::Execute(const char* sql) {

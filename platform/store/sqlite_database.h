@@ -48,11 +48,16 @@ class SqliteDatabase : public Common::NonCopyable {
   const std::string& GetPath() const { return path_; }
 
   // The failure of the last operation, whose result was `result`. By what happened: 0xF90002
-  // canceled, 0x40017 locked, 0x4000D corrupted or no database, 0x4000C read-only, 0x40004 disk
-  // full, 0x40006 no memory, 0x40014 no permission, 0x40007 not opened; any other 0x40001, or
-  // 0x40003 on a connection for writing. With the path; the words of SQLite and of the system are
-  // behind it.
+  // canceled, 0x40017 locked, 0x4001A left in the middle of a change by a program that died (only a
+  // connection for writing can mend that), 0x4000D corrupted or no database, 0x4000C read-only,
+  // 0x40004 disk full, 0x40006 no memory, 0x40014 no permission, 0x40007 not opened; any other
+  // 0x40001, or 0x40003 on a connection for writing. With the path; the words of SQLite and of the
+  // system are behind it.
   Common::Error MakeError(int result) const;
+  // The last operation of this connection for reading failed because it met the log's index, or a
+  // journal, while another process was making or removing it. SQLite doesn't wait for that; a new
+  // connection may find it done.
+  bool MetUnfinishedFiles() const;
 
  private:
   friend class SqliteStatement;

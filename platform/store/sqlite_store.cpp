@@ -1,13 +1,20 @@
 #include "platform/store/sqlite_store.h"
 
 #include <algorithm>
+#include <chrono>
+#include <thread>
 #include <utility>
 
+#include "enterprise/common/async/async_error.h"
 #include "platform/store/sqlite_schema.h"
 
 namespace Platform::Store {
 
 namespace {
+
+// Between two tries to read a store whose files another process is just making or removing.
+constexpr std::chrono::milliseconds kFirstPause{1};
+constexpr std::chrono::milliseconds kLastPause{10};
 
 class SqliteCursor final : public ObjectCursor {
  public:
@@ -40,11 +47,28 @@ SqliteStore::SqliteStore(std::string path, unsigned int lock_wait_milliseconds)
 }
 
 std::unique_ptr<SqliteDatabase> SqliteStore::Open(const std::atomic<bool>* stop) const {
-  auto database = SqliteDatabase::OpenForReading(path_, {lock_wait_milliseconds_, stop});
-  // One transaction from the check to the last row: what was checked is what is read.
-  database->Execute("BEGIN");
-  CheckSchema(*database);
-  return database;
+  using Clock = std::chrono::steady_clock;
+  const auto end = Clock::now() + std::chrono::milliseconds(lock_wait_milliseconds_);
+  for (auto pause = kFirstPause;; pause = std::min(2 * pause, kLastPause)) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
+    auto database = SqliteDatabase::OpenForReading(
+        path_, {static_cast<unsigned int>(std::max<long long>(left, 0)), stop});
+    try {
+      // One transaction from the check to the last row: what was checked is what is read. The check
+      // is its first read, and the only one that can meet unfinished files.
+      database->Execute("BEGIN");
+      CheckSchema(*database);
+      return database;
+    } catch (const Common::Error&) {
+      if (!database->MetUnfinishedFiles()) throw;
+      if (stop != nullptr && stop->load(std::memory_order_relaxed)) {
+        throw Common::Error(Async::canceled_error.Get());
+      }
+      if (Clock::now() >= end) throw;
+    }
+    database.reset();
+    std::this_thread::sleep_for(pause);
+  }
 }
 
 std::string SqliteStore::MakeSelectQuery(std::size_t count) {

@@ -32,20 +32,22 @@ constexpr char kWriterPragmas[] =
     "PRAGMA synchronous = FULL;"
     "PRAGMA cache_size = -65536";
 
-// The name is taken first: SQLite itself would open what is there. True if the file is new.
-bool MakeEmptyFile(const std::string& path) {
+// The name is taken first: SQLite itself would open what is there. What a Create that died may have
+// left is taken too: an empty file, or one with a journal by which it becomes empty again. True if
+// there is such a journal.
+bool TakeFile(const std::string& path) {
   const int descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
   if (descriptor >= 0) {
     Common::SafeClose(descriptor);
-    return true;
+    return false;
   }
   const int errnum = errno;
   struct stat status {};
-  if (errnum == EEXIST && ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
-      status.st_size == 0) {
-    return false;
+  if (errnum == EEXIST && ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode)) {
+    if (status.st_size == 0) return false;
+    if (::access((path + "-journal").c_str(), F_OK) == 0) return true;
   }
-  throw MakeSystemError(kCreateFailure, path, errnum, kSource.At("MakeEmptyFile", 10));
+  throw MakeSystemError(kCreateFailure, path, errnum, kSource.At("TakeFile", 10));
 }
 
 // All in one transaction, and only in a file that is still empty then.
@@ -98,12 +100,13 @@ struct SqliteStoreWriter::Statements {
 };
 
 void SqliteStoreWriter::Create(const std::string& path) {
-  const bool made = MakeEmptyFile(path);
+  const bool has_journal = TakeFile(path);
+  // A failure leaves the file there: another process may have made it its store by now.
   try {
     MakeTables(path);
   } catch (const Common::Error&) {
-    if (made) ::unlink(path.c_str());
-    throw;
+    if (!has_journal) throw;
+    throw MakeSystemError(kCreateFailure, path, EEXIST, kSource.At("Create", 30));
   }
 }
 

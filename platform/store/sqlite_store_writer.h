@@ -22,8 +22,9 @@ class SqliteStoreWriter : public Common::NonCopyable {
   static constexpr long long kMaxChanges = 10000;
   static constexpr long long kMaxChangeBytes = 16 * 1024 * 1024;
 
-  // Makes an empty store. Throws 0x40013 when there is something at `path`; an empty file is taken
-  // for the rest of a Create that died.
+  // Makes an empty store. Throws 0x40013 when there is something at `path`; an empty file, or one
+  // that its journal makes empty, is taken for the rest of a Create that died. A Create that fails
+  // may leave an empty file.
   static void Create(const std::string& path);
 
   // Opens an existing store. Throws as SqliteStore does, and 0x40014 or 0x4000C when it can't be

@@ -172,6 +172,12 @@ TEST_F(StoreToolTest, FailuresAreOneReadableLineAndChangeNothing) {
   const std::string array = Write("array", std::string(".Array()") + kOne + ".End()");
   EXPECT_EQ(Fail({"put", store_, array}),
             array + ": The file holds an array. Use \"import\" for its objects.\n");
+  const std::string control = Write("control",
+                                    ".Composite().\x1B[2J\n\xC2\x9B"
+                                    "2J\r\xC3\x84().End()");
+  const std::string told = Fail({"import", store_, one, control});
+  EXPECT_EQ(told.find_first_of("\x1B\r"), std::string::npos) << told;
+  EXPECT_EQ(told.find("\xC2\x9B"), std::string::npos) << told;
   const std::string open = Write("open", ".Composite()");
   EXPECT_EQ(Fail({"put", store_, open}), open + ": There is no object in the file.\n");
   EXPECT_EQ(Fail({"delete", store_, "1"}),

@@ -151,14 +151,6 @@ bool ParseId(Common::Guid& id, const std::string& text) {
          ::strcasecmp(Common::GuidToString(id).c_str(), text.c_str()) == 0;
 }
 
-// One field of a line of output.
-std::string MakePrintable(std::string text) {
-  for (char& c : text) {
-    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = '?';
-  }
-  return text;
-}
-
 }  // namespace
 
 void Create(const std::string& store) {

@@ -23,4 +23,16 @@ std::string DescribeError(const Common::Error& error) {
   return text + "(" + Common::NumberToHex(error.GetCode()) + ")";
 }
 
+std::string MakePrintable(std::string text) {
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    if (byte < 0x20 || byte == 0x7F) text[i] = '?';
+    // U+0080 to U+009F are C2 80 to C2 9F.
+    if (byte != 0xC2 || i + 1 == text.size()) continue;
+    const auto next = static_cast<unsigned char>(text[i + 1]);
+    if (next >= 0x80 && next < 0xA0) text[i] = text[i + 1] = '?';
+  }
+  return text;
+}
+
 }  // namespace StoreTool

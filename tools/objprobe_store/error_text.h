@@ -10,4 +10,8 @@ namespace StoreTool {
 // head, "data.db: The file is corrupted. SQLite: file is not a database (26). (0x4000d)".
 std::string DescribeError(const Common::Error& error);
 
+// UTF-8 text for a line of output: a "?" for each byte of a control character, be it one of the 33
+// of ASCII or of the 32 from U+0080.
+std::string MakePrintable(std::string text);
+
 }  // namespace StoreTool

@@ -23,7 +23,7 @@ constexpr int kWrongUsage = 2;
 
 int Fail(const std::string& text) {
   std::fflush(stdout);
-  std::fprintf(stderr, "objprobe-store: %s\n", text.c_str());
+  std::fprintf(stderr, "objprobe-store: %s\n", StoreTool::MakePrintable(text).c_str());
   return kFailed;
 }
 

@@ -1,9 +1,14 @@
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <new>
 #include <stdexcept>
 #include <thread>
 
 #include "core/common/unix/event.h"
 #include "enterprise/common/async/async_error.h"
 #include "enterprise/common/por/matches.h"
+#include "platform/store/report_threads.h"
 #include "platform/store/sqlite_store.h"
 #include "tests/enterprise/common/dml/trace_log.h"
 #include "tests/platform/store/store_fixture.h"
@@ -77,9 +82,13 @@ TEST_F(StoreReport, ForeignExceptionOfAReaderEndsTheReport) {
   StoreNumbered(2);
   const auto office = Open();
   NumberReader reader([](unsigned int) { throw std::runtime_error("broken"); });
-  const Common::Error result = Report(*office, {}, reader);
-  EXPECT_EQ(result.GetCode(), Async::kStdExceptionCode);
+  EXPECT_EQ(Report(*office, {}, reader).GetCode(), 0xf90007U);
+  NumberReader odd([](unsigned int) { throw 5; });
+  EXPECT_EQ(Report(*office, {}, odd).GetCode(), 0xf90008U);
+  NumberReader greedy([](unsigned int) { throw std::bad_alloc(); });
+  EXPECT_EQ(Report(*office, {}, greedy).GetCode(), Common::kOutOfMemoryCode);
   EXPECT_EQ(reader.numbers, (Numbers{1}));
+  EXPECT_EQ(odd.numbers, (Numbers{1}));
 }
 
 TEST_F(StoreReport, RaisingPatternEndsTheReport) {
@@ -159,23 +168,18 @@ TEST_F(StoreReport, CancelFromAnotherThread) {
   job->Cancel();
 }
 
+// The lock outlasts the test: only the cancel can end the wait for it.
 TEST_F(StoreReport, CancelWhileTheStoreIsLocked) {
   StoreNumbered(1);
-  const auto office = Open();
-  sqlite3* holder = nullptr;
-  ASSERT_EQ(sqlite3_open(path_.c_str(), &holder), SQLITE_OK);
-  ASSERT_EQ(sqlite3_exec(holder,
-                         "PRAGMA locking_mode = EXCLUSIVE; BEGIN IMMEDIATE;"
-                         "DELETE FROM changes; COMMIT",
-                         nullptr, nullptr, nullptr),
-            SQLITE_OK);
-  NumberReader reader;
-  const auto delegate = std::make_shared<Dml::ReportReaderDelegate>(reader);
+  const auto store = std::make_shared<SqliteStore>(path_, 600000);
   ToldOnce handler;
-  const auto job = office->Report(Core::EntryPoint(), {}, delegate, handler);
+  ReportThreads threads;
+  const LockHolder holder(path_);
+  const auto job = std::make_shared<ReportJob>(store, Dml::ViewSpec(), std::nullopt, nullptr,
+                                               handler, *Por::GetStaticUnitFactory());
+  threads.Start(job);
   job->Cancel();
   EXPECT_EQ(handler.Wait().GetCode(), Async::kCanceledCode);
-  sqlite3_close(holder);
 }
 
 TEST_F(StoreReport, TwoAtOnceOnOnePostOffice) {
@@ -232,14 +236,45 @@ TEST_F(StoreReport, HandlerMayDestroyThePostOffice) {
 TEST_F(StoreReport, EndOfThePostOfficeEndsItsReports) {
   StoreNumbered(1000);
   auto office = Open();
-  NumberReader reader;
+  Common::Event reading(true, false);
+  NumberReader reader([&](unsigned int) { reading.Set(); });
   const auto delegate = std::make_shared<Dml::ReportReaderDelegate>(reader);
   ToldOnce handler;
   office->Report(Core::EntryPoint(), {}, delegate, handler);
+  EXPECT_TRUE(reading.Wait(60000));
   office.reset();
-  const std::size_t read = reader.numbers.size();
+  EXPECT_TRUE(handler.IsTold());
   const Common::Error result = handler.Wait();
-  EXPECT_TRUE(read == 1000 ? !result.IsFailure() : result.GetCode() == Async::kCanceledCode);
+  EXPECT_TRUE(result.GetCode() == Async::kCanceledCode ||
+              (!result.IsFailure() && reader.numbers.size() == 1000));
+}
+
+std::size_t CountThreads() {
+  const std::filesystem::directory_iterator threads("/proc/self/task");
+  return static_cast<std::size_t>(std::distance(begin(threads), end(threads)));
+}
+
+// The thread of the report before is waited for when the next one is refused.
+TEST_F(StoreReport, IsRefusedWithoutAThreadForIt) {
+  StoreNumbered(1);
+  ASSERT_EQ(::chmod(folder_.c_str(), 0755), 0);
+  ChildProcess child([this] {
+    if (::geteuid() == 0 && ::setresuid(65534, 65534, 65534) != 0) return false;
+    const auto office = Open();
+    const std::size_t before = CountThreads();
+    {
+      ToldOnce handler;
+      office->Report(Core::EntryPoint(), {}, nullptr, handler);
+      if (handler.Wait().IsFailure()) return false;
+    }
+    while (CountThreads() > before) std::this_thread::yield();
+    const rlimit none{0, 0};
+    if (::setrlimit(RLIMIT_NPROC, &none) != 0) return false;
+    ToldOnce handler;
+    office->Report(Core::EntryPoint(), {}, nullptr, handler);
+    return handler.IsTold() && handler.Wait().GetCode() == 0x40001;
+  });
+  EXPECT_EQ(child.Wait(), 0);
 }
 
 class IsIndex : public StoreTest {};

@@ -223,13 +223,7 @@ TEST_F(StoreFile, WithoutPermissionIsRefused) {
 
 TEST_F(StoreFile, ALockIsWaitedForButNotForGood) {
   StoreNumbered(2);
-  sqlite3* holder = nullptr;
-  ASSERT_EQ(sqlite3_open(path_.c_str(), &holder), SQLITE_OK);
-  ASSERT_EQ(sqlite3_exec(holder,
-                         "PRAGMA locking_mode = EXCLUSIVE; BEGIN IMMEDIATE;"
-                         "DELETE FROM changes; COMMIT",
-                         nullptr, nullptr, nullptr),
-            SQLITE_OK);
+  auto holder = std::make_unique<LockHolder>(path_);
   const auto start = std::chrono::steady_clock::now();
   try {
     SqliteStore store(path_, 200);
@@ -243,9 +237,9 @@ TEST_F(StoreFile, ALockIsWaitedForButNotForGood) {
   EXPECT_GE(waited, std::chrono::milliseconds(400));
   EXPECT_LT(waited, std::chrono::seconds(20));
   // In time, it is opened.
-  std::thread releasing([holder] {
+  std::thread releasing([&holder] {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    sqlite3_close(holder);
+    holder.reset();
   });
   EXPECT_EQ(Match(""), (Numbers{1, 2}));
   releasing.join();
@@ -322,12 +316,11 @@ TEST_F(StoreFile, ReadersSeeOneStateWhileAWriterGoesOn) {
     return objects;
   };
   Store(make(0));
-  const pid_t child = ::fork();
-  if (child == 0) {
-    // Opens and closes: the log comes, goes, and stays while a reader is there.
+  // Opens and closes: the log comes, goes, and stays while a reader is there.
+  ChildProcess writer([&] {
     for (int round = 1; round <= kRounds; ++round) Store(make(round));
-    ::_exit(0);
-  }
+    return true;
+  });
 
   class RoundReader final : public Dml::ReportReader {
    public:
@@ -342,7 +335,7 @@ TEST_F(StoreFile, ReadersSeeOneStateWhileAWriterGoesOn) {
   const auto office = Open();
   std::set<unsigned int> seen;
   for (bool running = true; running;) {
-    running = ::waitpid(child, nullptr, WNOHANG) == 0;
+    running = writer.IsRunning();
     RoundReader reader;
     const Common::Error result = Report(*office, {}, reader);
     ASSERT_EQ(result.GetCode(), 0U) << GetMessages(result);
@@ -351,8 +344,171 @@ TEST_F(StoreFile, ReadersSeeOneStateWhileAWriterGoesOn) {
     EXPECT_TRUE(seen.empty() || *reader.rounds.begin() >= *seen.rbegin());
     seen.insert(*reader.rounds.begin());
   }
+  EXPECT_EQ(writer.Wait(), 0);
   EXPECT_EQ(*seen.rbegin(), static_cast<unsigned int>(kRounds));
   EXPECT_GT(seen.size(), 2U);
+}
+
+// An index whose header doesn't hold, as readers meet it while a writer makes it.
+TEST_F(StoreFile, AnUnfinishedIndexIsWaitedFor) {
+  StoreNumbered(2);
+  ChildProcess writer([this]() -> bool {
+    SqliteStoreWriter open(path_);
+    open.Begin();
+    open.Put(*Parse(MakeObject(3, "Thing")));
+    open.Commit();
+    std::ofstream(folder_ + "/ready").close();
+    for (;;) ::pause();
+  });
+  while (!std::filesystem::exists(folder_ + "/ready") && writer.IsRunning()) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  const auto office = Open();
+  const SqliteStore store(path_, 10000);
+  const int index = ::open((path_ + "-shm").c_str(), O_RDWR | O_CLOEXEC);
+  unsigned char header[96] = {};
+  const unsigned char zeros[96] = {};
+  ASSERT_EQ(::pread(index, header, sizeof header, 0), 96);
+  ASSERT_EQ(::pwrite(index, zeros, sizeof zeros, 0), 96);
+  try {
+    SqliteStore refused(path_, 50);
+    ADD_FAILURE() << "The store was opened.";
+  } catch (const Common::Error& error) {
+    EXPECT_EQ(error.GetCode(), 0x40017U) << GetMessages(error);
+  }
+  try {
+    store.Select({}, std::atomic<bool>(true));
+    ADD_FAILURE() << "The store was opened.";
+  } catch (const Common::Error& error) {
+    EXPECT_EQ(error.GetCode(), 0xF90002U) << GetMessages(error);
+  }
+  std::thread finishing([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(::pwrite(index, header, sizeof header, 0), 96);
+  });
+  EXPECT_EQ(store.GetStatistics().objects, 3U);
+  finishing.join();
+  ::close(index);
+}
+
+TEST_F(StoreFile, ALogWithoutItsIndexIsRead) {
+  StoreNumbered(2);
+  DieWriting(3, 2, true);
+  std::filesystem::remove(path_ + "-shm");
+  const std::set<std::string> beside = {"objects.db", "objects.db-wal"};
+  const SqliteStore store(path_);
+  EXPECT_EQ(store.GetStatistics().objects, 4U);
+  EXPECT_EQ(Match(""), (Numbers{1, 2, 3, 4}));
+  EXPECT_EQ(ListFolder(), beside);
+  // A writer comes and goes in the middle; who began before sees nothing of it.
+  const std::atomic<bool> stop{false};
+  StoredObject object;
+  int count = 0;
+  {
+    const auto early = store.Select({}, stop);
+    EXPECT_TRUE(early->Next(object));
+    ++count;
+    StoreNumbered(9);
+    EXPECT_EQ(Match("").size(), 9U);
+    while (early->Next(object)) ++count;
+  }
+  EXPECT_EQ(count, 4);
+  StoreNumbered(10);
+  EXPECT_EQ(ListFolder(), (std::set<std::string>{"objects.db"}));
+  EXPECT_EQ(Match("").size(), 10U);
+}
+
+TEST_F(StoreFile, AStoreCutShortIsRefused) {
+  StoreNumbered(20);
+  for (const auto& [size, code] : std::initializer_list<std::pair<unsigned int, unsigned int>>{
+           {40000, 0x4000D}, {16383, 0x4000D}, {5000, 0x4000D}, {50, 0x40007}}) {
+    std::filesystem::resize_file(path_, size);
+    try {
+      SqliteStore store(path_);
+      store.List([](const ObjectSummary&) {});
+      ADD_FAILURE() << size;
+    } catch (const Common::Error& error) {
+      EXPECT_EQ(error.GetCode(), code) << size << GetMessages(error);
+    }
+  }
+}
+
+// A process that dies in a change which the main file has in part, its journal beside it.
+void DieWithJournal(const std::string& path, const std::string& change) {
+  ChildProcess child([&] {
+    sqlite3* database = nullptr;
+    sqlite3_open(path.c_str(), &database);
+    const std::string sql =
+        "PRAGMA page_size = 16384; PRAGMA journal_mode = DELETE;"
+        "PRAGMA cache_size = 1; BEGIN IMMEDIATE;" +
+        change;
+    const int result = sqlite3_exec(database, sql.c_str(), nullptr, nullptr, nullptr);
+    if (result == SQLITE_OK) ::raise(SIGKILL);
+    return false;
+  });
+  EXPECT_EQ(child.Wait(), -SIGKILL);
+  EXPECT_TRUE(std::filesystem::exists(path + "-journal"));
+}
+
+TEST_F(StoreFile, AnInterruptedChangeIsToldAndMendedByAWriter) {
+  StoreNumbered(50);
+  DieWithJournal(path_, "UPDATE objects SET data = zeroblob(20000)");
+  ExpectRefused(path_, path_, 0x4001A,
+                "Error occurred while recovering.\nA change of the store was interrupted; open it "
+                "for writing once. SQLite: attempt to write a readonly database (776)\n");
+  EXPECT_THROW(SqliteStoreWriter::Create(path_), Common::Error);
+  { SqliteStoreWriter writer(path_); }
+  EXPECT_EQ(Match("").size(), 50U);
+}
+
+TEST_F(StoreFile, CreateTakesWhatACreateLeftThatDied) {
+  const std::string filling =
+      "CREATE TABLE objects(data); INSERT INTO objects VALUES(zeroblob(200000));"
+      "INSERT INTO objects VALUES(zeroblob(200000))";
+  for (const bool cut : {false, true}) {
+    DieWithJournal(path_, filling);
+    EXPECT_GT(std::filesystem::file_size(path_), 0U);
+    if (cut) std::filesystem::resize_file(path_, 0);
+    SqliteStoreWriter::Create(path_);
+    EXPECT_EQ(Match(""), Numbers());
+    EXPECT_EQ(ListFolder(), (std::set<std::string>{"objects.db"}));
+    std::filesystem::remove(path_);
+  }
+  // A journal doesn't make a text a store.
+  std::ofstream(path_) << std::string(1000, 'x');
+  std::ofstream(path_ + "-journal") << "x";
+  try {
+    SqliteStoreWriter::Create(path_);
+    ADD_FAILURE() << "The store was made.";
+  } catch (const Common::Error& error) {
+    EXPECT_EQ(error.GetCode(), 0x40013U);
+  }
+  EXPECT_EQ(std::filesystem::file_size(path_), 1000U);
+}
+
+// One that fails must not take the store of one that succeeded with it.
+TEST_F(StoreFile, OfManyCreatesAtOnceOneSucceeds) {
+  for (int round = 0; round < 10; ++round) {
+    const std::string path = folder_ + "/" + std::to_string(round);
+    std::atomic<int> made{0};
+    std::atomic<int> ready{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+      threads.emplace_back([&] {
+        ++ready;
+        while (ready < 4) std::this_thread::yield();
+        try {
+          SqliteStoreWriter::Create(path);
+          ++made;
+        } catch (const Common::Error& error) {
+          EXPECT_EQ(error.GetCode(), 0x40013U) << GetMessages(error);
+        }
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(made, 1);
+    EXPECT_EQ(SqliteStore(path).GetStatistics().objects, 0U);
+  }
 }
 
 class StoreChanges : public StoreTest {};

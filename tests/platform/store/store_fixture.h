@@ -1,7 +1,9 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sqlite3.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -17,6 +19,7 @@
 #include <vector>
 
 #include "core/common/error.h"
+#include "core/common/non_copyable.h"
 #include "core/common/text.h"
 #include "core/common/unix/event.h"
 #include "enterprise/common/async/job_control.h"
@@ -70,6 +73,7 @@ class ToldOnce final : public Async::ActionHandler {
     EXPECT_TRUE(event_.Wait(60000)) << "The report doesn't end.";
     return result_;
   }
+  bool IsTold() const { return told_ > 0; }
 
  private:
   Common::Event event_{true, false};
@@ -91,6 +95,58 @@ class NumberReader final : public Dml::ReportReader {
 
  private:
   const std::function<void(unsigned int)> on_read_;
+};
+
+// A process that runs `body` and ends with status 0 when that returns true. It is killed, if it
+// still runs, and reaped in any case.
+class ChildProcess : public Common::NonCopyable {
+ public:
+  explicit ChildProcess(const std::function<bool()>& body) : id_(::fork()) {
+    if (id_ != 0) return;
+    bool good = false;
+    try {
+      good = body();
+    } catch (...) {
+    }
+    ::_exit(good ? 0 : 1);
+  }
+  ~ChildProcess() {
+    if (reaped_) return;
+    ::kill(id_, SIGKILL);
+    ::waitpid(id_, &status_, 0);
+  }
+
+  bool IsRunning() {
+    if (!reaped_) reaped_ = ::waitpid(id_, &status_, WNOHANG) != 0;
+    return !reaped_;
+  }
+  // The status with which it ended, negative for a signal.
+  int Wait() {
+    if (!reaped_) reaped_ = ::waitpid(id_, &status_, 0) == id_;
+    return WIFEXITED(status_) ? WEXITSTATUS(status_) : -WTERMSIG(status_);
+  }
+
+ private:
+  const pid_t id_;
+  bool reaped_ = false;
+  int status_ = 0;
+};
+
+// Keeps a store locked from the beginning to the end.
+class LockHolder : public Common::NonCopyable {
+ public:
+  explicit LockHolder(const std::string& path) {
+    EXPECT_EQ(sqlite3_open(path.c_str(), &handle_), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(handle_,
+                           "PRAGMA locking_mode = EXCLUSIVE; BEGIN IMMEDIATE;"
+                           "DELETE FROM changes; COMMIT",
+                           nullptr, nullptr, nullptr),
+              SQLITE_OK);
+  }
+  ~LockHolder() { sqlite3_close(handle_); }
+
+ private:
+  sqlite3* handle_ = nullptr;
 };
 
 class StoreTest : public testing::Test {
