@@ -39,3 +39,7 @@ void SetSafeAssertEventHook(SafeAssertEventHook hook) noexcept;
 // Evaluates the expression once and reports it as written when it is false.
 #define SAFE_ASSERT(expression) \
   ((expression) ? static_cast<void>(0) : ::Common::SafeAssert(#expression, __FILE__, __LINE__))
+
+// Reports that a place was reached, as SAFE_ASSERT(!text) of a literal would, but without the
+// conversion of a literal to bool that compilers warn of.
+#define SAFE_ASSERT_NOT_REACHED(text) ::Common::SafeAssert("!" #text, __FILE__, __LINE__)

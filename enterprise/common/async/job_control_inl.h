@@ -11,11 +11,6 @@
 #include "enterprise/common/async/async_error.h"
 #include "enterprise/common/async/job_control.h"
 
-#if defined(__clang__)
-#pragma clang diagnostic push
-#pragma clang diagnostic ignored "-Wstring-conversion"  // asserting !"text" is meant
-#endif
-
 namespace Async {
 namespace Detail {
 
@@ -59,7 +54,7 @@ template <class Atomics>
 bool BasicJobControl<Atomics>::PreventiveCancel() {
   if (State() != STATE_CANCEL_SCHEDULED_WAIT_ALL) return false;
   if (!Change<STATE_CANCEL_SCHEDULED_WAIT_ALL, STATE_FINISHING>()) {
-    SAFE_ASSERT(!"State logic broken. Second Perform() called.");
+    SAFE_ASSERT_NOT_REACHED("State logic broken. Second Perform() called.");
   }
   FinishRun(Common::MakeTracedError(kCanceledCode,
                                     Common::GetMessageText(Common::MessageRow::AsyncCanceled),
@@ -123,7 +118,7 @@ void BasicJobControl<Atomics>::PerformFinished() {
       case STATE_CANCEL_DONE_WAIT_COMPLETED:
       case STATE_CANCELLING:
       case STATE_CANCELLING_COMPLETED:
-        SAFE_ASSERT(!"State logic broken. Second Perform() called.");
+        SAFE_ASSERT_NOT_REACHED("State logic broken. Second Perform() called.");
         return;
       case STATE_FINISHING:
         Atomics::Pause();
@@ -173,10 +168,10 @@ void BasicJobControl<Atomics>::PerformFailed(Common::Error error) {
       case STATE_CANCEL_DONE_WAIT_COMPLETED:
       case STATE_CANCELLING:
       case STATE_CANCELLING_COMPLETED:
-        SAFE_ASSERT(!"State logic broken. Second Perform() called.");
+        SAFE_ASSERT_NOT_REACHED("State logic broken. Second Perform() called.");
         return;
       case STATE_CANCEL_SCHEDULED_CANCELLING:
-        SAFE_ASSERT(!"State logic broken. Second Perform() called?");
+        SAFE_ASSERT_NOT_REACHED("State logic broken. Second Perform() called?");
         return;
       case STATE_FINISHING:
         Atomics::Pause();
@@ -223,10 +218,10 @@ void BasicJobControl<Atomics>::Completed(Common::Error result) {
       case STATE_COMPLETED_WAIT_PERFORM:
       case STATE_CANCEL_SCHEDULED_WAIT_PERFORM:
       case STATE_CANCEL_SCHEDULED_CANCELLING_COMPLETED:
-        SAFE_ASSERT(!"State logic broken. Second Completed() called.");
+        SAFE_ASSERT_NOT_REACHED("State logic broken. Second Completed() called.");
         return;
       case STATE_CANCELLING_COMPLETED:
-        SAFE_ASSERT(!"State logic broken. Second Completed() called?");
+        SAFE_ASSERT_NOT_REACHED("State logic broken. Second Completed() called?");
         return;
       case STATE_FINISHING:
         Atomics::Pause();
@@ -341,7 +336,3 @@ Common::Error BasicJobControl<Atomics>::SafeFinishRun(ActionHandler& handler, Co
 }
 
 }  // namespace Async
-
-#if defined(__clang__)
-#pragma clang diagnostic pop
-#endif
