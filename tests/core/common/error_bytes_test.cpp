@@ -7,7 +7,7 @@
 #include "core/common/error.h"
 #include "core/common/error_record.h"
 #include "core/common/text.h"
-#include "tests/core/common/failing_allocator.h"
+#include "tests/support/allocation_watch.h"
 
 namespace Common {
 namespace {
@@ -186,7 +186,7 @@ TEST(ErrorBytes, LoadTellsWhenMemoryRunsOut) {
     ASSERT_LT(successes, 100u);
     Error error;
     {
-      const AllocationWatch watch(successes);
+      const TestSupport::AllocationWatch watch(successes);
       error = Error::Load(reinterpret_cast<const unsigned char*>(kSampleBytes.data()),
                           static_cast<unsigned int>(kSampleBytes.size()));
       has_failed = watch.HasFailed();
@@ -205,7 +205,7 @@ TEST(ErrorBytes, SaveThrowsWhenMemoryRunsOut) {
   bool has_failed = true;
   for (std::size_t successes = 0; has_failed; ++successes) {
     ASSERT_LT(successes, 100u);
-    const AllocationWatch watch(successes);
+    const TestSupport::AllocationWatch watch(successes);
     unsigned int size = 0;
     bool has_thrown = false;
     try {

@@ -11,21 +11,20 @@
 #include "core/common/message_table.h"
 #include "core/common/text.h"
 #include "core/common/trace.h"
-#include "tests/core/common/failing_allocator.h"
+#include "tests/support/allocation_watch.h"
+#include "tests/support/text.h"
+#include "tests/support/trace_recorder.h"
 
 namespace Common {
 namespace {
 
+using TestSupport::AllocationWatch;
+using TestSupport::Utf8;
+
 constexpr LineTag kTag{0x1122334455667788, "core/sample", "Work", 7};
 
-std::string Narrow(const String& text) {
-  std::string out;
-  ToUtf8(out, text.data(), text.size());
-  return out;
-}
-
 std::string TextOf(const Error& error) {
-  return Narrow(error.ToString());
+  return Utf8(error.ToString());
 }
 
 // The tail that all records made with kTag share.
@@ -94,8 +93,8 @@ TEST(ErrorText, TraceFormTellsLevelAndChannelBehindTheMessage) {
   for (const auto& row : words) {
     String text;
     RenderRecord(text, *error.GetRecord(), MessageRow::ReasonHeader, row.level, u"Main");
-    EXPECT_EQ(Narrow(text), std::string("error 0x5: m\n| trace level: ") + row.word +
-                                "\n| channel: Main" + kPlace + kModule);
+    EXPECT_EQ(Utf8(text), std::string("error 0x5: m\n| trace level: ") + row.word +
+                              "\n| channel: Main" + kPlace + kModule);
   }
 }
 
@@ -152,7 +151,7 @@ TEST(ErrorReason, OfASharedHeadLeavesTheOtherHolderAlone) {
     head.SetReason(Error(3, kTag));
     EXPECT_EQ(TextOf(other), before);
     EXPECT_EQ(head.GetNextError().GetCode(), 3u);
-    EXPECT_EQ(Narrow(head.GetMessage()), Narrow(other.GetMessage()));
+    EXPECT_EQ(Utf8(head.GetMessage()), Utf8(other.GetMessage()));
   }
   // The process-wide record is nobody's alone.
   EXPECT_EQ(Error::OutOfMemory().GetNextError().GetRecord(), nullptr);
@@ -161,8 +160,8 @@ TEST(ErrorReason, OfASharedHeadLeavesTheOtherHolderAlone) {
   posix.AddPosixError(EACCES);
   const Error other = posix;
   posix.AddPosixError(ENOENT);
-  EXPECT_EQ(Narrow(posix.GetMessage()), "Permission denied");
-  EXPECT_EQ(Narrow(posix.GetNextError().GetMessage()), "No such file or directory");
+  EXPECT_EQ(Utf8(posix.GetMessage()), "Permission denied");
+  EXPECT_EQ(Utf8(posix.GetNextError().GetMessage()), "No such file or directory");
   EXPECT_EQ(other.GetNextError().GetRecord(), nullptr);
 }
 
@@ -294,32 +293,25 @@ TEST(ErrorSharing, ThreadsCopyExtendAndDropOneChain) {
   EXPECT_TRUE(IsOnlyReference(error.GetRecord()));
 }
 
-class RecordingSink final : public TraceSink {
- public:
-  RecordingSink() { RegisterTraceSink(*this); }
-  ~RecordingSink() { UnregisterTraceSink(*this); }
-  unsigned int GetLevel() const override { return 3; }
-  void Write(unsigned int, std::uint32_t, std::uint32_t, const char*) override { FAIL(); }
-  void Write(unsigned int level, std::uint32_t module, std::uint32_t code,
-             const char16_t* text) override {
-    lines.push_back(std::to_string(level) + " " + std::to_string(module) + " " +
-                    std::to_string(code) + " " + Narrow(text));
-  }
-
-  std::vector<std::string> lines;
-};
-
 TEST(ErrorTrace, TakesTheHalvesOfTheCodeApart) {
-  RecordingSink sink;
+  TestSupport::TraceRecorder traces(3);
   Error error(0xFA000B, "m", LineTag{});
   error.SetReason(Error(2, "r", LineTag{}));
   Trace(2, error);
   Trace(4, error);
   Trace(3, Error());
-  EXPECT_EQ(sink.lines, (std::vector<std::string>{
-                            "4 250 11 Error 0xfa000b: m\n| trace level: error\n| line: 0x0" +
-                                kModule + "\n|\n| error 0x2: r\n| line: 0x0" + kModule,
-                            "3 0 0 Success"}));
+  const auto lines = traces.All();
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[0].level, 4u);
+  EXPECT_EQ(lines[0].module, 250u);
+  EXPECT_EQ(lines[0].number, 11u);
+  EXPECT_EQ(lines[0].text, "Error 0xfa000b: m\n| trace level: error\n| line: 0x0" + kModule +
+                               "\n|\n| error 0x2: r\n| line: 0x0" + kModule);
+  EXPECT_EQ(lines[1].level, 3u);
+  EXPECT_EQ(lines[1].module, 0u);
+  EXPECT_EQ(lines[1].number, 0u);
+  EXPECT_EQ(lines[1].text, "Success");
+  for (const auto& line : lines) EXPECT_TRUE(line.is_wide);
 }
 
 }  // namespace

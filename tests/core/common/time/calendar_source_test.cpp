@@ -9,10 +9,12 @@
 #include <vector>
 
 #include "tests/core/common/time/time_test_support.h"
+#include "tests/support/trace_recorder.h"
 
 namespace {
 
 using Common::CalendarSource;
+using Texts = std::vector<std::string>;
 
 // How ICU answers for its default locale and for that of the message table, "en_US".
 struct Answers {
@@ -45,7 +47,7 @@ class CalendarSourceTest : public testing::Test {
   }
 
   const DefaultLocale locale_{"de_DE"};
-  AssertionTexts assertions_;
+  const TestSupport::TraceRecorder traces_{Common::kTraceCritical};
 };
 
 TEST_F(CalendarSourceTest, KeepsTheDefaultLocaleOfTheFirstCall) {
@@ -54,7 +56,7 @@ TEST_F(CalendarSourceTest, KeepsTheDefaultLocaleOfTheFirstCall) {
   EXPECT_EQ(Make(source), "de_DE ");
   const DefaultLocale later("fr_FR");
   EXPECT_EQ(Make(source), "de_DE ");
-  EXPECT_EQ(assertions_.Take(), "");
+  EXPECT_EQ(traces_.Assertions(), Texts());
 }
 
 TEST_F(CalendarSourceTest, TakesTheNamedLocaleWhenTheDefaultHasNoData) {
@@ -66,7 +68,7 @@ TEST_F(CalendarSourceTest, TakesTheNamedLocaleWhenTheDefaultHasNoData) {
     answers = {failure, U_FAILURE(failure) ? U_USING_FALLBACK_WARNING : U_ZERO_ERROR};
     EXPECT_EQ(Make(source), "de_DE en_US ");
     EXPECT_EQ(Make(source), "en_US ");
-    EXPECT_EQ(assertions_.Take(), "");
+    EXPECT_EQ(traces_.Assertions(), Texts());
   }
 }
 
@@ -75,14 +77,14 @@ TEST_F(CalendarSourceTest, KeepsTheDefaultWhenTheNamedLocaleIsNoBetter) {
   answers = {U_USING_DEFAULT_WARNING, U_USING_FALLBACK_WARNING};
   EXPECT_EQ(Make(warned), "de_DE en_US ");
   EXPECT_EQ(Make(warned), "de_DE ");
-  EXPECT_EQ(assertions_.Take(), "");
+  EXPECT_EQ(traces_.Assertions(), Texts());
 
   static constinit CalendarSource failed(&MakeAsAnswered);
   answers = {U_MISSING_RESOURCE_ERROR, U_MISSING_RESOURCE_ERROR};
   EXPECT_EQ(Make(failed), "de_DE en_US ");
-  EXPECT_EQ(assertions_.Take(), "Assertion failed: U_SUCCESS(dErr)\n");
+  EXPECT_EQ(traces_.Assertions(), Texts({"U_SUCCESS(dErr)"}));
   EXPECT_EQ(Make(failed), "de_DE ");
-  EXPECT_EQ(assertions_.Take(), "Assertion failed: U_SUCCESS(dErr)\n");
+  EXPECT_EQ(traces_.Assertions(), Texts({"U_SUCCESS(dErr)", "U_SUCCESS(dErr)"}));
 
   static constinit CalendarSource same(&MakeAsAnswered);
   const DefaultLocale locale("en_US");

@@ -5,7 +5,6 @@
 
 #include <cstdlib>
 #include <ctime>
-#include <utility>
 
 namespace {
 
@@ -23,28 +22,6 @@ class Zone : public testing::Environment {
     testing::AddGlobalTestEnvironment(new Zone);
 
 }  // namespace
-
-AssertionTexts::AssertionTexts() {
-  EXPECT_TRUE(Common::RegisterTraceSink(*this));
-}
-
-AssertionTexts::~AssertionTexts() {
-  Common::UnregisterTraceSink(*this);
-}
-
-std::string AssertionTexts::Take() {
-  return std::exchange(texts_, {});
-}
-
-void AssertionTexts::Write(unsigned int, std::uint32_t, std::uint32_t, const char*) {
-  ADD_FAILURE();
-}
-
-void AssertionTexts::Write(unsigned int, std::uint32_t, std::uint32_t, const char16_t* text) {
-  std::string line;
-  for (; *text != 0; ++text) line += static_cast<char>(*text);
-  texts_ += line.substr(0, line.find(", file ")) + "\n";
-}
 
 DefaultLocale::DefaultLocale(const char* name) : before_(icu::Locale::getDefault()) {
   UErrorCode status = U_ZERO_ERROR;

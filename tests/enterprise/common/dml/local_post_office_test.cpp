@@ -5,7 +5,7 @@
 #include <string>
 
 #include "tests/enterprise/common/dml/scripted_post_office.h"
-#include "tests/enterprise/common/dml/trace_log.h"
+#include "tests/support/trace_recorder.h"
 
 // A store core that writes down what happens to it.
 
@@ -124,11 +124,11 @@ TEST_F(LocalPostOffice, AStoreWithoutAnOfficeIsClosed) {
 }
 
 TEST_F(LocalPostOffice, AFailureToCloseIsTraced) {
-  TraceLog log;
+  const TestSupport::TraceRecorder traces;
   delete_error = Common::Error(0x40003, Common::LineTag{});
   CreatePostOffice(u"x").reset();
   EXPECT_EQ(events, "create office ~office delete ");
-  EXPECT_EQ(log.lines, "4 4 3\n");
+  EXPECT_EQ(traces.Codes(), "4 4 3\n");
 }
 
 TEST_F(LocalPostOffice, ForwardsItsOperations) {

@@ -3,11 +3,11 @@
 #include <string>
 #include <utility>
 
-#include "core/common/text.h"
 #include "enterprise/common/dml/get_object_key.h"
 #include "enterprise/common/por/module_error.h"
 #include "enterprise/common/por/unit_value_access.h"
 #include "tests/enterprise/common/por/make_unit.h"
+#include "tests/support/text.h"
 
 // Expected digests are the output of md5sum for streams written down by hand, for example
 //   printf '\x55\x06\x05\x00\x00\x00\x45' | md5sum
@@ -25,12 +25,7 @@ using Por::Test::Factory;
 using Por::Test::Nil;
 using Por::Test::Text;
 using Por::Test::With;
-
-std::string Utf8(const Common::String& text) {
-  std::string result;
-  Common::ToUtf8(result, text.c_str());
-  return result;
-}
+using TestSupport::Utf8;
 
 OwnedUnit Keyed(OwnedUnit unit, OwnedUnit key) {
   return With(std::move(unit), "PrimaryKey", std::move(key));

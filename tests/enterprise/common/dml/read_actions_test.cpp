@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/enterprise/common/dml/failing_new.h"
+#include <optional>
+
 #include "tests/enterprise/common/dml/scripted_post_office.h"
+#include "tests/support/allocation_watch.h"
 
 namespace Dml {
 namespace {
@@ -24,11 +26,10 @@ class ReadActions : public ::testing::Test {
       reader_ = reader;
       asked_handler_ = &handler;
       reader.reset();
-      FailNextAllocations(fail_next_);
+      watch_.emplace(0, fail_next_);
       return job_;
     };
   }
-  ~ReadActions() override { FailNextAllocations(0); }
 
   std::shared_ptr<Async::Job> PerformReport() {
     Actions::Report action(entry_point_, spec_, target_, office_);
@@ -36,8 +37,8 @@ class ReadActions : public ::testing::Test {
   }
   std::shared_ptr<Async::Job> Perform(Async::Action& action) {
     std::shared_ptr<Async::Job> job = action.Perform(handler_);
-    failed_ = GetFailedAllocations();
-    FailNextAllocations(0);
+    failed_ = watch_->GetFailureCount();
+    watch_.reset();
     return job;
   }
 
@@ -49,8 +50,9 @@ class ReadActions : public ::testing::Test {
   std::shared_ptr<TestJob> job_ = std::make_shared<TestJob>();
   std::weak_ptr<ReportReader> reader_;
   Async::ActionHandler* asked_handler_ = nullptr;
-  int fail_next_ = 0;
-  int failed_ = 0;
+  std::optional<TestSupport::AllocationWatch> watch_;
+  unsigned int fail_next_ = 0;
+  unsigned long long failed_ = 0;
 };
 
 TEST_F(ReadActions, HandTheOfficeWhatTheyWereGiven) {
@@ -98,7 +100,7 @@ TEST_F(ReadActions, WithoutAJobTheEmptyPointerKeepsTheReader) {
 TEST_F(ReadActions, TheSeventhFailureToAllocateIsNotTheEnd) {
   fail_next_ = 7;
   std::shared_ptr<Async::Job> job = PerformReport();
-  EXPECT_EQ(failed_, 7);
+  EXPECT_EQ(failed_, 7u);
   EXPECT_EQ(job_->cancels, 0);
   EXPECT_FALSE(reader_.expired());
   job.reset();
@@ -108,7 +110,7 @@ TEST_F(ReadActions, TheSeventhFailureToAllocateIsNotTheEnd) {
 TEST_F(ReadActions, TheEighthFailureToAllocateCancelsTheJob) {
   fail_next_ = 9;
   std::shared_ptr<Async::Job> job = PerformReport();
-  EXPECT_EQ(failed_, 8);
+  EXPECT_EQ(failed_, 8u);
   EXPECT_EQ(job.get(), job_.get());
   EXPECT_EQ(job_->cancels, 1);
   EXPECT_TRUE(reader_.expired());
@@ -117,7 +119,7 @@ TEST_F(ReadActions, TheEighthFailureToAllocateCancelsTheJob) {
   job.reset();
   job_.reset();  // nothing to cancel
   EXPECT_EQ(PerformReport(), nullptr);
-  EXPECT_EQ(failed_, 8);
+  EXPECT_EQ(failed_, 8u);
 }
 
 }  // namespace

@@ -5,27 +5,29 @@
 #include <string>
 
 #include "tests/enterprise/common/dml/scripted_post_office.h"
-#include "tests/enterprise/common/dml/trace_log.h"
+#include "tests/support/trace_recorder.h"
 
 namespace Dml {
 namespace {
 
 TEST(ReadObjects, OneThatRaisesOrIsMissingDoesNotKeepTheOthersBack) {
-  TraceLog log;
+  const TestSupport::TraceRecorder traces;
   NotingReader reader;
   reader.raises_at = 2;
   const Por::SharedUnit first = MakeUnit(1), second = MakeUnit(2), third = MakeUnit(3);
   ReadObjects({first, second, nullptr, third}, reader);
   EXPECT_EQ(reader.objects,
             (std::vector<const Por::View::Unit*>{first.get(), second.get(), third.get()}));
-  EXPECT_EQ(log.lines, "1 fc 1\n1 fc 1\n");
+  EXPECT_EQ(traces.Codes(), "1 fc 1\n1 fc 1\n");
 }
 
 TEST(GetBaseError, TracesTheCauseBehindItsOwnText) {
-  TraceLog log;
+  const TestSupport::TraceRecorder traces;
   GetBaseError(Common::Error(0x1234, "the cause", Common::LineTag{}));
-  EXPECT_EQ(log.last_text.rfind(u"Error 0xfc0001: Exception from callback.\n", 0), 0u);
-  EXPECT_NE(log.last_text.find(u"\n| error 0x1234: the cause\n"), Common::String::npos);
+  const auto lines = traces.All();
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].text.rfind("Error 0xfc0001: Exception from callback.\n", 0), 0u);
+  EXPECT_NE(lines[0].text.find("\n| error 0x1234: the cause\n"), std::string::npos);
 }
 
 TEST(SafeInvoke, OtherExceptionsPassThrough) {
@@ -56,12 +58,12 @@ TEST(ReadUpdates, CallsTheOperationOfTheKindAndSkipsOthers) {
   ChangeLog changes;
   changes.expected_key = key.get();
   changes.expected_diff = diff.get();
-  TraceLog log;
+  const TestSupport::TraceRecorder traces;
   ReadUpdates(
       {{0, key, nullptr}, {7, key, diff}, {7, nullptr, nullptr}, {1, key, diff}, {2, key, nullptr}},
       changes);
   EXPECT_EQ(changes.text, "created updated deleted ");
-  EXPECT_EQ(log.lines, "");
+  EXPECT_EQ(traces.Codes(), "");
 
   changes.text.clear();
   ReadUpdates({{0, nullptr, nullptr},
@@ -71,7 +73,7 @@ TEST(ReadUpdates, CallsTheOperationOfTheKindAndSkipsOthers) {
                {2, key, nullptr}},
               changes);
   EXPECT_EQ(changes.text, "deleted ");
-  EXPECT_EQ(log.lines, "1 fc 1\n1 fc 1\n1 fc 1\n1 fc 1\n");
+  EXPECT_EQ(traces.Codes(), "1 fc 1\n1 fc 1\n1 fc 1\n1 fc 1\n");
 }
 
 }  // namespace

@@ -8,8 +8,8 @@
 #include "enterprise/common/por/unit_value_access.h"
 #include "enterprise/common/por/value.h"
 #include "enterprise/common/por/visit_value.h"
-#include "tests/enterprise/common/por/allocation_count.h"
 #include "tests/enterprise/common/por/make_unit.h"
+#include "tests/support/allocation_watch.h"
 
 namespace Por::Test {
 namespace {
@@ -120,12 +120,12 @@ TEST(PropertyRemovingUnitDecorator, ShowsTheRestUnchanged) {
 TEST(PropertyRemovingUnitDecorator, NestsAndReadsWithoutAllocation) {
   const OwnedUnit unit = With(Composite("a", DWord(1), "b", DWord(2), "c", DWord(3)), "t", Nil());
   const OwnedUnit expected = Composite("b", DWord(2));
-  const unsigned long long before = GetAllocationCount();
+  const TestSupport::AllocationWatch watch;
   const View::PropertyRemovingUnitDecorator inner(*unit, "a");
   const View::ExcludeTraitUnit middle(inner, "t");
   const View::PropertyRemovingUnitDecorator outer(middle, "c");
   EXPECT_TRUE(Util::UnitEqual(outer, *expected));
-  EXPECT_EQ(GetAllocationCount(), before);
+  EXPECT_EQ(watch.GetCount(), 0u);
   EXPECT_EQ(PropertyNames(outer), "b");
 }
 

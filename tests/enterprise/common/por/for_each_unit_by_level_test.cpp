@@ -6,8 +6,8 @@
 
 #include "enterprise/common/por/unit_operations.h"
 #include "enterprise/common/por/unit_value_access.h"
-#include "tests/enterprise/common/por/allocation_count.h"
 #include "tests/enterprise/common/por/make_unit.h"
+#include "tests/support/allocation_watch.h"
 
 namespace Por::Test {
 namespace {
@@ -62,9 +62,9 @@ TEST(ForEachUnitByLevel, AllocatesNothing) {
   const OwnedUnit unit = Composite("a", Array(Array(DWord(1)), Composite("b", DWord(2))));
   unsigned int visits = 0;
   auto processor = MakeProcessor<const View::Unit>([&](const View::Unit&) { ++visits; });
-  const unsigned long long before = GetAllocationCount();
+  const TestSupport::AllocationWatch watch;
   ForEachUnitByLevel(*unit, processor);
-  EXPECT_EQ(GetAllocationCount(), before);
+  EXPECT_EQ(watch.GetCount(), 0u);
   EXPECT_EQ(visits, 6u);
 }
 

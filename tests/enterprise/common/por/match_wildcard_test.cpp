@@ -5,16 +5,12 @@
 #include <cstdint>
 #include <string>
 
-#include "core/common/text.h"
+#include "tests/support/text.h"
 
 namespace Por::Util {
 namespace {
 
-std::string Utf8(std::u16string_view text) {
-  std::string result;
-  Common::ToUtf8(result, std::u16string(text).c_str());
-  return result;
-}
+using TestSupport::Utf8;
 
 TEST(MatchWildcard, FollowsTheTable) {
   struct Case {

@@ -10,8 +10,8 @@
 #include "core/common/text.h"
 #include "enterprise/common/por/module_error.h"
 #include "enterprise/common/por/unit_helpers.h"
-#include "tests/enterprise/common/por/allocation_count.h"
 #include "tests/enterprise/common/por/make_unit.h"
+#include "tests/support/allocation_watch.h"
 
 namespace Por::Test {
 namespace {
@@ -281,10 +281,10 @@ TEST(Matches, AllocatesNothingAndSurvivesTheDeepestPattern) {
                 "Is", Text(u"InstanceManagement::Machine"));
   };
   const OwnedUnit fitting = pattern(5), other = pattern(6);
-  const unsigned long long before = GetAllocationCount();
+  const TestSupport::AllocationWatch watch;
   EXPECT_TRUE(Util::Matches(*source, *fitting));
   EXPECT_FALSE(Util::Matches(*source, *other));
-  EXPECT_EQ(GetAllocationCount(), before);
+  EXPECT_EQ(watch.GetCount(), 0u);
 
   OwnedUnit deep_source = DWord(1), deep_pattern = DWord(1), negation = DWord(1);
   for (unsigned int i = 1; i < kMaxUnitDepth; ++i) {

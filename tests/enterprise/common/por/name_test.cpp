@@ -6,7 +6,7 @@
 #include <string>
 #include <utility>
 
-#include "tests/enterprise/common/por/allocation_count.h"
+#include "tests/support/allocation_watch.h"
 
 namespace Por {
 namespace {
@@ -16,12 +16,12 @@ const Common::String kTexts[] = {u"", u"short", u"a name that needs memory of it
 
 TEST(Name, LiteralsShareTheirAddressAndAllocateNothing) {
   static const char kLiteral[] = "a literal that no short string could hold";
-  const auto before = GetAllocationCount();
+  const TestSupport::AllocationWatch watch;
   const Name name = kLiteral;
   Name copy = name;
   Name moved = std::move(copy);
   copy = moved;
-  EXPECT_EQ(before, GetAllocationCount());
+  EXPECT_EQ(0u, watch.GetCount());
   EXPECT_EQ(kLiteral, name.GetText());
   EXPECT_EQ(kLiteral, moved.GetText());
   EXPECT_EQ(kLiteral, copy.GetText());

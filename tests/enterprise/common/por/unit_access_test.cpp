@@ -4,7 +4,6 @@
 #include <typeinfo>
 #include <vector>
 
-#include "core/common/text.h"
 #include "core/common/unix/trace.h"
 #include "enterprise/common/por/const_data_accessor.h"
 #include "enterprise/common/por/data_accessor.h"
@@ -14,17 +13,15 @@
 #include "enterprise/common/por/unit_helpers.h"
 #include "enterprise/common/por/unit_operations.h"
 #include "enterprise/common/por/unit_value_access.h"
-#include "tests/enterprise/common/por/allocation_count.h"
 #include "tests/enterprise/common/por/make_unit.h"
+#include "tests/support/allocation_watch.h"
+#include "tests/support/text.h"
+#include "tests/support/trace_recorder.h"
 
 namespace Por::Test {
 namespace {
 
-std::string Utf8(const Common::String& text) {
-  std::string result;
-  Common::ToUtf8(result, text.c_str());
-  return result;
-}
+using TestSupport::Utf8;
 
 // What a call throws: its code, message and place, and whether the type is a ModuleError.
 struct Thrown {
@@ -106,12 +103,12 @@ TEST(UnitValueAccess, ReadsAndWritesTheExactKindOnly) {
 
 TEST(UnitValueAccess, ScalarReadsAndWritesAllocateNothing) {
   const OwnedUnit unit = DWord(1);
-  const unsigned long long before = GetAllocationCount();
+  const TestSupport::AllocationWatch watch;
   for (unsigned int i = 0; i < 10; ++i) {
     Util::SetValue<unsigned int>(*unit, Util::GetValue<unsigned int>(*unit) + 1);
   }
   EXPECT_EQ(Util::GetValue<unsigned long long>(*unit, 5), 5u);
-  EXPECT_EQ(GetAllocationCount(), before);
+  EXPECT_EQ(watch.GetCount(), 0u);
   EXPECT_EQ(Util::GetValue<unsigned int>(*unit), 11u);
 }
 
@@ -152,51 +149,40 @@ TEST(TypeMismatch, NamesBothKindsItsPlaceAndItsType) {
   EXPECT_EQ(property.GetLineTag().line, 69u);
 }
 
-class CollectingSink final : public Common::TraceSink {
- public:
-  explicit CollectingSink(unsigned int level) : level_(level) {
-    EXPECT_TRUE(Common::RegisterTraceSink(*this));
-  }
-  ~CollectingSink() { Common::UnregisterTraceSink(*this); }
-  unsigned int GetLevel() const override { return level_; }
-  void Write(unsigned int level, std::uint32_t module, std::uint32_t code,
-             const char* text) override {
-    EXPECT_EQ(level, 2u);
-    EXPECT_EQ(module, 0u);
-    EXPECT_EQ(code, 0u);
-    texts.emplace_back(text);
-  }
-  void Write(unsigned int level, std::uint32_t module, std::uint32_t code,
-             const char16_t* text) override {
-    Write(level, module, code, Utf8(text).c_str());
-  }
+// The texts of plain information.
+std::vector<std::string> TakeInformation(TestSupport::TraceRecorder& traces) {
   std::vector<std::string> texts;
-
- private:
-  unsigned int level_;
-};
+  for (const auto& line : traces.All()) {
+    EXPECT_EQ(line.level, 2u);
+    EXPECT_EQ(line.code, 0u);
+    texts.push_back(line.text);
+  }
+  traces.Clear();
+  return texts;
+}
 
 TEST(TypeMismatch, TracesTheStackForASinkOfTheInformationLevel) {
-  CollectingSink sink(2);
+  TestSupport::TraceRecorder traces(2);
   Util::Detail::MakeTypeMismatchError();
-  ASSERT_GE(sink.texts.size(), 2u);
-  ASSERT_LE(sink.texts.size(), 33u);
-  EXPECT_EQ(sink.texts[0], "Stack logging from 'Por::Util::Detail::MakeTypeMismatchError'");
-  for (std::size_t i = 1; i < sink.texts.size(); ++i) {
+  std::vector<std::string> texts = TakeInformation(traces);
+  ASSERT_GE(texts.size(), 2u);
+  ASSERT_LE(texts.size(), 33u);
+  EXPECT_EQ(texts[0], "Stack logging from 'Por::Util::Detail::MakeTypeMismatchError'");
+  for (std::size_t i = 1; i < texts.size(); ++i) {
     const std::string begin = "Stack frame " + std::to_string(i - 1) + ": '";
-    EXPECT_EQ(sink.texts[i].substr(0, begin.size()), begin);
-    EXPECT_EQ(sink.texts[i].back(), '\'');
+    EXPECT_EQ(texts[i].substr(0, begin.size()), begin);
+    EXPECT_EQ(texts[i].back(), '\'');
   }
-  sink.texts.clear();
   Util::Detail::MakePropertyTypeMismatchError("a", 0, 1);
-  ASSERT_FALSE(sink.texts.empty());
-  EXPECT_EQ(sink.texts[0], "Stack logging from 'Por::Util::Detail::MakePropertyTypeMismatchError'");
+  texts = TakeInformation(traces);
+  ASSERT_FALSE(texts.empty());
+  EXPECT_EQ(texts[0], "Stack logging from 'Por::Util::Detail::MakePropertyTypeMismatchError'");
 }
 
 TEST(TypeMismatch, TracesNothingForASinkOfHigherLevels) {
-  CollectingSink sink(3);
+  const TestSupport::TraceRecorder traces(3);
   Util::Detail::MakeTypeMismatchError(1, 2);
-  EXPECT_TRUE(sink.texts.empty());
+  EXPECT_TRUE(traces.All().empty());
 }
 
 TEST(UnitHelpers, AskForTraits) {

@@ -16,8 +16,8 @@
 #include "enterprise/common/por/unit_helpers.h"
 #include "enterprise/common/por/unit_operations.h"
 #include "enterprise/common/por/walk_unit.h"
-#include "tests/enterprise/common/por/allocation_count.h"
 #include "tests/enterprise/common/por/stream_support.h"
+#include "tests/support/allocation_watch.h"
 
 namespace Por::Util {
 namespace {
@@ -248,7 +248,7 @@ TEST(UnitBlob, RefusesCorruptedDataWithoutMemory) {
   } walker;
   const Bytes bytes(100, 0x0F);
   EXPECT_EQ(CodeOf([&] {
-              FailNextAllocation();
+              const TestSupport::AllocationWatch watch(0, 1);
               FollowUnitBlob(bytes.data(), bytes.size(), walker);
             }),
             Common::kOutOfMemoryCode);
@@ -263,12 +263,12 @@ TEST(UnitBlob, WellFormedStreamsTakeHardlyAnyAllocations) {
     u.End().Property("TheNameOfAPropertyIsNoMatter").Double(1).End().End();
   }));
   Read(bytes);
-  unsigned long long before = GetAllocationCount();
+  const TestSupport::AllocationWatch watch;
   const OwnedUnit unit = Read(bytes);
-  EXPECT_LE(GetAllocationCount() - before, 2u);
-  before = GetAllocationCount();
+  const unsigned long long count = watch.GetCount();
+  EXPECT_LE(count, 2u);
   ComputeUnitDigest(*unit);
-  EXPECT_EQ(GetAllocationCount(), before);
+  EXPECT_EQ(watch.GetCount(), count);
 }
 
 OwnedUnit MakeRichUnit() {

@@ -18,8 +18,8 @@
 #include "enterprise/common/por/unit_operations.h"
 #include "enterprise/common/por/unit_value_access.h"
 #include "enterprise/common/por/value.h"
-#include "tests/enterprise/common/por/allocation_count.h"
 #include "tests/enterprise/common/por/make_unit.h"
+#include "tests/support/allocation_watch.h"
 
 namespace Por {
 namespace {
@@ -129,19 +129,19 @@ TEST(Unit, GivesOneVisitOfItsKindAndNamesIt) {
 }
 
 TEST(Unit, CostsOneAllocationForAScalarAndNoneForAVisit) {
-  const auto before = GetAllocationCount();
+  const TestSupport::AllocationWatch watch;
   const OwnedUnit dword = DWord(5);
   const OwnedUnit array = Factory().CreateArray();
   const OwnedUnit composite = Factory().CreateComposite();
-  EXPECT_EQ(before + 3, GetAllocationCount());
+  EXPECT_EQ(3u, watch.GetCount());
   EXPECT_EQ(5u, GetDWord(*dword));
   EXPECT_EQ("", ShowTraits(*composite));
   EXPECT_EQ(0u, composite->GetTraits().Remove("x"));
   EXPECT_NE(0, Util::Compare(*dword, *array));
-  EXPECT_EQ(before + 3, GetAllocationCount());
+  EXPECT_EQ(3u, watch.GetCount());
   // Property with a literal name, its value, and the list of the composite.
   Util::AddProperty(*composite, "name", Nil(), Factory());
-  EXPECT_EQ(before + 6, GetAllocationCount());
+  EXPECT_EQ(6u, watch.GetCount());
 }
 
 TEST(Array, ChecksRangesWhereItMust) {
@@ -249,7 +249,7 @@ TEST(Composite, StaysAsItWasWhenMemoryIsOut) {
   CompositeValueHolder composite;
   const auto set_without_memory = [&](const Name& name) {
     OwnedProperty property = Factory().CreateProperty(name, DWord(9));
-    FailNextAllocation();
+    const TestSupport::AllocationWatch watch(0, 1);
     EXPECT_THROW(composite.Set(std::move(property)), std::bad_alloc);
   };
   set_without_memory("a");
@@ -347,7 +347,7 @@ TEST(ErrorUnit, KeepsAChainOfItsOwn) {
   EXPECT_EQ(other.GetRecord(), Util::GetValue<Common::Error>(*unit).GetRecord());
   EXPECT_EQ(nullptr, Util::GetValue<Common::Error>(*Factory().CreateError({})).GetRecord());
   // A copy that fails leaves no error, and the unit is made all the same.
-  FailNextAllocation();
+  const TestSupport::AllocationWatch watch(0, 1);
   unit = Factory().CreateError(other);
   EXPECT_EQ(nullptr, Util::GetValue<Common::Error>(*unit).GetRecord());
 }
@@ -372,9 +372,9 @@ OwnedUnit MakeDeep(int depth) {
 
 TEST(Tree, OfAnyDepthIsDestroyedWithoutRecursionOrMemory) {
   OwnedUnit unit = Array(DWord(0), MakeDeep(1'000'000), MakeDeep(1'000));
-  const auto before = GetAllocationCount();
+  const TestSupport::AllocationWatch watch;
   unit.reset();
-  EXPECT_EQ(before, GetAllocationCount());
+  EXPECT_EQ(0u, watch.GetCount());
   // A part is dropped the same way.
   ArrayValueHolder array;
   array.PushBack(MakeDeep(10'000));

@@ -3,16 +3,22 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <regex>
 #include <string>
 #include <vector>
 
-#include "tests/enterprise/common/dml/tools/objprobe/run_program.h"
+#include "tests/support/run_program.h"
+#include "tests/support/temporary_folder.h"
 
 // Runs the program as its users do and compares all it prints.
 
 namespace ObjProbe {
 namespace {
+
+using TestSupport::ProgramResult;
+using TestSupport::RunProgram;
+using TestSupport::Sink;
 
 using Words = std::vector<std::string>;
 
@@ -143,10 +149,9 @@ TEST(FailedQuery, PrintsTheWholeError) {
 class StoreReport : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    std::string folder = ::testing::TempDir() + "objprobe_program_test.XXXXXX";
-    ASSERT_NE(::mkdtemp(folder.data()), nullptr);
-    store_ = folder + "/objects.db";
-    const std::string text = folder + "/objects.txt";
+    folder_ = std::make_unique<TestSupport::TemporaryFolder>();
+    store_ = *folder_ / "objects.db";
+    const std::string text = *folder_ / "objects.txt";
     std::ofstream(text) << R"(
       .Array()
         .Composite()
@@ -168,9 +173,7 @@ class StoreReport : public ::testing::Test {
     EXPECT_EQ(RunProgram(OBJPROBE_STORE, {"objprobe-store", "create", store_}).status, 0);
     EXPECT_EQ(RunProgram(OBJPROBE_STORE, {"objprobe-store", "import", store_, text}).status, 0);
   }
-  static void TearDownTestSuite() {
-    std::filesystem::remove_all(std::filesystem::path(store_).parent_path());
-  }
+  static void TearDownTestSuite() { folder_.reset(); }
 
   ProgramResult Query(const Words& query, Sink sink = Sink::kPipe) const {
     Words words = {store_, "user", "password", "db"};
@@ -200,8 +203,10 @@ class StoreReport : public ::testing::Test {
       "    Name (Common::String) = \xC3\x83\xC2\xA4\n"
       "</object>\n\n";
 
+  static std::unique_ptr<TestSupport::TemporaryFolder> folder_;
   static std::string store_;
 };
+std::unique_ptr<TestSupport::TemporaryFolder> StoreReport::folder_;
 std::string StoreReport::store_;
 
 TEST_F(StoreReport, PrintsTheObjectsOfTheQuery) {

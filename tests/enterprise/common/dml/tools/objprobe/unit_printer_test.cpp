@@ -9,7 +9,7 @@
 #include "enterprise/common/por/value.h"
 #include "enterprise/common/por/visitor.h"
 #include "tests/enterprise/common/dml/tools/objprobe/captured_output.h"
-#include "tests/enterprise/common/por/allocation_count.h"
+#include "tests/support/allocation_watch.h"
 
 namespace Por::Util {
 namespace {
@@ -216,9 +216,9 @@ TEST(UnitPrinter, AnObjectCostsOneAllocationAtMost) {
                           factory.CreateDouble(0.5)));
   }
   ObjProbe::CapturedOutput captured;
-  const unsigned long long before = GetAllocationCount();
+  const TestSupport::AllocationWatch watch;
   PrintUnit(*unit, 2, captured.output);
-  EXPECT_LE(GetAllocationCount() - before, 1u);
+  EXPECT_LE(watch.GetCount(), 1u);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include "tests/enterprise/common/dml/tools/objprobe/run_program.h"
+#include "tests/support/run_program.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -8,7 +8,7 @@
 
 #include <csignal>
 
-namespace ObjProbe {
+namespace TestSupport {
 
 ProgramResult RunProgram(const char* file, const std::vector<std::string>& argv, Sink sink) {
   std::vector<char*> arguments;
@@ -53,4 +53,4 @@ ProgramResult RunProgram(const char* file, const std::vector<std::string>& argv,
   return result;
 }
 
-}  // namespace ObjProbe
+}  // namespace TestSupport

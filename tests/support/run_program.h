@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-namespace ObjProbe {
+namespace TestSupport {
 
 struct ProgramResult {
   int status = -1;  // exit status; 1000 + signal when a signal ended the program
@@ -23,4 +23,4 @@ enum class Sink {
 ProgramResult RunProgram(const char* file, const std::vector<std::string>& argv,
                          Sink sink = Sink::kPipe);
 
-}  // namespace ObjProbe
+}  // namespace TestSupport
