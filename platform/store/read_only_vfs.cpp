@@ -1,6 +1,7 @@
 #include "platform/store/read_only_vfs.h"
 
 #include <sqlite3.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -8,6 +9,7 @@
 #include <cstdio>
 #include <mutex>
 #include <new>
+#include <string_view>
 
 namespace Platform::Store {
 
@@ -21,6 +23,9 @@ constexpr sqlite3_int64 kVersionsOffset = 18;
 constexpr sqlite3_int64 kVersionsSize = 2;
 constexpr unsigned char kWithLog = 2;
 constexpr unsigned char kWithoutLog = 1;
+
+constexpr std::string_view kLogEnding = "-wal";
+constexpr off_t kLogHeaderSize = 32;
 
 sqlite3_vfs* base_vfs = nullptr;
 sqlite3_vfs vfs{};
@@ -59,16 +64,24 @@ int Read(sqlite3_file* file, void* buffer, int size, sqlite3_int64 offset) {
   return result;
 }
 
-// SQLITE_READONLY_CANTINIT makes SQLite read the log itself and keep an index of its own. Once it
-// was told that there is none, the file stays without: the locks that were granted are in no index.
+// True if the file's index lies beside it and may be read; else the reason is in errno.
+bool HasIndex(const FileState& state) {
+  char index[PATH_MAX];
+  std::snprintf(index, sizeof index, "%s-shm", state.name);
+  return ::access(index, R_OK) == 0;
+}
+
+// SQLITE_READONLY_CANTINIT makes SQLite read the log itself and keep an index of its own. A file
+// for which it was answered never gets another index: the locks that were granted would not be in
+// that one. So once a writer makes one, a new connection has to begin.
 int MapIndex(sqlite3_file* file, int page, int size, int extend, void volatile** map) {
   FileState& state = GetState(file);
-  if (!state.index_missing) {
+  if (state.index_missing) {
+    if (HasIndex(state)) return SQLITE_READONLY_CANTLOCK;
+  } else {
     const int result = base_methods->xShmMap(file, page, size, extend, map);
     if ((result & 0xFF) != SQLITE_CANTOPEN) return result;
-    char index[PATH_MAX];
-    std::snprintf(index, sizeof index, "%s-shm", state.name);
-    if (::access(index, R_OK) == 0) return SQLITE_BUSY;  // made by a writer just now
+    if (HasIndex(state)) return SQLITE_BUSY;  // made just now
     if (errno != ENOENT) return result;
     state.index_missing = true;
   }
@@ -107,6 +120,19 @@ int Open(sqlite3_vfs*, const char* name, sqlite3_file* file, int flags, int* out
   return SQLITE_OK;
 }
 
+// A log without a frame is shown as none: with no writer there, SQLite would try in vain to make an
+// index for one.
+int Access(sqlite3_vfs*, const char* name, int flags, int* result) {
+  const int code = base_vfs->xAccess(base_vfs, name, flags, result);
+  if (code != SQLITE_OK || flags != SQLITE_ACCESS_EXISTS || *result == 0) return code;
+  struct stat status {};
+  if (std::string_view(name).ends_with(kLogEnding) && ::stat(name, &status) == 0 &&
+      status.st_size <= kLogHeaderSize) {
+    *result = 0;
+  }
+  return SQLITE_OK;
+}
+
 int Delete(sqlite3_vfs*, const char*, int) {
   return SQLITE_READONLY;
 }
@@ -120,6 +146,7 @@ const char* Register() {
   vfs.szOsFile = GetStateOffset() + static_cast<int>(sizeof(FileState));
   vfs.xOpen = &Open;
   vfs.xDelete = &Delete;
+  vfs.xAccess = &Access;
   return sqlite3_vfs_register(&vfs, 0) == SQLITE_OK ? kName : nullptr;
 }
 

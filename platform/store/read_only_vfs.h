@@ -11,9 +11,9 @@ namespace Platform::Store {
 // - Log and index are there: they are read, both opened read-only.
 // - There is a log without its index, the rest of a writer that died or of a copy: SQLite makes an
 //   index in memory. The locks of an index are then granted without one.
-// - There is no log, or an empty one: the main file holds everything. The layer shows its header as
-//   that of a file without a log, so that SQLite reads under a SHARED lock on the file and checks
-//   for a log behind that lock.
+// - There is no log, or one without a frame: the main file holds everything. The layer shows its
+//   header as that of a file without a log, so that SQLite reads under a SHARED lock on the file
+//   and checks for a log behind that lock.
 //
 // The ways without an index are safe because they hold the SHARED lock, and a log reaches the main
 // file only under an EXCLUSIVE lock on it: writers never checkpoint while they are open

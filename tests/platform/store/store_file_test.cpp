@@ -418,6 +418,21 @@ TEST_F(StoreFile, ALogWithoutItsIndexIsRead) {
   EXPECT_EQ(Match("").size(), 10U);
 }
 
+// The writer died behind the 32 bytes of the header, or inside the first frame.
+TEST_F(StoreFile, ALogThatHasHardlyBegunIsRead) {
+  for (const unsigned int size : {32U, 33U, 1000U, 31U}) {
+    std::filesystem::remove(path_);
+    StoreNumbered(2);
+    DieWriting(3, 2, true);
+    std::filesystem::resize_file(path_ + "-wal", size);
+    EXPECT_EQ(Match(""), (Numbers{1, 2})) << size;
+    std::filesystem::remove(path_ + "-shm");
+    EXPECT_EQ(Match(""), (Numbers{1, 2})) << size;
+    StoreNumbered(3);
+    EXPECT_EQ(Match(""), (Numbers{1, 2, 3})) << size;
+  }
+}
+
 TEST_F(StoreFile, AStoreCutShortIsRefused) {
   StoreNumbered(20);
   for (const auto& [size, code] : std::initializer_list<std::pair<unsigned int, unsigned int>>{
