@@ -34,13 +34,22 @@ int GetField(const icu::Calendar& calendar, UCalendarDateFields field) {
   return status == U_ZERO_ERROR ? value : 0;
 }
 
+bool HasFields(const icu::Calendar& calendar, const DateTime& value) {
+  return GetField(calendar, UCAL_YEAR) == value.GetYear() &&
+         GetField(calendar, UCAL_MONTH) == value.GetMonth() - 1 &&
+         GetField(calendar, UCAL_DATE) == value.GetDay() &&
+         GetField(calendar, UCAL_HOUR_OF_DAY) == value.GetHour() &&
+         GetField(calendar, UCAL_MINUTE) == value.GetMinute() &&
+         GetField(calendar, UCAL_SECOND) == value.GetSecond();
+}
+
 std::unique_ptr<icu::GregorianCalendar> MakeCalendar(const DateTime& value) {
   std::unique_ptr<icu::GregorianCalendar> calendar = calendars.Make();
   if (calendar == nullptr) return nullptr;
   SetFields(*calendar, value);
-  // The calendar's zone may skip the hour when summer time begins. A zone without jumps shows it.
-  if (GetField(*calendar, UCAL_HOUR_OF_DAY) != value.GetHour() ||
-      GetField(*calendar, UCAL_MINUTE) != value.GetMinute()) {
+  // The calendar's zone may skip the hour when summer time begins, or a day when it changes the
+  // side of the date line. A zone without jumps shows it.
+  if (!HasFields(*calendar, value)) {
     calendar->setTimeZone(*icu::TimeZone::getGMT());
     SetFields(*calendar, value);
   }

@@ -33,3 +33,11 @@ DefaultLocale::~DefaultLocale() {
   UErrorCode status = U_ZERO_ERROR;
   icu::Locale::setDefault(before_, status);
 }
+
+DefaultZone::DefaultZone(const char* name) : before_(icu::TimeZone::createDefault()) {
+  icu::TimeZone::adoptDefault(icu::TimeZone::createTimeZone(name));
+}
+
+DefaultZone::~DefaultZone() {
+  icu::TimeZone::adoptDefault(before_.release());
+}
