@@ -13,6 +13,10 @@ namespace Common {
 namespace {
 
 struct Place {
+  // From the registration until the sink that was taken out has no user left. Guarded by
+  // `registry_mutex`.
+  bool is_taken = false;
+  // Null also while a sink is being taken out.
   std::atomic<TraceSink*> sink{nullptr};
   // Threads that are looking at the place or are inside its sink.
   std::atomic<unsigned int> users{0};
@@ -50,6 +54,8 @@ void SendToSinks(unsigned int level, std::uint32_t module, std::uint32_t code, c
   if (!IsTraced(level)) return;
   static constexpr Char kEmpty[1]{};
   for (Place& place : places) {
+    // Doesn't count itself where there is no sink, so that taking one out comes to an end.
+    if (place.sink.load() == nullptr) continue;
     const PlaceUse use(place);
     TraceSink* const sink = place.sink.load();
     if (sink != nullptr && level >= sink->GetLevel()) {
@@ -90,13 +96,16 @@ void SetTraceThreshold(unsigned int level) noexcept {
 
 bool RegisterTraceSink(TraceSink& sink) noexcept {
   const StaticMutexLock lock(registry_mutex);
+  Place* free = nullptr;
   for (Place& place : places) {
-    if (place.sink.load() != nullptr) continue;
-    place.sink.store(&sink);
-    UpdateLeastLevel();
-    return true;
+    if (place.sink.load() == &sink) return false;
+    if (free == nullptr && !place.is_taken) free = &place;
   }
-  return false;
+  if (free == nullptr) return false;
+  free->is_taken = true;
+  free->sink.store(&sink);
+  UpdateLeastLevel();
+  return true;
 }
 
 void UnregisterTraceSink(TraceSink& sink) noexcept {
@@ -109,6 +118,9 @@ void UnregisterTraceSink(TraceSink& sink) noexcept {
       UpdateLeastLevel();
     }
     while (place.users.load() != 0) sched_yield();
+    // Only now may another sink come here: its users would have been waited for too.
+    const StaticMutexLock lock(registry_mutex);
+    place.is_taken = false;
     return;
   }
 }

@@ -37,7 +37,8 @@ bool IsTraced(unsigned int level) noexcept;
 unsigned int GetTraceThreshold() noexcept;
 void SetTraceThreshold(unsigned int level) noexcept;
 
-// Adds a borrowed sink. False if the registry, which has few places, is full.
+// Adds a borrowed sink. False if it is registered already or the registry, which has few places, is
+// full.
 bool RegisterTraceSink(TraceSink& sink) noexcept;
 // Takes a sink out and waits until no thread is inside it, so that it can be destroyed; not to be
 // called from inside that sink. Does nothing for a sink that isn't registered.

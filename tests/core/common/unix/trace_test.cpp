@@ -9,6 +9,8 @@
 #include <thread>
 #include <vector>
 
+#include "core/common/unix/event.h"
+
 namespace {
 
 using Common::Trace;
@@ -95,6 +97,57 @@ TEST(Trace, RegistryTellsWhenItIsFull) {
   const Registered again(sink);
   Trace(3, 1, 2, "x");
   EXPECT_EQ(sink.Take(), "3 1 2 x\n");
+}
+
+TEST(Trace, RefusesASinkThatIsRegistered) {
+  RecordingSink sink(0);
+  {
+    const Registered registered(sink);
+    EXPECT_FALSE(Common::RegisterTraceSink(sink));
+    Trace(3, 1, 2, "x");
+    EXPECT_EQ(sink.Take(), "3 1 2 x\n");
+  }
+  EXPECT_FALSE(Common::IsTraced(5));
+}
+
+// Who takes a sink out waits for the threads in that sink, not for those in one that comes
+// meanwhile.
+TEST(Trace, ASinkIsTakenOutThoughAnotherOneBlocks) {
+  class BlockingSink : public Common::TraceSink {
+   public:
+    unsigned int GetLevel() const override { return 0; }
+    void Write(unsigned int, std::uint32_t, std::uint32_t, const char*) override {
+      entered.Set();
+      leave.Wait();
+    }
+    void Write(unsigned int, std::uint32_t, std::uint32_t, const char16_t*) override {}
+
+    Common::Event entered{true, false};
+    Common::Event leave{true, false};
+  };
+  constexpr std::uint32_t kLong = 20000;
+  BlockingSink first;
+  BlockingSink second;
+  Common::Event is_out(true, false);
+  ASSERT_TRUE(Common::RegisterTraceSink(first));
+  std::thread in_first([] { Trace(4, 1, 1, "first"); });
+  EXPECT_TRUE(first.entered.Wait(kLong));
+  std::thread remover([&] {
+    Common::UnregisterTraceSink(first);
+    is_out.Set();
+  });
+  while (Common::IsTraced(5)) std::this_thread::yield();
+  EXPECT_TRUE(Common::RegisterTraceSink(second));
+  std::thread in_second([] { Trace(4, 1, 1, "second"); });
+  EXPECT_TRUE(second.entered.Wait(kLong));
+  EXPECT_FALSE(is_out.Wait(0));
+  first.leave.Set();
+  EXPECT_TRUE(is_out.Wait(kLong));
+  second.leave.Set();
+  in_first.join();
+  in_second.join();
+  remover.join();
+  Common::UnregisterTraceSink(second);
 }
 
 // A sink may die as soon as it is taken out, whatever other threads trace.
