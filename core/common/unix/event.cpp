@@ -1,7 +1,9 @@
 #include "core/common/unix/event.h"
 
 #include <sys/time.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 
@@ -22,26 +24,66 @@ timespec DeadlineAfter(std::uint32_t milliseconds) {
                   microseconds % 1000000 * 1000};
 }
 
+// Turns of a busy wait: about as long as it takes to fall asleep and be woken on another processor.
+constexpr int kSpins = 400;
+// Busy waits in vain in a row after which a thread tries one only now and then.
+constexpr unsigned int kMaxMisses = 4;
+constexpr unsigned int kMissesBetweenTries = 32;
+
+// Waiting busily for another thread needs a processor for that one. False before this file's
+// initialiser.
+const bool has_processors = sysconf(_SC_NPROCESSORS_ONLN) > 1;
+// Busy waits in vain of this thread in a row.
+constinit thread_local unsigned int misses = 0;
+
+void Pause() noexcept {
+#if defined(__x86_64__) || defined(__i386__)
+  __builtin_ia32_pause();
+#elif defined(__aarch64__)
+  asm volatile("yield");
+#endif
+}
+
 }  // namespace
 
 struct Event::Waiter : NonCopyable {
   ~Waiter() { pthread_cond_destroy(&condition); }
 
+  // The result if it comes at once, else kWaiting.
+  std::uintptr_t Spin() const noexcept;
   std::uintptr_t Wait(std::uint32_t milliseconds) noexcept;
-  // False if the waiter was woken before or has given up.
+  // By a thread that holds the event, and so keeps the waiter alive. False if the waiter was woken
+  // before or has given up.
   bool Wake(const Event& event) noexcept;
 
   pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
-  Mutex mutex;  // guards `result`
-  std::uintptr_t result = kWaiting;
+  Mutex mutex;  // guards changes of `result`; Spin reads it without
+  std::atomic<std::uintptr_t> result{kWaiting};
   // In the event's list, guarded by the event.
   Waiter* previous = nullptr;
   Waiter* next = nullptr;
 };
 
+std::uintptr_t Event::Waiter::Spin() const noexcept {
+  if (!has_processors) return kWaiting;
+  if (misses >= kMaxMisses && misses % kMissesBetweenTries != 0) {
+    ++misses;
+    return kWaiting;
+  }
+  for (int i = 0; i < kSpins; ++i) {
+    if (const std::uintptr_t found = result.load(std::memory_order_acquire); found != kWaiting) {
+      misses = 0;
+      return found;
+    }
+    Pause();
+  }
+  ++misses;
+  return kWaiting;
+}
+
 std::uintptr_t Event::Waiter::Wait(std::uint32_t milliseconds) noexcept {
+  if (const std::uintptr_t found = Spin(); found != kWaiting) return found;
   const MutexLock lock(mutex);
-  if (result != kWaiting) return result;
   if (milliseconds == kEndless) {
     while (result == kWaiting) {
       const int res = pthread_cond_wait(&condition, &mutex.GetNative());
@@ -51,6 +93,7 @@ std::uintptr_t Event::Waiter::Wait(std::uint32_t milliseconds) noexcept {
     }
     return result;
   }
+  if (result != kWaiting) return result;
   const timespec deadline = DeadlineAfter(milliseconds);
   while (result == kWaiting &&
          pthread_cond_timedwait(&condition, &mutex.GetNative(), &deadline) != ETIMEDOUT) {
@@ -61,15 +104,18 @@ std::uintptr_t Event::Waiter::Wait(std::uint32_t milliseconds) noexcept {
 }
 
 bool Event::Waiter::Wake(const Event& event) noexcept {
-  const MutexLock lock(mutex);
-  if (result != kWaiting) return false;
-  result = reinterpret_cast<std::uintptr_t>(&event);
+  {
+    const MutexLock lock(mutex);
+    if (result != kWaiting) return false;
+    result.store(reinterpret_cast<std::uintptr_t>(&event), std::memory_order_release);
+  }
+  // With the mutex free, so that the woken thread doesn't run into it.
   pthread_cond_signal(&condition);
   return true;
 }
 
 Event::~Event() {
-  // Waits until the Set that woke the destroying thread has left.
+  // For the list: a thread that wrongly still waits may be taking itself out.
   const MutexLock lock(mutex_);
   if (first_ != nullptr) {
     SafeAssert("EVENT_DATA.Waiters->empty() || !\"Destroying Event which is being Wait()'ed for\"",

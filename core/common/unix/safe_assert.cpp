@@ -14,7 +14,9 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
+#include "core/common/non_copyable.h"
 #include "core/common/unix/program_path.h"
 #include "core/common/unix/safe_close.h"
 #include "core/common/unix/stack_walk.h"
@@ -22,6 +24,16 @@
 
 namespace Common {
 namespace {
+
+// Keeps errno over a scope.
+class ErrnoGuard : NonCopyable {
+ public:
+  ErrnoGuard() = default;
+  ~ErrnoGuard() { errno = saved_; }
+
+ private:
+  const int saved_ = errno;
+};
 
 constexpr std::uint32_t kBreak = 1;
 constexpr std::uint32_t kDebug = 2;
@@ -57,6 +69,7 @@ constexpr std::uint32_t kEventCode = 27;
 // assertion that comes up while they are read is reported by their starting values.
 constinit std::uint32_t mode = kDebug | kLog | kEvent | kStack;
 constinit int target = STDERR_FILENO;
+constinit int log_file = -1;  // `target` when it is a file
 constinit bool settings_are_being_read = false;
 constinit std::atomic<bool> settings_are_read{false};
 constinit StaticMutex settings_mutex;
@@ -71,27 +84,32 @@ constinit thread_local bool in_event = false;
 
 void CloseLogFile() {
   const StaticMutexLock lock(target_mutex);
-  SafeClose(target);
+  if (log_file < 0) return;
   target = STDERR_FILENO;
+  SafeClose(std::exchange(log_file, -1));
 }
 
+// Once in a process.
 void ChooseTarget() {
   const char* const name = std::getenv("VELORIN_SAFE_ASSERT_LOGFILE");
   if (name == nullptr) return;
   int chosen = -1;
+  int opened = -1;
   if (std::strcmp(name, "stdout") == 0) {
     chosen = STDOUT_FILENO;
   } else if (std::strcmp(name, "stderr") == 0) {
     chosen = STDERR_FILENO;
   } else {
     // Opening a pipe that nobody reads fails instead of waiting.
-    chosen = open(name, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666);
-    if (chosen < 0) return;
-    fcntl(chosen, F_SETFL, O_APPEND);
+    opened = open(name, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666);
+    if (opened < 0) return;
+    fcntl(opened, F_SETFL, O_APPEND);
     std::atexit(CloseLogFile);
+    chosen = opened;
   }
   const StaticMutexLock lock(target_mutex);
   target = chosen;
+  log_file = opened;
 }
 
 // A whole hexadecimal number; a number that is too large is all ones. False if there is none.
@@ -113,6 +131,7 @@ bool ParseHex(std::string_view text, std::uint32_t& number) {
 std::uint32_t ParseWords(std::string_view text) {
   constexpr std::string_view kBlanks = " \t";
   std::uint32_t bits = 0;
+  bool target_is_chosen = false;
   text = text.substr(0, kMaxWords);
   for (;;) {
     text.remove_prefix(std::min(text.find_first_not_of(kBlanks), text.size()));
@@ -121,7 +140,7 @@ std::uint32_t ParseWords(std::string_view text) {
     const auto known = std::find_if(std::begin(kModeWords), std::end(kModeWords),
                                     [word](const ModeWord& row) { return row.word == word; });
     const std::uint32_t added = known != std::end(kModeWords) ? known->bit : kOff;
-    if (added == kLog) ChooseTarget();
+    if (added == kLog && !std::exchange(target_is_chosen, true)) ChooseTarget();
     bits |= added;
     text.remove_prefix(word.size());
   }
@@ -212,7 +231,7 @@ void SendEvent(const WideText& text) {
   in_event = true;
   try {
     hook(kEventLevel, kEventModule, kEventCode, text.Get());
-  } catch (const std::exception&) {
+  } catch (...) {
     // A sink's failure is no business of who asserts.
   }
   in_event = false;
@@ -268,7 +287,7 @@ bool IsDebuggerAttached() {
 
 // Never inlined: it is the second frame that the stack leaves out.
 [[gnu::noinline]] void Report(const char* text, bool has_expression) {
-  const int saved_errno = errno;
+  const ErrnoGuard guard;
   EnsureSettings();
   const std::uint32_t bits = mode;
   if (bits == kOff) return;
@@ -295,7 +314,6 @@ bool IsDebuggerAttached() {
     if (IsDebuggerAttached()) std::raise(SIGTRAP);
   }
   if ((bits & kAbort) != 0) std::abort();
-  errno = saved_errno;
 }
 
 std::string GetNameForReport() {
@@ -317,14 +335,13 @@ void SafeAssert(const char* expression, const char* file, int line) noexcept {
 
 void SafeAssertError(int errnum, const char* file, unsigned int line,
                      const char* message) noexcept {
-  const int saved_errno = errno;
+  const ErrnoGuard guard;
   const bool has_message = message != nullptr && *message != 0;
   char reason[256];
   char text[kMaxError + 1];
   std::snprintf(text, sizeof text, "%s: %s:%u: %s%sUnexpected error: %s.",
                 GetNameForReport().c_str(), file, line, has_message ? message : "",
                 has_message ? ": " : "", strerror_r(errnum, reason, sizeof reason));
-  errno = saved_errno;
   Report(text, false);
 }
 

@@ -2,7 +2,6 @@
 // what to do; "went on" is printed when the process lives on.
 #include <fcntl.h>
 #include <pthread.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -10,10 +9,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <memory>
 #include <new>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -24,6 +21,7 @@
 #include "core/common/unix/safe_close.h"
 #include "core/common/unix/tls.h"
 #include "core/common/unix/trace.h"
+#include "tests/core/common/unix/thread_state.h"
 
 namespace {
 bool assert_when_environment_is_read = false;
@@ -60,7 +58,9 @@ namespace {
 // Prints what is traced, one line each; line feeds within as "|".
 class PrintingSink : public Common::TraceSink {
  public:
-  explicit PrintingSink(bool asserts) : asserts_(asserts) {}
+  enum class Then { kReturn, kAssert, kThrow };
+
+  explicit PrintingSink(Then then) : then_(then) {}
   unsigned int GetLevel() const override { return 0; }
   void Write(unsigned int, std::uint32_t, std::uint32_t, const char*) override {
     std::printf("narrow\n");
@@ -70,32 +70,23 @@ class PrintingSink : public Common::TraceSink {
     std::printf("%u %u %u ", level, module, code);
     for (; *text != 0; ++text) std::printf("%c", *text == '\n' ? '|' : static_cast<char>(*text));
     std::printf("\n");
-    if (asserts_) Probe::Violate("in sink");
+    if (then_ == Then::kAssert) Probe::Violate("in sink");
+    if (then_ == Then::kThrow) throw 7;
   }
 
  private:
-  bool asserts_;
+  const Then then_;
 };
-
-// Whether a thread of this process sleeps in the kernel.
-bool IsAsleep(long thread) {
-  std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
-  std::stringstream text;
-  text << file.rdbuf();
-  const std::string stat = text.str();
-  const std::size_t end_of_name = stat.rfind(") ");
-  return end_of_name != std::string::npos && stat.compare(end_of_name + 2, 1, "S") == 0;
-}
 
 void DestroyEventBeingWaitedFor() {
   alignas(Common::Event) static unsigned char storage[sizeof(Common::Event)];
   auto* const event = new (storage) Common::Event(false, false);
-  std::atomic<long> waiter{0};
+  std::atomic<long> waiter[1]{};
   std::thread([event, &waiter] {
-    waiter = syscall(SYS_gettid);
+    waiter[0] = GetThreadNumber();
     event->Wait();
   }).detach();
-  while (waiter == 0 || !IsAsleep(waiter)) std::this_thread::yield();
+  WaitUntilAsleep(waiter);
   event->~Event();
 }
 
@@ -104,6 +95,20 @@ void UnlockFromOtherThread() {
   mutex.Lock();
   std::thread([&mutex] { mutex.Unlock(); }).join();
   mutex.Unlock();
+}
+
+// Both report first, as nearly as two threads can.
+void AssertInTwoThreads() {
+  std::atomic<int> ready{0};
+  const auto violate = [&ready](const char* expression) {
+    ++ready;
+    while (ready < 2) std::this_thread::yield();
+    Probe::Violate(expression);
+  };
+  std::thread left(violate, "left");
+  std::thread right(violate, "right");
+  left.join();
+  right.join();
 }
 
 void UseNoSlot() {
@@ -152,8 +157,13 @@ int Run(std::string_view what, const char* argument) {
   } else if (what == "at-exit") {
     std::atexit([] { Probe::Violate("late"); });
     Probe::Violate("early");
-  } else if (what == "event" || what == "event-asserts") {
-    static PrintingSink sink(what == "event-asserts");
+  } else if (what == "two-threads") {
+    AssertInTwoThreads();
+  } else if (what == "event" || what == "event-asserts" || what == "event-throws") {
+    using Then = PrintingSink::Then;
+    static PrintingSink sink(what == "event-asserts"  ? Then::kAssert
+                             : what == "event-throws" ? Then::kThrow
+                                                      : Then::kReturn);
     Common::RegisterTraceSink(sink);
     Probe::Violate(argument);
   } else if (what == "destroy-event") {

@@ -8,6 +8,8 @@
 #include <thread>
 #include <vector>
 
+#include "tests/core/common/unix/thread_state.h"
+
 namespace {
 
 using Common::Event;
@@ -58,16 +60,23 @@ TEST(Event, WaitGivesUpAfterItsTimeAndLeavesALaterSignal) {
 TEST(Event, AutoResetWakesOneWaiterForEachSet) {
   Event event(false, false);
   Event woken(false, false);
+  std::atomic<long> numbers[2]{};
+  std::atomic<bool> is_woken[2]{};
   std::vector<std::thread> waiters;
   for (int i = 0; i < 2; ++i) {
-    waiters.emplace_back([&] {
+    waiters.emplace_back([&, i] {
+      numbers[i] = GetThreadNumber();
       EXPECT_TRUE(event.Wait());
+      is_woken[i] = true;
       woken.Set();
     });
   }
+  WaitUntilAsleep(numbers);
   event.Set();
   EXPECT_TRUE(woken.Wait(kLong));
   EXPECT_FALSE(woken.Wait(kShort));
+  EXPECT_NE(is_woken[0], is_woken[1]);
+  EXPECT_TRUE(IsAsleep(numbers[is_woken[0] ? 1 : 0]));
   event.Set();
   EXPECT_TRUE(woken.Wait(kLong));
   for (std::thread& waiter : waiters) waiter.join();
@@ -76,11 +85,15 @@ TEST(Event, AutoResetWakesOneWaiterForEachSet) {
 
 TEST(Event, ManualResetWakesAllWaiters) {
   Event event(true, false);
+  std::atomic<long> numbers[4]{};
   std::vector<std::thread> waiters;
   for (int i = 0; i < 4; ++i) {
-    waiters.emplace_back(
-        [&event, i] { EXPECT_TRUE(i % 2 == 0 ? event.Wait() : event.Wait(kLong)); });
+    waiters.emplace_back([&, i] {
+      numbers[i] = GetThreadNumber();
+      EXPECT_TRUE(i % 2 == 0 ? event.Wait() : event.Wait(kLong));
+    });
   }
+  WaitUntilAsleep(numbers);
   event.Set();
   for (std::thread& waiter : waiters) waiter.join();
   EXPECT_TRUE(event.Wait(0));

@@ -138,13 +138,16 @@ TEST(SafeAssertSettings, ChooseTheTargetOfTheLog) {
 }
 
 TEST(SafeAssertSettings, LogFileIsClosedAtExitAndLaterReportsReachStandardError) {
-  const TemporaryFile file;
-  ChildOptions options;
-  options.environment = {"VELORIN_SAFE_ASSERT=log",
-                         "VELORIN_SAFE_ASSERT_LOGFILE=" + file.GetName()};
-  const ChildResult result = RunChild({"at-exit"}, options);
-  EXPECT_EQ(file.Read(), "before\nAssertion failed: early, file probe.cpp, line 7\n");
-  EXPECT_EQ(result.err, "Assertion failed: late, file probe.cpp, line 7\n");
+  for (const char* const mode : {"log", "log log"}) {
+    SCOPED_TRACE(mode);
+    const TemporaryFile file;
+    ChildOptions options;
+    options.environment = {std::string("VELORIN_SAFE_ASSERT=") + mode,
+                           "VELORIN_SAFE_ASSERT_LOGFILE=" + file.GetName()};
+    const ChildResult result = RunChild({"at-exit"}, options);
+    EXPECT_EQ(file.Read(), "before\nAssertion failed: early, file probe.cpp, line 7\n");
+    EXPECT_EQ(result.err, "Assertion failed: late, file probe.cpp, line 7\n");
+  }
 }
 
 TEST(SafeAssertSettings, AreReadAtTheFirstReportOnly) {
@@ -168,6 +171,22 @@ TEST(SafeAssertSettings, AnAssertionWhileTheyAreReadGoesByTheStartingValues) {
   EXPECT_EQ(result.out, kWentOn);
 }
 
+TEST(SafeAssertSettings, AreReadOnceByThreadsThatReportTogether) {
+  const std::string left = "Assertion failed: left, file probe.cpp, line 7\n";
+  const std::string right = "Assertion failed: right, file probe.cpp, line 7\n";
+  for (int i = 0; i < 5; ++i) {
+    const TemporaryFile file;
+    ChildOptions options;
+    options.environment = {"VELORIN_SAFE_ASSERT=log",
+                           "VELORIN_SAFE_ASSERT_LOGFILE=" + file.GetName()};
+    const ChildResult result = RunChild({"two-threads"}, options);
+    const std::string text = file.Read().substr(7);
+    EXPECT_TRUE(text == left + right || text == right + left) << text;
+    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(result.out, kWentOn);
+  }
+}
+
 TEST(SafeAssert, EvaluatesOnceQuotesTheExpressionAndKeepsErrno) {
   ChildOptions options;
   options.environment = {"VELORIN_SAFE_ASSERT=log"};
@@ -177,6 +196,11 @@ TEST(SafeAssert, EvaluatesOnceQuotesTheExpressionAndKeepsErrno) {
                              "tests/core/common/unix/child_main\\.cpp, line [0-9]+\n")))
       << result.err;
   EXPECT_EQ(result.out, "1 1\nwent on\n");
+
+  // Assertions that are off fail to open the log on the way.
+  options.environment = {"VELORIN_SAFE_ASSERT=log nonsense",
+                         "VELORIN_SAFE_ASSERT_LOGFILE=/nonexistent/file"};
+  EXPECT_EQ(RunChild({"macro"}, options).out, "1 1\nwent on\n");
 }
 
 TEST(SafeAssert, CutsLongTexts) {
@@ -225,6 +249,15 @@ TEST(SafeAssertEvent, OfASinkThatAssertsEndsInTheLog) {
   EXPECT_EQ(result.err, std::string(kText) + "Assertion failed: in sink, file probe.cpp, line 7\n");
 }
 
+TEST(SafeAssertEvent, OfASinkThatThrowsEndsThere) {
+  ChildOptions options;
+  options.environment = {"VELORIN_SAFE_ASSERT=event log"};
+  const ChildResult result = RunChild({"event-throws", "a == b"}, options);
+  EXPECT_EQ(result.out, std::string("5 0 27 ") + kText + kWentOn);
+  EXPECT_EQ(result.err, kText);
+  EXPECT_EQ(result.status, 0);
+}
+
 TEST(SafeAssertBreak, StopsOnlyInADebugger) {
   const struct {
     const char* mode;
@@ -248,7 +281,8 @@ TEST(SafeAssertBreak, StopsOnlyInADebugger) {
 
 TEST(SafeAssertTexts, OfThePrimitives) {
   ChildOptions options;
-  options.environment = {"VELORIN_SAFE_ASSERT=log"};
+  // The thread sanitizer isn't to report the misuse as well.
+  options.environment = {"VELORIN_SAFE_ASSERT=log", "TSAN_OPTIONS=report_mutex_bugs=0"};
   ChildResult result = RunChild({"unlock"}, options);
   EXPECT_TRUE(result.err.starts_with(
       "Assertion failed: ret == 0 && \"Probably unlock from non-owner thread!\", file "
