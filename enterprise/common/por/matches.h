@@ -32,7 +32,8 @@ namespace Por::Util {
 //
 // Throws Common::Error when the walk reaches an ill-formed place of the pattern: 0xFA000E for an
 // unknown trait name or an argument of the wrong kind, 0xFA0020 for Between without its bounds.
-// Not matching throws nothing; it allocates nothing unless wide or deep arrays are compared. Cost and stack grow with the pattern.
+// Not matching throws nothing; it allocates nothing unless wide or deep arrays are compared. Cost
+// and stack grow with the pattern.
 bool Matches(const View::Unit& source, const View::Unit& pattern);
 
 }  // namespace Por::Util

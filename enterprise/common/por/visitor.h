@@ -3,8 +3,8 @@
 #include "core/common/non_copyable.h"
 #include "enterprise/common/por/fwd.h"
 
-// The visitors of the three faces, the ones that do nothing, and the adaptors that make a visitor of
-// a plain class with overloads. Seventeen Visit operations each, in the order of the type index.
+// The visitors of the three faces, the ones that do nothing, and the adaptors that make a visitor
+// of a plain class with overloads. Seventeen Visit operations each, in the order of the type index.
 
 namespace Por::View {
 
@@ -33,7 +33,9 @@ class UnitVisitorAdaptor : public UnitReader {
  public:
   explicit UnitVisitorAdaptor(Impl& impl) : impl_(&impl) {}
 #define POR_VISIT(index, Word, Value, Argument) \
-  void Visit(const Value& value) override { (*impl_)(value); }
+  void Visit(const Value& value) override {     \
+    (*impl_)(value);                            \
+  }
   POR_VALUE_KINDS(POR_VISIT)
 #undef POR_VISIT
 
@@ -61,7 +63,9 @@ class UnitVisitorAdaptor : public UnitWriter {
  public:
   explicit UnitVisitorAdaptor(Impl& impl) : impl_(&impl) {}
 #define POR_VISIT(index, Word, Value, Argument) \
-  void Visit(Value& value) override { (*impl_)(value); }
+  void Visit(Value& value) override {           \
+    (*impl_)(value);                            \
+  }
   POR_VALUE_KINDS(POR_VISIT)
 #undef POR_VISIT
 
@@ -98,7 +102,9 @@ class UnitVisitorAdaptor : public UnitBuilder {
  public:
   explicit UnitVisitorAdaptor(Impl& impl) : impl_(&impl) {}
 #define POR_VISIT(index, Word, Value, Argument) \
-  void Visit(Value& value) override { (*impl_)(value); }
+  void Visit(Value& value) override {           \
+    (*impl_)(value);                            \
+  }
   POR_VALUE_KINDS(POR_VISIT)
 #undef POR_VISIT
 

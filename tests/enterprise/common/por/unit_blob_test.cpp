@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <new>
 #include <string>
 #include <thread>
 #include <utility>
@@ -13,8 +14,11 @@
 #include "enterprise/common/por/module_error.h"
 #include "enterprise/common/por/unit_accumulator.h"
 #include "enterprise/common/por/unit_digest.h"
+#include "enterprise/common/por/unit_factory.h"
 #include "enterprise/common/por/unit_helpers.h"
 #include "enterprise/common/por/unit_operations.h"
+#include "enterprise/common/por/unit_value_access.h"
+#include "enterprise/common/por/visitor.h"
 #include "enterprise/common/por/walk_unit.h"
 #include "tests/enterprise/common/por/stream_support.h"
 #include "tests/support/allocation_watch.h"
@@ -284,6 +288,73 @@ OwnedUnit MakeRichUnit() {
     u.SQWord(-4).End().QWord(5).End().End();
     u.End();
   });
+}
+
+TEST(UnitBlob, LargeTreesTakeFewPiecesOfMemory) {
+  const Bytes bytes = Write(*Make([](const UnitConstructor& u) {
+    u.Composite().Property("List").Array();
+    for (unsigned int i = 0; i < 60000; ++i) u.QWord(i).End();
+    u.End().End();
+  }));
+  const TestSupport::AllocationWatch watch;
+  const OwnedUnit unit = Read(bytes);
+  EXPECT_LE(watch.GetCount(), 20u);
+}
+
+// Every lack of memory while reading ends in std::bad_alloc or an empty error, and loses nothing.
+TEST(UnitBlob, ReadingSurvivesEveryFailureToAllocate) {
+  const Bytes bytes = Write(*MakeRichUnit());
+  Read(bytes);
+  bool has_failed = true;
+  for (unsigned long long successes = 0; has_failed; ++successes) {
+    ASSERT_LT(successes, 200u);
+    OwnedUnit unit;
+    {
+      const TestSupport::AllocationWatch watch(successes, 1);
+      try {
+        unit = Read(bytes);
+      } catch (const std::bad_alloc&) {
+      }
+      has_failed = watch.HasFailed();
+    }
+    if (unit != nullptr && !has_failed) {
+      EXPECT_EQ(Write(*unit), bytes);
+    }
+  }
+}
+
+// Sets the property "Name" of a composite.
+struct NameWriter {
+  void operator()(auto&) {}
+  void operator()(Modification::CompositeValue& composite) {
+    auto set = MakeProcessor<Modification::Property>([&](Modification::Property& property) {
+      SetValue<Common::String>(property.GetValue(), *text);
+    });
+    EXPECT_TRUE(composite.Find("Name", set));
+  }
+  const Common::String* text;
+};
+
+// Each of the three doors to the changing of a read tree, alone: what it changes is freed.
+TEST(UnitBlob, WhatWasReadIsFreedThroughWhicheverDoorItWasChanged) {
+  const Bytes bytes = Write(*MakeRichUnit());
+  const Common::String long_text(1000, u'x');
+
+  const OwnedUnit written = Read(bytes);
+  NameWriter writer{&long_text};
+  Modification::Detail::UnitVisitorAdaptor<NameWriter> visitor(writer);
+  static_cast<Modification::Unit&>(*written).Accept(visitor);
+  EXPECT_EQ(GetValue<Common::String>(GetProperty(*written, "Name").GetValue()), long_text);
+
+  const OwnedUnit marked = Read(bytes);
+  marked->GetTraits().Add(
+      GetStaticUnitFactory()->CreateTrait("Mark", GetStaticUnitFactory()->CreateString(long_text)));
+  EXPECT_TRUE(HasTrait(*marked, "Mark"));
+
+  const OwnedUnit grown = Read(bytes);
+  AddProperty(*grown, "New", GetStaticUnitFactory()->CreateString(long_text),
+              *GetStaticUnitFactory());
+  EXPECT_EQ(GetValue<Common::String>(GetProperty(*grown, "New").GetValue()), long_text);
 }
 
 TEST(UnitBlob, EveryTruncationIsRefusedOrGivesNoUnit) {
