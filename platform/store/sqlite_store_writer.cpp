@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <thread>
 
 #include "core/common/line_tag.h"
 #include "core/common/unix/safe_close.h"
@@ -24,6 +26,7 @@ constexpr Common::SourceFile kSource{"platform/store/sqlite_store_writer"};
 // The log is trimmed each time so many changes, or so many bytes, have come on top.
 constexpr long long kTrimStep = 1000;
 constexpr long long kTrimBytes = 1024 * 1024;
+constexpr std::chrono::milliseconds kSwitchPause{5};
 
 // - A log reaches the main file at the last close only, see read_only_vfs.h.
 // - The cache holds the index of identifications, which come in no order, for a million objects.
@@ -50,6 +53,21 @@ bool TakeFile(const std::string& path) {
   throw MakeSystemError(kCreateFailure, path, errnum, kSource.At("TakeFile", 10));
 }
 
+// Waits for others itself: SQLite gives up at once when this meets a reader.
+void SwitchToLog(SqliteDatabase& database, unsigned int lock_wait_milliseconds) {
+  using Clock = std::chrono::steady_clock;
+  const auto end = Clock::now() + std::chrono::milliseconds(lock_wait_milliseconds);
+  for (;;) {
+    try {
+      database.Execute("PRAGMA journal_mode = WAL");
+      return;
+    } catch (const Common::Error& error) {
+      if (error.GetCode() != kLockFailure.code || Clock::now() >= end) throw;
+    }
+    std::this_thread::sleep_for(kSwitchPause);
+  }
+}
+
 // All in one transaction, and only in a file that is still empty then.
 void MakeTables(const std::string& path) {
   const auto database = SqliteDatabase::OpenForWriting(path, {});
@@ -65,7 +83,7 @@ void MakeTables(const std::string& path) {
   database->Execute(("PRAGMA application_id = " + std::to_string(kApplicationId)).c_str());
   database->Execute(("PRAGMA user_version = " + std::to_string(kSchemaVersion)).c_str());
   database->Execute("COMMIT");
-  database->Execute("PRAGMA journal_mode = WAL");
+  SwitchToLog(*database, SqliteDatabase::kLockWaitMilliseconds);
 }
 
 }  // namespace
@@ -114,7 +132,7 @@ SqliteStoreWriter::SqliteStoreWriter(const std::string& path, unsigned int lock_
     : database_(SqliteDatabase::OpenForWriting(path, {lock_wait_milliseconds, nullptr})) {
   CheckSchema(*database_);
   database_->Execute(kWriterPragmas);
-  database_->Execute("PRAGMA journal_mode = WAL");
+  SwitchToLog(*database_, lock_wait_milliseconds);
   statements_ = std::make_unique<Statements>(*database_);
 }
 
