@@ -44,7 +44,9 @@ void InterleavingExplorer::Loop(int number) {
   }
 }
 
-std::string InterleavingExplorer::Explore(const std::function<std::unique_ptr<Scenario>()>& make) {
+std::string InterleavingExplorer::Explore(const std::function<std::unique_ptr<Scenario>()>& make,
+                                          int preemptions) {
+  max_preemptions_ = preemptions;
   path_.clear();
   seen_.clear();
   failure_.clear();
@@ -62,6 +64,7 @@ std::string InterleavingExplorer::Explore(const std::function<std::unique_ptr<Sc
 
 void InterleavingExplorer::RunSchedule() {
   depth_ = 0;
+  preemptions_ = 0;
   trail_.clear();
   std::vector<std::function<void()>> bodies = scenario_->Threads();
   for (std::size_t i = 0; i < kMaxThreads; ++i) {
@@ -103,6 +106,10 @@ void InterleavingExplorer::Glance(std::uint64_t value) {
   threads_[static_cast<std::size_t>(current)].glance = value + 1;
 }
 
+std::uint64_t InterleavingExplorer::History() const {
+  return current < 0 ? 0 : threads_[static_cast<std::size_t>(current)].remembered;
+}
+
 int InterleavingExplorer::Current() const {
   return current;
 }
@@ -121,24 +128,34 @@ int InterleavingExplorer::PickNext(int running) {
   }
   if (all_done) return -1;
   if (enabled.empty()) Abort("all threads wait");
-  const int next = Choose(std::move(enabled));
+  const int next = Choose(std::move(enabled), running);
   trail_.push_back(next);
   if (trail_.size() > 2000) Abort("the schedule never ends");
   return next;
 }
 
-int InterleavingExplorer::Choose(std::vector<int> enabled) {
+int InterleavingExplorer::Choose(std::vector<int> enabled, int running) {
+  const bool bounded = max_preemptions_ != kUnbounded;
+  const bool can_go_on = enabled[0] == running;
+  if (bounded && can_go_on && preemptions_ == max_preemptions_) enabled.resize(1);
   if (enabled.size() == 1) return enabled[0];
   if (depth_ == path_.size()) {
     std::uint64_t key = scenario_->Snapshot();
     for (const Thread& thread : threads_) {
       key = Mix(Mix(Mix(key, thread.remembered), thread.glance), thread.done);
     }
+    // With a bound, what can still follow depends on these too.
+    if (bounded) {
+      key = Mix(Mix(key, static_cast<std::uint64_t>(preemptions_)),
+                static_cast<std::uint64_t>(can_go_on ? running : -1));
+    }
     if (!seen_.insert(key).second) enabled.resize(1);
     path_.push_back({std::move(enabled)});
   }
   const Choice& choice = path_[depth_++];
-  return choice.options[choice.index];
+  const int next = choice.options[choice.index];
+  if (can_go_on && next != running) ++preemptions_;
+  return next;
 }
 
 bool InterleavingExplorer::NextSchedule() {
@@ -158,8 +175,15 @@ void InterleavingExplorer::Abort(const std::string& what) {
 }
 
 std::string InterleavingExplorer::Trail() const {
+  // "0*12 1*3": thread 0 went on 12 times, then thread 1 three times.
   std::string text = "; schedule";
-  for (const int number : trail_) text.append(" ").append(std::to_string(number));
+  for (std::size_t i = 0; i < trail_.size();) {
+    std::size_t end = i;
+    while (end < trail_.size() && trail_[end] == trail_[i]) ++end;
+    text.append(" ").append(std::to_string(trail_[i]));
+    if (end - i > 1) text.append("*").append(std::to_string(end - i));
+    i = end;
+  }
   return text;
 }
 

@@ -18,6 +18,7 @@ namespace Async::Testing {
 // Only one thread runs at a time; it hands over at its points: before each access to a shared
 // word and where the scenario says Point. The same choices give the same run, so a branch is
 // explored by running the scenario again with the recorded choices and a new one at the end.
+// A bound on the changes away from a thread that could have gone on keeps larger scenarios short.
 // A branch is not followed where the whole state has been seen before: what the threads share
 // (Scenario::Snapshot) together with what each of them keeps in locals. That is told by Remember
 // and, up to the next Remember or Glance, by Glance.
@@ -37,9 +38,12 @@ class InterleavingExplorer {
   InterleavingExplorer();
   ~InterleavingExplorer();
 
-  // Explores all interleavings, or stops at the first one that fails. Returns the failure with its
-  // schedule, empty if there is none.
-  std::string Explore(const std::function<std::unique_ptr<Scenario>()>& make);
+  static constexpr int kUnbounded = -1;
+
+  // Explores all interleavings with at most `preemptions` such changes, or stops at the first one
+  // that fails. Returns the failure with its schedule, empty if there is none.
+  std::string Explore(const std::function<std::unique_ptr<Scenario>()>& make,
+                      int preemptions = kUnbounded);
   std::size_t Schedules() const { return schedules_; }
 
   // Called by the threads of a scenario; without effect from others.
@@ -53,6 +57,8 @@ class InterleavingExplorer {
   void Remember(std::uint64_t value);
   // It has looked at `value` and holds it only until it looks again.
   void Glance(std::uint64_t value);
+  // All that the current thread has remembered; 0 outside a schedule.
+  std::uint64_t History() const;
   // Number of the running thread; -1 outside a schedule.
   int Current() const;
   // The scenario is wrong. Recorded; the schedule goes on.
@@ -83,7 +89,7 @@ class InterleavingExplorer {
   void RunSchedule();
   // Picks who runs next; -1 when all have ended.
   int PickNext(int running);
-  int Choose(std::vector<int> enabled);
+  int Choose(std::vector<int> enabled, int running);
   bool NextSchedule();
   std::string Trail() const;
 
@@ -94,6 +100,8 @@ class InterleavingExplorer {
   std::size_t depth_ = 0;
   std::vector<int> trail_;  // who ran, point by point
   std::unordered_set<std::uint64_t> seen_;
+  int max_preemptions_ = kUnbounded;
+  int preemptions_ = 0;  // in this schedule
   std::size_t schedules_ = 0;
   std::string failure_;
 };

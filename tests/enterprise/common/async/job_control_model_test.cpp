@@ -5,7 +5,13 @@
 
 #include "enterprise/common/async/async_error.h"
 #include "enterprise/common/async/job_control.h"
+#ifdef PLANTED_FAULTS
+#include "tests/enterprise/common/async/planted_fault.h"
+// Keep this order.
+#include "planted/job_control_inl.h"
+#else
 #include "enterprise/common/async/job_control_inl.h"
+#endif
 #include "tests/enterprise/common/async/interleaving_explorer.h"
 #include "tests/enterprise/common/async/test_support.h"
 
@@ -25,6 +31,9 @@ std::uint64_t HashControl();
 
 // The state word of a control under exploration: every access is a point.
 struct ModelAtomics {
+#ifdef PLANTED_FAULTS
+  static inline PlantedFault fault = PlantedFault::kNone;
+#endif
   class Word {
    public:
     explicit Word(std::uintptr_t value) : value_(value) {}
@@ -59,7 +68,9 @@ struct ModelAtomics {
   };
 
   // Correct users never come here.
-  static void Pause() { explorer->Abort("an event meets a run that is being finished"); }
+  static void Pause() {
+    explorer->Abort("an event meets a run that is being finished");
+  }
 
   // The plain fields, as far as they differ between schedules.
   template <class Control>
@@ -298,6 +309,8 @@ class Cycle : public InterleavingExplorer::Scenario, public ActionHandler, publi
   Ledger ledger_{};
 };
 
+#ifndef PLANTED_FAULTS
+
 class JobControlInterleavings : public ::testing::Test {
  protected:
   void Explore(const Situation& situation) {
@@ -338,6 +351,36 @@ TEST_F(JobControlInterleavings, DestroyedUnderTheTellingThread) {
   Explore({JobKind::kHonours, 1, false, true});
   Explore({JobKind::kCompletes, 2, false, true});
 }
+
+#else  // PLANTED_FAULTS: the same sources with faults, which have to be found
+
+void ExploreWith(PlantedFault fault) {
+  ModelAtomics::fault = fault;
+  InterleavingExplorer all;
+  explorer = &all;
+  EXPECT_EQ(all.Explore([] {
+    return std::make_unique<Cycle>(Situation{JobKind::kIgnores, 1});
+  }),
+            "");
+  explorer = nullptr;
+}
+
+TEST(PlantedJobControlFaultDeathTest, ADroppedRowOfTheTableIsFound) {
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  EXPECT_DEATH(ExploreWith(PlantedFault::kRowDropped), "the schedule never ends; schedule 0");
+}
+
+TEST(PlantedJobControlFaultDeathTest, SwappedStepsOfFinishRunAreFound) {
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  EXPECT_DEATH(ExploreWith(PlantedFault::kTellsFirst),
+               "an event meets a run that is being finished; schedule 0");
+}
+
+TEST(PlantedJobControlFaultDeathTest, TheSameScenarioPassesWithoutThem) {
+  ExploreWith(PlantedFault::kNone);
+}
+
+#endif
 
 }  // namespace
 }  // namespace Async

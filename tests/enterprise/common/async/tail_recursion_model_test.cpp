@@ -1,0 +1,542 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <deque>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "enterprise/common/async/async_error.h"
+#ifdef PLANTED_FAULTS
+#include "tests/enterprise/common/async/planted_fault.h"
+// Keep this order.
+#include "planted/job_control_inl.h"
+#include "planted/metronome_inl.h"
+#include "planted/tail_recursion_inl.h"
+#else
+#include "enterprise/common/async/job_control_inl.h"
+#include "enterprise/common/async/metronome_inl.h"
+#include "enterprise/common/async/tail_recursion_inl.h"
+#endif
+#include "enterprise/common/async/service.h"
+#include "tests/enterprise/common/async/interleaving_explorer.h"
+#include "tests/enterprise/common/async/model_atomics.h"
+#include "tests/enterprise/common/async/test_support.h"
+
+namespace Async {
+namespace {
+
+using Testing::Failure;
+using Testing::InterleavingExplorer;
+using Testing::ModelObject;
+using Testing::TraceRecorder;
+
+// A type of this file: the templates made with it are those included here.
+struct ModelAtomics : Testing::ModelAtomics {
+#ifdef PLANTED_FAULTS
+  static inline PlantedFault fault = PlantedFault::kNone;
+#endif
+};
+
+InterleavingExplorer& Explorer() {
+  return *ModelObject::explorer;
+}
+
+std::uint64_t MixAll(std::uint64_t hash, const std::vector<int>& values) {
+  for (const int value : values) {
+    hash = InterleavingExplorer::Mix(hash, static_cast<std::uint64_t>(value));
+  }
+  return hash;
+}
+
+// How the wait for a tick takes its cancel.
+enum WaitKind {
+  kTellsInCancel,  // ends inside Job::Cancel
+  kTellsLater,     // the thread that ticks tells the cancel error
+  kIgnores,        // it ends with the tick
+  kTicksAtOnce,    // inside WaitTick
+};
+
+// An async service whose threads are those of the scenario that call PerformOne and TickOne.
+class ModelService final : public Service, private MetronomeSource, private Metronome {
+ public:
+  explicit ModelService(WaitKind kind) : kind_(kind) {}
+
+  Metronome* GetMetronome(unsigned int) override { return this; }
+  bool HasWork() const { return !queue_.empty(); }
+  bool HasWaits() const { return !waiting_.empty(); }
+
+  void PerformOne() {
+    const Entry entry = queue_.front();
+    queue_.pop_front();
+    Explorer().Remember(entry.hash);
+    entry.handler->Completed(entry.work->Execute());
+  }
+  void TickOne() {
+    const std::shared_ptr<Wait> wait = waiting_.front();
+    waiting_.pop_front();
+    Explorer().Remember(wait->hash);
+    Explorer().Remember(wait->canceled);
+    wait->handler.Completed(wait->canceled ? Failure(kCanceledCode) : Common::Error());
+  }
+  std::uint64_t Snapshot() const {
+    std::uint64_t hash = 0;
+    for (const Entry& entry : queue_) hash = InterleavingExplorer::Mix(hash, entry.hash);
+    for (const auto& wait : waiting_) {
+      hash = InterleavingExplorer::Mix(InterleavingExplorer::Mix(hash, wait->hash), wait->canceled);
+    }
+    return hash;
+  }
+
+  std::shared_ptr<Job> PerformWork(Work& work, ActionHandler& handler) override {
+    Explorer().Point();
+    Explorer().Remember(20);
+    queue_.push_back({&work, &handler, Explorer().History()});
+    return nullptr;
+  }
+  SynchronizationCallbackStorage* GetSynchronizationCallbackStorage() override {
+    static TlsSynchronizationCallbackStorage storage;
+    return &storage;
+  }
+  MetronomeSource* GetMetronomeSource() override { return this; }
+
+ private:
+  struct Entry {
+    Work* work;
+    ActionHandler* handler;
+    std::uint64_t hash;
+  };
+  struct Wait : BaseJob {
+    Wait(ModelService& owner, ActionHandler& told) : service(owner), handler(told) {
+      Explorer().Remember(21);
+      hash = Explorer().History();
+    }
+    void Cancel() override { service.CancelWait(*this); }
+
+    ModelService& service;
+    ActionHandler& handler;
+    std::uint64_t hash;
+    bool canceled = false;
+  };
+
+  std::shared_ptr<Job> WaitTick(ActionHandler& handler) override {
+    if (kind_ == kTicksAtOnce) {
+      handler.Completed({});
+      return nullptr;
+    }
+    Explorer().Point();
+    const auto wait = std::make_shared<Wait>(*this, handler);
+    waiting_.push_back(wait);
+    Explorer().Point();  // the tick may come before this call has returned
+    Explorer().Remember(22);
+    return wait;
+  }
+  void CancelWait(Wait& wait) {
+    Explorer().Point();
+    const auto at = std::find_if(waiting_.begin(), waiting_.end(),
+                                 [&wait](const auto& other) { return other.get() == &wait; });
+    Explorer().Remember(at != waiting_.end());
+    if (at == waiting_.end() || kind_ == kIgnores) return;
+    if (kind_ == kTellsLater) {
+      wait.canceled = true;
+      return;
+    }
+    const std::shared_ptr<Wait> kept = *at;
+    waiting_.erase(at);
+    kept->handler.Completed(Failure(kCanceledCode));
+  }
+
+  const WaitKind kind_;
+  std::deque<Entry> queue_;
+  std::deque<std::shared_ptr<Wait>> waiting_;
+};
+
+ModelService* service = nullptr;  // of the scenario; null: without one
+
+class ModelScenario : public InterleavingExplorer::Scenario {
+ public:
+  ModelScenario() {
+    former_ = SetServiceProvider([](Service** out) { *out = service; });
+  }
+  ~ModelScenario() override {
+    service = nullptr;
+    SetServiceProvider(former_);
+  }
+
+ protected:
+  static void Expect(bool good, const char* rule) {
+    if (!good) Explorer().Fail(std::string("broken: ") + rule);
+  }
+
+ private:
+  ServiceProvider former_;
+};
+
+// One listener of one wait. Thread 0 owns it, thread 1 ticks, thread 2 may stop it too.
+struct ListenerSituation {
+  WaitKind kind;
+  bool second_stop;
+};
+
+class ListenerScenario : public ModelScenario {
+ public:
+  explicit ListenerScenario(const ListenerSituation& situation)
+      : situation_(situation),
+        service_(situation.kind),
+        listener_(std::make_unique<Listener>(*this)) {}
+
+  std::vector<std::function<void()>> Threads() override {
+    std::vector<std::function<void()>> threads = {[this] { Own(); }, [this] { Tick(); }};
+    if (situation_.second_stop) threads.push_back([this] { StopToo(); });
+    return threads;
+  }
+  std::uint64_t Snapshot() const override {
+    return MixAll(InterleavingExplorer::Mix(ModelObject::SnapshotAll(), service_.Snapshot()),
+                  {started_, stops_, owner_done_, in_tick_, ticks_});
+  }
+  void Check() override {
+    Expect(owner_done_ == 1, "Stop returns");
+    Expect(ticks_ <= 1, "there is one tick at most");
+  }
+
+ private:
+  class Listener : public BasicMetronomeListener<ModelAtomics> {
+   public:
+    explicit Listener(ListenerScenario& scenario) : scenario_(scenario) {}
+    bool Tick() override {
+      scenario_.RunTick();
+      return false;
+    }
+
+   private:
+    ListenerScenario& scenario_;
+  };
+
+  int WantedStops() const { return situation_.second_stop ? 2 : 1; }
+
+  void Own() {
+    Expect(listener_->Start(service_.GetMetronome(1)), "a first Start is good");
+    started_ = 1;
+    listener_->Stop();
+    ++stops_;
+    if (situation_.second_stop) Explorer().Await([this] { return stops_ == WantedStops(); });
+    Expect(in_tick_ == 0, "no tick runs behind Stop");
+    listener_.reset();
+    owner_done_ = 1;
+  }
+  void StopToo() {
+    Explorer().Await([this] { return started_ != 0; });
+    listener_->Stop();
+    ++stops_;
+  }
+  void Tick() {
+    for (;;) {
+      Explorer().Await([this] { return service_.HasWaits() || owner_done_ != 0; });
+      Explorer().Remember(service_.HasWaits());
+      if (!service_.HasWaits()) return;
+      service_.TickOne();
+    }
+  }
+  void RunTick() {
+    Expect(stops_ < WantedStops(), "no tick comes behind Stop");
+    ++ticks_;
+    in_tick_ = 1;
+    Explorer().Point();
+    Explorer().Remember(30);
+    Expect(stops_ < WantedStops(), "Stop waits for the tick");
+    in_tick_ = 0;
+  }
+
+  const ListenerSituation situation_;
+  ModelService service_;
+  std::unique_ptr<Listener> listener_;
+  int started_ = 0, stops_ = 0, owner_done_ = 0, in_tick_ = 0, ticks_ = 0;
+};
+
+enum StepKind {
+  kInside,     // completes inside its Perform
+  kElsewhere,  // thread 1 completes it, maybe before Perform has returned
+  kLater,      // thread 0 completes it when it has left its loop
+  kBlocks,     // completes inside, and its thread blocks behind that until the next one has begun
+};
+
+struct SequenceSituation {
+  std::vector<StepKind> steps;
+  bool with_service;
+  bool with_cancel;
+};
+
+// Thread 0 starts and holds the sequence until the handler was told. The others, as needed: thread
+// 1 completes steps, one runs the work of the service, one ticks, one cancels.
+class SequenceScenario : public ModelScenario, public ActionHandler {
+ public:
+  explicit SequenceScenario(const SequenceSituation& situation)
+      : situation_(situation),
+        service_(kTellsInCancel),
+        performed_(situation.steps.size()),
+        completed_(situation.steps.size()) {
+    if (situation_.with_service) service = &service_;
+    starter_ = std::make_shared<Sequence>(*this);
+    if (situation_.with_cancel) canceller_ = starter_;
+  }
+
+  std::vector<std::function<void()>> Threads() override {
+    std::vector<std::function<void()>> threads = {[this] { RunAll(); }};
+    if (Has(kElsewhere)) threads.push_back([this] { EndSteps(kElsewhere); });
+    if (situation_.with_cancel) threads.push_back([this] { CancelOnce(); });
+    users_ = static_cast<int>(threads.size());
+    if (!situation_.with_service) return threads;
+    threads.push_back([this] { Serve(&ModelService::HasWork, &ModelService::PerformOne); });
+    if (!Has(kElsewhere) || !situation_.with_cancel) {
+      threads.push_back([this] { Serve(&ModelService::HasWaits, &ModelService::TickOne); });
+    }
+    return threads;
+  }
+
+  std::uint64_t Snapshot() const override {
+    std::uint64_t hash = InterleavingExplorer::Mix(ModelObject::SnapshotAll(), service_.Snapshot());
+    hash = MixAll(MixAll(hash, performed_), completed_);
+    return MixAll(
+        hash, {acquired_, told_, result_canceled_, cancel_, cancel_before_last_, users_, serving_});
+  }
+
+  void Check() override {
+    Expect(told_ == 1, "the handler is told once");
+    Expect(starter_ == nullptr && canceller_ == nullptr && alive_ == 0, "the job is released");
+    Expect(!result_canceled_ || cancel_ != 0, "nothing is cancelled by itself");
+    Expect(!cancel_before_last_ || result_canceled_, "a cancel before the last step ends it");
+    if (!result_canceled_) Expect(performed_.back() == 1, "all steps run");
+  }
+
+ private:
+  class Sequence : public BasicTailRecursionController<ModelAtomics>,
+                   public ActionHandler,
+                   public Action,
+                   public std::enable_shared_from_this<Sequence> {
+   public:
+    explicit Sequence(SequenceScenario& scenario) : scenario_(scenario) { ++scenario_.alive_; }
+    ~Sequence() override { --scenario_.alive_; }
+
+    std::shared_ptr<void> GetKeepAlive() override { return shared_from_this(); }
+    void Iterate() override {
+      Expect(scenario_.acquired_ == 0, "one thread holds the controller");
+      scenario_.acquired_ = 1;
+      control_.Run(*this, *this, nullptr);
+    }
+    std::shared_ptr<Job> Perform(ActionHandler& handler) override {
+      return scenario_.Perform(position_, handler);
+    }
+    void Completed(Common::Error result) override {
+      Expect(scenario_.acquired_ == 1, "a step ends once");
+      if (result.IsFailure() || ++position_ == scenario_.performed_.size()) {
+        scenario_.Completed(std::move(result));
+        return;
+      }
+      scenario_.acquired_ = 0;
+      Continue();
+    }
+    void Cancel() { control_.Cancel(); }
+    void EndStep() { control_.Completed({}); }
+
+   private:
+    SequenceScenario& scenario_;
+    std::size_t position_ = 0;
+    BasicJobControl<ModelAtomics> control_;
+  };
+
+  class BlockingJob : public BaseJob {
+   public:
+    BlockingJob(SequenceScenario& scenario, std::size_t step) : scenario_(scenario), step_(step) {}
+    ~BlockingJob() override {
+      NotifySynchronization(nullptr);
+      Explorer().Await(
+          [this] { return scenario_.performed_[step_ + 1] != 0 || scenario_.told_ != 0; });
+    }
+    void Cancel() override {}
+
+   private:
+    SequenceScenario& scenario_;
+    const std::size_t step_;
+  };
+
+  bool Has(StepKind kind) const {
+    return std::count(situation_.steps.begin(), situation_.steps.end(), kind) != 0;
+  }
+
+  std::shared_ptr<Job> Perform(std::size_t step, ActionHandler& handler) {
+    Expect(step == 0 || performed_[step - 1] == 1, "the steps run in order");
+    Expect(++performed_[step] == 1, "a step runs once");
+    if (step + 1 == performed_.size() && cancel_ == 2) cancel_before_last_ = 1;
+    Explorer().Remember(40);
+    switch (situation_.steps[step]) {
+      case kInside:
+        handler.Completed({});
+        return nullptr;
+      case kElsewhere:
+      case kLater:
+        return nullptr;
+      case kBlocks:
+        handler.Completed({});
+        return std::make_shared<BlockingJob>(*this, step);
+    }
+    return nullptr;
+  }
+
+  void Completed(Common::Error result) override {
+    ++told_;
+    result_canceled_ = result.HoldsCode(kCanceledCode);
+    Expect(!result.IsFailure() || result_canceled_, "there is no other failure");
+    Explorer().Remember(41);
+  }
+
+  void RunAll() {
+    starter_->Process();
+    EndSteps(kLater);
+    Explorer().Await([this] { return told_ != 0; });
+    starter_.reset();  // under the thread that tells
+    --users_;
+  }
+  void EndSteps(StepKind kind) {
+    for (std::size_t step = 0; step < performed_.size(); ++step) {
+      if (situation_.steps[step] != kind) continue;
+      Explorer().Await([this, step] { return performed_[step] != 0 || told_ != 0; });
+      Explorer().Remember(static_cast<std::uint64_t>(performed_[step]));
+      if (performed_[step] == 0) break;
+      completed_[step] = 1;
+      // Safe without a reference: the starter holds one until the handler was told.
+      starter_->EndStep();
+    }
+    if (kind == kElsewhere) --users_;
+  }
+  void CancelOnce() {
+    cancel_ = 1;
+    canceller_->Cancel();
+    cancel_ = 2;
+    canceller_.reset();
+    --users_;
+  }
+  void Serve(bool (ModelService::*has)() const, void (ModelService::*serve)()) {
+    for (;;) {
+      Explorer().Await([this, has] {
+        return (service_.*has)() ||
+               (users_ == 0 && serving_ == 0 && !service_.HasWork() && !service_.HasWaits());
+      });
+      Explorer().Remember((service_.*has)());
+      if (!(service_.*has)()) return;
+      ++serving_;
+      (service_.*serve)();
+      --serving_;
+    }
+  }
+
+  const SequenceSituation situation_;
+  ModelService service_;
+  std::vector<int> performed_;
+  std::vector<int> completed_;
+  std::shared_ptr<Sequence> starter_;
+  std::shared_ptr<Sequence> canceller_;
+  int acquired_ = 0, told_ = 0, result_canceled_ = 0, alive_ = 0;
+  int cancel_ = 0;  // 1 inside, 2 behind
+  int cancel_before_last_ = 0;
+  int users_ = 0, serving_ = 0;
+};
+
+template <class Scenario, class Situation>
+std::string Explore(const Situation& situation,
+                    int preemptions = InterleavingExplorer::kUnbounded) {
+  InterleavingExplorer all;
+  const std::string failure = all.Explore(
+      [&] {
+        ModelObject::Begin(all);
+        return std::make_unique<Scenario>(situation);
+      },
+      preemptions);
+  ModelObject::explorer = nullptr;
+  testing::Test::RecordProperty("schedules", static_cast<int>(all.Schedules()));
+  EXPECT_TRUE(all.Schedules() > 2 || !failure.empty());  // fewer: the threads never meet
+  return failure;
+}
+
+#ifndef PLANTED_FAULTS
+
+TEST(ListenerInterleavings, NoTickComesBehindAStop) {
+  TraceRecorder traces;
+  for (const WaitKind kind : {kTellsInCancel, kTellsLater, kIgnores}) {
+    EXPECT_EQ(Explore<ListenerScenario>(ListenerSituation{kind, false}), "");
+  }
+  EXPECT_TRUE(traces.AssertionTexts().empty());
+}
+
+TEST(ListenerInterleavings, ASecondStopStrandsNobody) {
+  TraceRecorder traces;
+  for (const WaitKind kind : {kTellsInCancel, kTellsLater, kIgnores, kTicksAtOnce}) {
+    EXPECT_EQ(Explore<ListenerScenario>(ListenerSituation{kind, true}), "");
+  }
+  const std::vector<std::string> assertions = traces.Assertions();
+  EXPECT_FALSE(assertions.empty());
+  EXPECT_EQ(std::count(assertions.begin(), assertions.end(), "State == StateWorking"),
+            static_cast<std::ptrdiff_t>(assertions.size()));
+}
+
+class SequenceInterleavings : public testing::Test {
+ protected:
+  // A few changes of thread at any place, and those that waiting forces: all of them take minutes.
+  static void Explore(const SequenceSituation& situation, int preemptions = 2) {
+    EXPECT_EQ(Async::Explore<SequenceScenario>(situation, preemptions), "");
+  }
+  ~SequenceInterleavings() override { EXPECT_TRUE(traces_.AssertionTexts().empty()); }
+
+  TraceRecorder traces_;
+};
+
+TEST_F(SequenceInterleavings, StepsThatEndElsewhereOrLater) {
+  Explore({{kElsewhere, kElsewhere, kInside}, false, false}, 4);
+  Explore({{kLater, kElsewhere, kLater}, false, false}, 4);
+}
+TEST_F(SequenceInterleavings, CancelDuringAndBetweenSteps) {
+  Explore({{kElsewhere, kInside, kElsewhere}, false, true});
+}
+TEST_F(SequenceInterleavings, AStepThatBlocksInline) {
+  Explore({{kBlocks, kElsewhere, kInside}, false, false}, 4);
+}
+TEST_F(SequenceInterleavings, TicksAndWaitsHandTheLoopOver) {
+  Explore({{kInside, kInside}, true, false});
+  Explore({{kBlocks, kInside}, true, false});
+}
+TEST_F(SequenceInterleavings, CancelOfALoopThatIsHandedOver) {
+  Explore({{kBlocks, kInside}, true, true}, 1);
+}
+
+#else  // PLANTED_FAULTS: the same sources with faults, which have to be found
+
+TEST(PlantedFaultDeathTest, AStopThatDoesNotWaitForTheTickIsFound) {
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  EXPECT_DEATH(
+      {
+        ModelAtomics::fault = PlantedFault::kFinishBeforeTick;
+        Explore<ListenerScenario>(ListenerSituation{kIgnores, false});
+      },
+      "something is used behind its end; schedule 0");
+}
+
+TEST(PlantedFaultDeathTest, AnOwnerThatIsNeverClearedIsFound) {
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  EXPECT_DEATH(
+      {
+        ModelAtomics::fault = PlantedFault::kOwnerStays;
+        Explore<SequenceScenario>(SequenceSituation{{kLater, kInside}, false, false}, 2);
+      },
+      "all threads wait; schedule 0");
+}
+
+TEST(PlantedFaultDeathTest, TheSameScenariosPassWithoutThem) {
+  EXPECT_EQ(Explore<ListenerScenario>(ListenerSituation{kIgnores, false}), "");
+  EXPECT_EQ(Explore<SequenceScenario>(SequenceSituation{{kLater, kElsewhere}, false, false}, 2),
+            "");
+}
+
+#endif
+
+}  // namespace
+}  // namespace Async
