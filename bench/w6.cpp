@@ -1,5 +1,6 @@
-// The cost of a synchronous step of the job machinery, of a completion on another thread, and of
-// single primitives and error values. No arguments; prints "name value unit" lines.
+// The cost of a synchronous step of the job machinery, its sequences and cycles, of a completion on
+// another thread, and of single primitives and error values. No arguments; prints "name value unit"
+// lines.
 
 #include <memory>
 #include <thread>
@@ -12,7 +13,9 @@
 #include "core/common/unix/mutex.h"
 #include "core/common/unix/static_mutex.h"
 #include "enterprise/common/async/action_adaptor.h"
+#include "enterprise/common/async/action_sequence.h"
 #include "enterprise/common/async/async_error.h"
+#include "enterprise/common/async/cyclic_runner.h"
 #include "enterprise/common/async/job_control.h"
 #include "enterprise/common/async/waiting_handler.h"
 
@@ -67,6 +70,36 @@ void MeasureRuns() {
     return nullptr;
   });
   ReportEach("objprobe-job-control-run-failing", [&] { control.Run(fails, count, nullptr); });
+}
+
+// A sequence of kSteps actions, and as many passes of a cycle, all on this thread: as in a process
+// without an async service.
+void MeasureLoops() {
+  Count count;
+  Async::ActionSequence sequence;
+  const std::shared_ptr<Async::Action> step =
+      Async::MakeAction([](ActionHandler& handler) -> std::shared_ptr<Job> {
+        counter = counter + 1;
+        handler.Completed({});
+        return nullptr;
+      });
+  for (int i = 0; i < kSteps; ++i) sequence.Execute(step);
+  const double steps = Bench::MeasureSeconds([&] { sequence.Perform(count); }, 0.3);
+  Bench::Report("objprobe-sequence", steps / kSteps * 1e9, "ns/step");
+
+  const double passes = Bench::MeasureSeconds(
+      [&] {
+        int left = kSteps;
+        const auto job = Async::RunCyclic(
+            Async::MakeAction([&left](ActionHandler& handler) -> std::shared_ptr<Job> {
+              counter = counter + 1;
+              handler.Completed(--left != 0 ? Common::Error() : Async::canceled_error.Get());
+              return nullptr;
+            }),
+            count);
+      },
+      0.3);
+  Bench::Report("objprobe-cycle", passes / kSteps * 1e9, "ns/step");
 }
 
 // Two threads wake each other in turn through `Device`, which has a Signal and a Wait per side.
@@ -165,6 +198,7 @@ int main() {
   // The library now knows that there are threads and uses its atomic paths.
   std::thread([] {}).join();
   MeasureRuns();
+  MeasureLoops();
   ReportPingPong<Handlers>("objprobe-pingpong-waiting-handler");
   ReportPingPong<Events>("objprobe-pingpong-event");
   MeasurePrimitives();
