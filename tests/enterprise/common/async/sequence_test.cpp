@@ -16,6 +16,7 @@
 #include "enterprise/common/async/synchronizer.h"
 #include "tests/enterprise/common/async/fake_service.h"
 #include "tests/enterprise/common/async/test_support.h"
+#include "tests/support/text.h"
 
 namespace Async {
 namespace {
@@ -431,7 +432,7 @@ TEST(CyclicRunAction, DescribesItsJobAndRunsAsAnAction) {
   FakeHandler handler;
   const auto job = cyclic->Perform(handler);
   const JobDescription description = job->Describe();
-  EXPECT_EQ(Testing::Narrow(description.text), "ASYNC: Cyclic action execution job.");
+  EXPECT_EQ(TestSupport::Utf8(description.text), "ASYNC: Cyclic action execution job.");
   EXPECT_STREQ(description.tag.file, "enterprise/common/async/cyclic_runner");
   EXPECT_STREQ(description.tag.function, "Describe");
 }
