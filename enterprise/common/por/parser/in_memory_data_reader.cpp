@@ -13,8 +13,9 @@ InMemoryDataReader::InMemoryDataReader(std::optional<Common::String> text)
 void InMemoryDataReader::Read(std::vector<unsigned char>& bytes) {
   bytes.clear();
   if (!text_) return;
+  const Common::String& text = *text_;
   std::string utf8;
-  Common::ToUtf8(utf8, text_->c_str(), text_->size());
+  Common::ToUtf8(utf8, text.c_str(), text.size());
   bytes.assign(utf8.begin(), utf8.end());
 }
 

@@ -50,7 +50,7 @@ std::u16string_view TakeWord(StatementInput& input) {
 Common::String TakeQuotedText(StatementInput& input) {
   if (IsArgumentEmpty(input)) return {};
   input.Skip();
-  const Common::String text(
+  Common::String text(
       input.TakeUpTo(input.GetNext([](char16_t c) { return c == u'"' || c == u'\''; })));
   input.Skip();
   return text;
