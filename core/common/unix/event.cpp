@@ -1,7 +1,7 @@
 #include "core/common/unix/event.h"
 
+#include <sched.h>
 #include <sys/time.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -30,9 +30,14 @@ constexpr int kSpins = 400;
 constexpr unsigned int kMaxMisses = 4;
 constexpr unsigned int kMissesBetweenTries = 32;
 
-// Waiting busily for another thread needs a processor for that one. False before this file's
-// initialiser.
-const bool has_processors = sysconf(_SC_NPROCESSORS_ONLN) > 1;
+// Waiting busily for another thread needs a processor for that one. A failure means that there are
+// more processors than the set has room for.
+bool HasProcessors() noexcept {
+  cpu_set_t own;
+  return sched_getaffinity(0, sizeof own, &own) != 0 || CPU_COUNT(&own) > 1;
+}
+// False before this file's initialiser.
+const bool has_processors = HasProcessors();
 // Busy waits in vain of this thread in a row.
 constinit thread_local unsigned int misses = 0;
 
