@@ -76,19 +76,23 @@ void CheckAssign(const View::Unit& target, const View::Unit& source, bool& has_a
 // look at changes before their turn: traits never, and the values of a pair only by themselves.
 class PerformAssignStrategy {
  public:
+  // Either everything but arrays, or arrays alone.
+  explicit PerformAssignStrategy(bool arrays) : arrays_(arrays) {}
+
   void operator()(auto&, const auto&) {}
 
   template <class T>
   void operator()(Modification::ScalarValue<T>& target, const View::ScalarValue<T>& source) {
-    target.Set(source.Get());
+    if (!arrays_) target.Set(source.Get());
   }
 
   template <class T>
   void operator()(Modification::ComplexValue<T>& target, const View::ComplexValue<T>& source) {
-    target.Set(source.Get());
+    if (!arrays_) target.Set(source.Get());
   }
 
   void operator()(Modification::ArrayValue& target, const View::ArrayValue& source) {
+    if (!arrays_) return;
     target.Clear();
     auto add = MakeProcessor<const View::Unit>(
         [&](const View::Unit& element) { target.PushBack(element); });
@@ -105,6 +109,9 @@ class PerformAssignStrategy {
     });
     source.ForEach(assign);
   }
+
+ private:
+  const bool arrays_;
 };
 
 }  // namespace
@@ -114,15 +121,15 @@ void AssignUnit(Modification::Unit& target, const View::Unit& source,
   bool has_array = false;
   CheckAssign(target, source, has_array);
   if (&target == &source) return;
-  PerformAssignStrategy strategy;
-  if (!has_array) {
-    BinaryValueOperation::Resolve(strategy, target, source);
-    return;
-  }
-  // The source may lie inside an array of the target and would die with its old elements, or hold
-  // the target and change under the walk. Without arrays only values change, in their places.
-  const OwnedUnit copy = CopyUnit(source, factory);
-  BinaryValueOperation::Resolve(strategy, target, static_cast<const View::Unit&>(*copy));
+  // What is assigned to arrays is copied first: the source may lie inside an array of the target
+  // and would die with its old elements, or hold the target and change under the walk. All else
+  // changes in its place, so the source itself serves, and the chains of its errors are shared.
+  const OwnedUnit copy = has_array ? CopyUnit(source, factory) : nullptr;
+  PerformAssignStrategy values(false);
+  BinaryValueOperation::Resolve(values, target, source);
+  if (!has_array) return;
+  PerformAssignStrategy arrays(true);
+  BinaryValueOperation::Resolve(arrays, target, static_cast<const View::Unit&>(*copy));
 }
 
 }  // namespace Por::Util

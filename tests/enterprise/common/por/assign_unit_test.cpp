@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <utility>
 
 #include "enterprise/common/por/exclude_trait_unit.h"
 #include "enterprise/common/por/module_error.h"
@@ -83,6 +84,23 @@ TEST(AssignUnit, SourceMayBeTheTargetOrLieInsideIt) {
   const View::ExcludeTraitUnit view(*shown, "t");
   Util::AssignUnit(*shown, view, Factory());
   EXPECT_TRUE(Util::UnitEqual(*shown, *With(Array(DWord(1)), "t", Nil())));
+}
+
+TEST(AssignUnit, SharesTheChainsOfErrorsAlsoBesideArrays) {
+  const Common::Error error(5, Common::LineTag{});
+  const auto make = [](const Common::Error& value) {
+    return Composite("e", Factory().CreateError(value), "l", Array(DWord(1)));
+  };
+  const OwnedUnit source = make(error);
+  const OwnedUnit target = make(Common::Error(6, Common::LineTag{}));
+  Util::AssignUnit(*target, *source, Factory());
+  const auto record = [](const OwnedUnit& unit) {
+    return Util::GetValue<Common::Error>(Util::FindProperty(std::as_const(*unit), "e")->GetValue(),
+                                         Common::Error())
+        .GetRecord();
+  };
+  EXPECT_EQ(record(target), record(source));
+  EXPECT_NE(record(target), nullptr);
 }
 
 TEST(AssignUnit, SourceMayHoldTheTarget) {

@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <memory>
 #include <string>
+#include <typeinfo>
 #include <utility>
 #include <vector>
 
@@ -22,7 +24,7 @@ const Construction::UnitFactory& Factory() {
   return *GetStaticUnitFactory();
 }
 
-// {a: {b: 1}^Kind 7, "a.b": 2, "c^d": 3, l: [10, 11], ..: 4, "x": 5 ^t 1 ^t 2}
+// {a: {b: 1}^Kind 7, "a.b": 2, "c^d": 3, l: [10, 11], "a..": 4, "x": 5 ^t 1 ^t 2}
 OwnedUnit MakeTree() {
   UnitConstructor make(Factory());
   make.Composite();
