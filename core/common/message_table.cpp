@@ -246,7 +246,7 @@ std::uint32_t Read32(const unsigned char* at) {
 }
 
 const unsigned char* FindText(std::uint32_t row) {
-  const unsigned char* slot = GetCurrentBlock() + 8 + 4 * row;
+  const unsigned char* slot = GetCurrentBlock() + 8 + std::size_t{4} * row;
   return slot + Read32(slot);
 }
 

@@ -26,8 +26,8 @@ Common::Error StaticError::Get() noexcept {
   Common::ErrorRecord* published = record_.load(std::memory_order_acquire);
   if (published == nullptr) {
     ResolveMessage();  // a static initialiser may come here before the one below
-    const Common::Error made = Common::MakeTracedError(
-        code_, message_.load(std::memory_order_relaxed), kSource.At("Get", 10));
+    Common::Error made = Common::MakeTracedError(code_, message_.load(std::memory_order_relaxed),
+                                                 kSource.At("Get", 10));
     // The record is still this thread's own.
     auto* const record = const_cast<Common::ErrorRecord*>(made.GetRecord());
     if (record == Common::OutOfMemoryRecord()) return made;
