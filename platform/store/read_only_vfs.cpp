@@ -1,5 +1,6 @@
 #include "platform/store/read_only_vfs.h"
 
+#include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -68,7 +69,7 @@ int Read(sqlite3_file* file, void* buffer, int size, sqlite3_int64 offset) {
 bool HasIndex(const FileState& state) {
   char index[PATH_MAX];
   std::snprintf(index, sizeof index, "%s-shm", state.name);
-  return ::access(index, R_OK) == 0;
+  return ::faccessat(AT_FDCWD, index, R_OK, AT_EACCESS) == 0;
 }
 
 // SQLITE_READONLY_CANTINIT makes SQLite read the log itself and keep an index of its own. A file
@@ -81,7 +82,9 @@ int MapIndex(sqlite3_file* file, int page, int size, int extend, void volatile**
   } else {
     const int result = base_methods->xShmMap(file, page, size, extend, map);
     if ((result & 0xFF) != SQLITE_CANTOPEN) return result;
-    if (HasIndex(state)) return SQLITE_BUSY;  // made just now
+    // Made just now, or it can't be opened: a new connection begins, within the caller's limits,
+    // which SQLite's own waiting for an index doesn't know.
+    if (HasIndex(state)) return SQLITE_READONLY_CANTLOCK;
     if (errno != ENOENT) return result;
     state.index_missing = true;
   }

@@ -101,7 +101,11 @@ void ReportJob::Run() {
   try {
     handler->Completed(result);
   } catch (const Common::Error& error) {
-    Common::Trace(Common::kTraceError, error);
+    try {
+      Common::Trace(Common::kTraceError, error);
+    } catch (const std::bad_alloc&) {
+      // Nobody is left to be told.
+    }
   }
 }
 

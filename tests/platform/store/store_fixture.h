@@ -3,10 +3,12 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sqlite3.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -103,6 +105,7 @@ class ChildProcess : public Common::NonCopyable {
  public:
   explicit ChildProcess(const std::function<bool()>& body) : id_(::fork()) {
     if (id_ != 0) return;
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // never outlives the test
     bool good = false;
     try {
       good = body();
