@@ -10,8 +10,8 @@
 #include "enterprise/common/por/matches.h"
 #include "platform/store/report_threads.h"
 #include "platform/store/sqlite_store.h"
-#include "tests/enterprise/common/dml/trace_log.h"
 #include "tests/platform/store/store_fixture.h"
+#include "tests/support/trace_recorder.h"
 
 namespace Platform::Store {
 
@@ -69,13 +69,13 @@ TEST_F(StoreReport, BadObjectsAndRaisingReadersEndNothing) {
   Execute(path_, "UPDATE objects SET data = x'45' WHERE seq = 3");
   Execute(path_, "UPDATE objects SET data = x'' WHERE seq = 5");
   const auto office = Open();
-  Dml::TraceLog log;
+  const TestSupport::TraceRecorder traces;
   NumberReader reader([](unsigned int number) {
     if (number == 2) throw Common::Error(0x77, u"No.", Common::LineTag());
   });
   EXPECT_EQ(Report(*office, {}, reader).GetCode(), 0U);
   EXPECT_EQ(reader.numbers, (Numbers{2, 4}));
-  EXPECT_EQ(log.lines, "1 fc 1\n1 fc 1\n1 fc 1\n1 fc 1\n");
+  EXPECT_EQ(traces.Codes(), "1 fc 1\n1 fc 1\n1 fc 1\n1 fc 1\n");
 }
 
 TEST_F(StoreReport, ForeignExceptionOfAReaderEndsTheReport) {

@@ -11,6 +11,7 @@
 #include "enterprise/common/async/async_error.h"
 #include "enterprise/common/por/unit_value_access.h"
 #include "tests/enterprise/common/dml/scripted_post_office.h"
+#include "tests/support/trace_recorder.h"
 
 namespace Dml {
 namespace {
@@ -40,7 +41,7 @@ class ScriptedSubscription final : public Subscription {
 };
 
 // Notes the values of created objects; raises at the marked one.
-class CreatedReader final : public SubscriptionReader {
+class CreatedReader : public SubscriptionReader {
  public:
   void OnCreated(const Por::View::Unit& object) override {
     values.push_back(Por::Util::GetValue<unsigned int>(object));
@@ -108,6 +109,25 @@ TEST_F(SubscribeSteps, TheFirstReadDeliversTheSnapshotAndNothingElse) {
   EXPECT_EQ(read_.results.size(), 1u);
   base_->asked_handler->Completed({});
   EXPECT_EQ(read_.results.size(), 2u);
+}
+
+// What a reader raises is traced as it is: cancels and the like at the debug level, wherever they
+// stand in the chain.
+TEST_F(SubscribeSteps, FailuresOfReadersAreTracedByTheirCodes) {
+  struct Raiser : CreatedReader {
+    void OnCreated(const Por::View::Unit& object) override {
+      const unsigned int code = Por::Util::GetValue<unsigned int>(object);
+      if (code != 0) throw Common::Error(code, Common::LineTag{});
+      Common::Error wrapped(kFailure, Common::LineTag{});
+      wrapped.SetReason(Common::Error(0xF90002, Common::LineTag{}));
+      throw Common::Error(wrapped);
+    }
+  } raiser;
+  snapshot_ = {kFailure, 0xF90002, 0xF9000A, 0xF90017, 0};
+  Subscribe();
+  const TestSupport::TraceRecorder traces;
+  subscription_->Read(raiser, read_);
+  EXPECT_EQ(traces.Codes(), "4 0 1234\n1 f9 2\n1 f9 a\n1 f9 17\n1 0 1234\n");
 }
 
 TEST_F(SubscribeSteps, ASecondReadIsRefusedAndDisturbsNothing) {
