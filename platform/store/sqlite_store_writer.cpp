@@ -122,8 +122,13 @@ void SqliteStoreWriter::Create(const std::string& path) {
   // A failure leaves the file there: another process may have made it its store by now.
   try {
     MakeTables(path);
-  } catch (const Common::Error&) {
-    if (!has_journal) throw;
+  } catch (const Common::Error& error) {
+    // Beside a journal these tell that something of others lies there; all else is a failure of its
+    // own.
+    const std::uint32_t code = error.GetCode();
+    const bool is_taken =
+        code == kOpenFailure.code || code == kCorruptedFailure.code || code == kLockFailure.code;
+    if (!has_journal || !is_taken) throw;
     throw MakeSystemError(kCreateFailure, path, EEXIST, kSource.At("Create", 30));
   }
 }

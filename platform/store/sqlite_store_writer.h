@@ -23,8 +23,9 @@ class SqliteStoreWriter : public Common::NonCopyable {
   static constexpr long long kMaxChangeBytes = 16 * 1024 * 1024;
 
   // Makes an empty store. Throws 0x40013 when there is something at `path`; an empty file, or one
-  // that its journal makes empty, is taken for the rest of a Create that died. A Create that fails
-  // may leave an empty file.
+  // that its journal makes empty, is taken for the rest of a Create that died; to see that, a
+  // change that was interrupted there is taken back. A Create that fails may leave an empty file,
+  // or with 0x40017 an empty store.
   static void Create(const std::string& path);
 
   // Opens an existing store. Throws as SqliteStore does, and 0x40014 or 0x4000C when it can't be
