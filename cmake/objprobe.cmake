@@ -53,6 +53,22 @@ function(objprobe_program name)
   target_link_libraries(${name} PRIVATE objprobe_options ${ARG_DEPENDS})
 endfunction()
 
+# objprobe_module(NAME SOURCES file... OBJECTS library...)
+#
+# A library that programs load on demand from ../lib beside their folder: it keeps what is dear at
+# start, and seldom needed, out of them. It holds the objects of the named libraries alone and takes
+# everything else from the program.
+function(objprobe_module name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;OBJECTS" ${ARGN})
+  add_library(${name} MODULE ${ARG_SOURCES})
+  set_target_properties(${name} PROPERTIES
+    PREFIX "" SUFFIX ".so" LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+  foreach(library IN LISTS ARG_OBJECTS)
+    set_target_properties(${library}_objects PROPERTIES POSITION_INDEPENDENT_CODE ON)
+    target_link_libraries(${name} PRIVATE objprobe_options ${library}_objects)
+  endforeach()
+endfunction()
+
 # objprobe_test(NAME [THREADS] SOURCES file... DEPENDS target...)
 #
 # One GoogleTest program per tested folder. THREADS: it shares data between threads and is worth a

@@ -91,7 +91,7 @@ std::unique_ptr<DateFormat> MakeFormat(int style, int what) {
 
 }  // namespace
 
-std::unique_ptr<TimeFormat> TimeFormat::Create(int style, int what) {
+std::unique_ptr<TimeFormat> TimeFormatIcu::Create(int style, int what) {
   return std::make_unique<TimeFormatIcu>(MakeFormat(style, what));
 }
 

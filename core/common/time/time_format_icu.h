@@ -11,6 +11,9 @@ namespace Common {
 // The format by ICU.
 class TimeFormatIcu : public TimeFormat {
  public:
+  // As TimeFormat::Create.
+  static std::unique_ptr<TimeFormat> Create(int style, int what);
+
   // Null is a format whose operations fail.
   explicit TimeFormatIcu(std::unique_ptr<icu::DateFormat> format);
   ~TimeFormatIcu() override;
