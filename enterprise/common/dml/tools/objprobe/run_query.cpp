@@ -84,11 +84,15 @@ Dml::ViewSpec CreateViewSpec(const Arguments& arguments) {
 std::uint32_t RunQuery(const Arguments& arguments) {
   try {
     const Dml::ViewSpec spec = CreateViewSpec(arguments);
+    const bool is_local = arguments.service == "DB";
     const std::unique_ptr<Dml::PostOffice> office =
-        arguments.service == "DB"
-            ? Dml::CreatePostOffice(Common::Utf8ToString(arguments.hostname.c_str()))
-            : CreateRemotePostOffice(arguments);
-    Report(*office, spec);
+        is_local ? Dml::CreatePostOffice(Common::Utf8ToString(arguments.hostname.c_str()))
+                 : CreateRemotePostOffice(arguments);
+    if (arguments.report.empty() && !is_local) {
+      Listen(*office, spec);
+    } else {
+      Report(*office, spec);
+    }
   } catch (const Common::Error& error) {
     Output& output = StandardOutput();
     output.Append(std::u16string_view(error.ToString()));
