@@ -155,6 +155,7 @@ int told_failure = 0;
 int told_failures = 0;
 
 TEST(Output, TheFirstFailureIsToldAndTheRestDropped) {
+  told_failures = 0;
   const int full = ::open("/dev/full", O_WRONLY);
   ASSERT_GE(full, 0);
   {
