@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <thread>
 
@@ -15,6 +16,10 @@ namespace Async {
 // controller as free and returns, and the loop starts the next one. A step that ends on another
 // thread continues the loop there. A thread that blocks or stalls while the next step could start
 // hands the loop to a thread of the async service.
+//
+// Without a service nobody but that thread can take the next step, so a step that ends in the loop
+// is only marked in the pass that stands on the thread's stack: no lock, no reference is taken. A
+// thread that blocks behind such a step publishes the mark first.
 //
 //   available  owner      meaning
 //   true       any        a step has ended, the next one may begin
@@ -41,15 +46,17 @@ class BasicTailRecursionController : public Common::NonCopyable {
  private:
   class ProcessingDetachment;
 
+  // The short way of a step that has ended inside the loop of this thread. False: not possible.
+  bool MarkStepEnded();
   // True: the calling thread holds the controller and starts the next step.
   bool TryAcquire(bool release_owner, ProcessingDetachment* detachment);
   // Frees the controller and takes its detachment out. True if the calling thread isn't in the
   // loop.
   bool Release(ProcessingDetachment*& detachment);
 
-  typename Atomics::Mutex mutex_;  // guards the fields below
+  typename Atomics::Mutex mutex_;  // guards changes of the fields below
   bool available_ = true;
-  std::thread::id owner_thread_;                // started the current step, while in the loop
+  std::atomic<std::thread::id> owner_thread_;   // started the current step, while in the loop
   ProcessingDetachment* detachment_ = nullptr;  // of the pass that holds the controller
 };
 

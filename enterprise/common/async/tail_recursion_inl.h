@@ -19,14 +19,30 @@ class BasicTailRecursionController<Atomics>::ProcessingDetachment
   ~ProcessingDetachment() override {
     {
       typename Atomics::MutexLock lock(controller_.mutex_);
+      if (step_ended_) controller_.available_ = true;
       if (controller_.detachment_ == this) controller_.detachment_ = nullptr;
     }
     this->Stop();
   }
 
   bool IsForkNeeded() override {
+    if (PublishEndedStep()) return true;
     typename Atomics::MutexLock lock(controller_.mutex_);
     return controller_.available_;
+  }
+
+  void MarkStepEnded() { step_ended_ = true; }
+
+  // Whether the pass may start the next step as it stands: the last one was marked, and nothing has
+  // told a new detachment from this one.
+  bool TakeEndedStep() {
+    if (!step_ended_) return false;
+    if (this->CallCount.load() != 0 || this->SuppressCount.load() != 0) {
+      PublishEndedStep();
+      return false;
+    }
+    step_ended_ = false;
+    return true;
   }
 
   std::unique_ptr<Work> CreateWork() override {
@@ -36,7 +52,19 @@ class BasicTailRecursionController<Atomics>::ProcessingDetachment
   }
 
  private:
+  // Frees the controller for all threads if the step was only marked.
+  bool PublishEndedStep() {
+    if (!step_ended_) return false;
+    step_ended_ = false;
+    ProcessingDetachment* detachment = nullptr;
+    controller_.Release(detachment);
+    return true;
+  }
+
   BasicTailRecursionController& controller_;
+  // Used by the thread of the pass alone: a tick, which comes from another one, needs an armed
+  // detachment, and none is armed whose steps are marked.
+  bool step_ended_ = false;
 };
 
 template <class Atomics>
@@ -48,12 +76,15 @@ void BasicTailRecursionController<Atomics>::Process() {
     recursing = TryAcquire(recursing, &detachment);
     if (!recursing) break;
     if (keep_alive == nullptr) keep_alive = GetKeepAlive();
-    Iterate();
+    do {
+      Iterate();
+    } while (detachment.TakeEndedStep());
   }
 }
 
 template <class Atomics>
 void BasicTailRecursionController<Atomics>::Continue() {
+  if (MarkStepEnded()) return;
   const std::shared_ptr<void> keep_alive = GetKeepAlive();
   ProcessingDetachment* detachment = nullptr;
   if (Release(detachment)) {
@@ -66,16 +97,32 @@ void BasicTailRecursionController<Atomics>::Continue() {
 }
 
 template <class Atomics>
+bool BasicTailRecursionController<Atomics>::MarkStepEnded() {
+  // Whoever started the step wrote both fields before it, so a thread that finds itself in the
+  // first one also sees the second.
+  if (owner_thread_.load(std::memory_order_relaxed) != std::this_thread::get_id()) return false;
+  if (detachment_ == nullptr) return false;
+  Service* service = nullptr;
+  GetAsyncService(&service);
+  if (service != nullptr) return false;  // a metronome is to watch this thread
+  detachment_->MarkStepEnded();
+  return true;
+}
+
+template <class Atomics>
 bool BasicTailRecursionController<Atomics>::TryAcquire(bool release_owner,
                                                        ProcessingDetachment* detachment) {
   typename Atomics::MutexLock lock(mutex_);
   if (available_) {
     available_ = false;
-    owner_thread_ = std::this_thread::get_id();
+    owner_thread_.store(std::this_thread::get_id(), std::memory_order_relaxed);
     detachment_ = detachment;
     return true;
   }
-  if (release_owner && owner_thread_ == std::this_thread::get_id()) owner_thread_ = {};
+  if (release_owner &&
+      owner_thread_.load(std::memory_order_relaxed) == std::this_thread::get_id()) {
+    owner_thread_.store({}, std::memory_order_relaxed);
+  }
   return false;
 }
 
@@ -84,7 +131,7 @@ bool BasicTailRecursionController<Atomics>::Release(ProcessingDetachment*& detac
   typename Atomics::MutexLock lock(mutex_);
   detachment = std::exchange(detachment_, nullptr);
   available_ = true;
-  return owner_thread_ != std::this_thread::get_id();
+  return owner_thread_.load(std::memory_order_relaxed) != std::this_thread::get_id();
 }
 
 }  // namespace Async
