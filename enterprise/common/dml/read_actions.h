@@ -16,6 +16,7 @@ namespace Dml {
 class ReportReaderDelegate final : public ReportReader {
  public:
   explicit ReportReaderDelegate(ReportReader& target) : target_(&target) {}
+  using ReportReader::Read;
   void Read(const Por::View::Unit& object) override { target_->Read(object); }
 
  private:

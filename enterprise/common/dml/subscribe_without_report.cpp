@@ -118,6 +118,7 @@ class SubscribeWithoutReportJob final : public Async::BaseJob,
 
   void Cancel() override { control_.Cancel(); }
 
+  using ReportReader::Read;
   // The unit is valid during the call only.
   void Read(const Por::View::Unit& unit) override {
     snapshot_.push_back(Por::Util::CopyUnit(unit, *factory_));

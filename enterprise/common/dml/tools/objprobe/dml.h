@@ -19,6 +19,7 @@ namespace ObjProbe {
 // no line end, and raises.
 class ReportReader final : public Dml::ReportReader {
  public:
+  using Dml::ReportReader::Read;
   void Read(const Por::View::Unit& object) override;
 };
 
@@ -44,6 +45,9 @@ class ReportReader final : public Dml::ReportReader {
 // searched in it.
 class ObjectReader final : public Dml::SubscriptionReader {
  public:
+  using Dml::SubscriptionReader::OnCreated;
+  using Dml::SubscriptionReader::OnDeleted;
+  using Dml::SubscriptionReader::OnUpdated;
   void OnCreated(const Por::View::Unit& object) override;
   void OnUpdated(const Por::View::Unit& key, const Por::View::Unit& diff) override;
   void OnDeleted(const Por::View::Unit& key) override;

@@ -17,6 +17,8 @@
 #include "enterprise/common/async/service.h"
 #include "enterprise/common/dml/safe_invoke.h"
 #include "enterprise/common/dml/tools/objprobe/output.h"
+#include "enterprise/common/por/unit_factory.h"
+#include "enterprise/common/por/unit_handle.h"
 #include "tests/enterprise/common/dml/scripted_post_office.h"
 
 namespace ObjProbe {
@@ -64,6 +66,13 @@ TEST(Report, AnObjectWithoutAKeyLeavesTheBeginningOfItsHead) {
             std::string(kText) + "<object id=\"" + kText + "<object id=\"");
   EXPECT_FALSE(failure.IsFailure());
   EXPECT_EQ(PrintReport({}, {}, failure), "");
+}
+
+TEST(Report, ItsReaderTakesPlacesInATree) {
+  ::testing::internal::CaptureStdout();
+  ReportReader().Read(Por::ConstUnit(MakeObject(), *Por::GetStaticUnitFactory()));
+  StandardOutput().Flush();
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), kText);
 }
 
 TEST(Report, AFailureBecomesTheReasonOfCodeFive) {
