@@ -3,14 +3,12 @@
 #include <cerrno>
 #include <exception>
 #include <new>
-#include <optional>
 #include <system_error>
 #include <utility>
 
 #include "core/common/line_tag.h"
-#include "enterprise/common/por/unit_helpers.h"
-#include "enterprise/common/por/unit_value_access.h"
 #include "platform/store/file_codes.h"
+#include "platform/store/limit_option.h"
 #include "platform/store/object_store.h"
 #include "platform/store/report_threads.h"
 
@@ -28,15 +26,6 @@ class StoreObject final : public Dml::CoreObject {
  private:
   const std::shared_ptr<const ObjectStore> store_;
 };
-
-// The bound on the number of objects that the options hold. Throws when they are no composite, or
-// the bound is no unsigned 32-bit number.
-std::optional<unsigned int> GetLimit(const Por::SharedUnit& options) {
-  if (options == nullptr) return std::nullopt;
-  const Por::View::Property* limit = Por::Util::FindProperty(*options, "LimitOptions");
-  if (limit == nullptr) return std::nullopt;
-  return Por::Util::GetValue<unsigned int>(limit->GetValue());
-}
 
 class StorePostOffice final : public Dml::PostOffice {
  public:
@@ -60,8 +49,8 @@ class StorePostOffice final : public Dml::PostOffice {
                                      Async::ActionHandler& handler) override {
     Common::Error error;
     try {
-      auto job = std::make_shared<ReportJob>(store_, spec, GetLimit(spec.options), reader.get(),
-                                             handler, *factory_);
+      auto job = std::make_shared<ReportJob>(store_, spec, GetLimit(spec.options.get()),
+                                             reader.get(), handler, *factory_);
       threads_.Start(job);
       return job;
     } catch (const Common::Error& failure) {
