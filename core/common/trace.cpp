@@ -1,15 +1,20 @@
 #include "core/common/trace.h"
 
+#include <new>
+
 #include "core/common/error_render.h"
 
 namespace Common {
 
-void Trace(unsigned int level, const Error& error) {
+void Trace(unsigned int level, const Error& error) noexcept {
   if (!IsTraced(level)) return;
-  String text;
-  RenderChain(text, error.GetRecord(), level);
-  const std::uint32_t code = error.GetCode();
-  Trace(level, code >> 16, code & 0xFFFF, text.c_str());
+  try {
+    String text;
+    RenderChain(text, error.GetRecord(), level);
+    const std::uint32_t code = error.GetCode();
+    Trace(level, code >> 16, code & 0xFFFF, text.c_str());
+  } catch (const std::bad_alloc&) {
+  }
 }
 
 }  // namespace Common

@@ -57,11 +57,13 @@ struct JobControlDescriptions {
 // consumes a pending cancel.
 //
 // A result that comes after Perform has returned and before any cancel is handed over as it came.
-// On the other ways a failure is wrapped in the text of the run's description (kDescribedJobCode).
+// On the other ways a result that is a failure is wrapped in the text of the run's description
+// (kDescribedJobCode). A failure of Perform and the cancel of a run that never began are not.
 //
 // Threads: Completed and Cancel any; Run one at a time, the next one not before the handler has
 // been called. Lock-free: the state word changes by compare-and-swap alone. Whoever breaks the
-// contract (a second result, a second Run) gets an assertion, and the event is dropped. Lifetime:
+// contract gets an assertion and changes no state; but a second result may stand in for the first
+// one, and a second Run takes the place of the first one's handler. Lifetime:
 // the owner keeps the control alive until the handler has been called and no call to Cancel is in
 // progress. Exceptions other than Common::Error out of Perform leave Run, and the handler is never
 // told.

@@ -24,9 +24,8 @@ Common::Error MakeError(std::uint32_t code, Common::MessageRow row,
 Common::Error NamedOperationDescription::DescribeException(const Common::Error& exception) {
   Common::Error described;
   try {
-    described =
-        MakeError(kExceptionCode, Common::MessageRow::AsyncException,
-                  {Common::GetMessageText(operation_)}, kSource.At("DescribeException", 10));
+    described = MakeError(kExceptionCode, Common::MessageRow::AsyncException, {operation_},
+                          kSource.At("DescribeException", 10));
   } catch (const std::bad_alloc&) {
     described = Common::Error::OutOfMemory();
   }
@@ -37,7 +36,7 @@ Common::Error NamedOperationDescription::DescribeException(const Common::Error& 
 Common::Error NamedOperationDescription::DescribeStdException(const std::exception& exception) {
   try {
     return MakeError(kStdExceptionCode, Common::MessageRow::AsyncStdException,
-                     {Common::GetMessageText(operation_), Common::Utf8ToString(exception.what())},
+                     {operation_, Common::Utf8ToString(exception.what())},
                      kSource.At("DescribeStdException", 20));
   } catch (const std::bad_alloc&) {
     return Common::Error::OutOfMemory();
@@ -46,8 +45,7 @@ Common::Error NamedOperationDescription::DescribeStdException(const std::excepti
 
 Common::Error NamedOperationDescription::DescribeUnknownException() {
   try {
-    return MakeError(kUnknownExceptionCode, Common::MessageRow::AsyncUnknownException,
-                     {Common::GetMessageText(operation_)},
+    return MakeError(kUnknownExceptionCode, Common::MessageRow::AsyncUnknownException, {operation_},
                      kSource.At("DescribeUnknownException", 30));
   } catch (const std::bad_alloc&) {
     return Common::Error::OutOfMemory();

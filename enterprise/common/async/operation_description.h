@@ -23,14 +23,17 @@ class OperationDescription : public Common::NonCopyable {
 class NamedOperationDescription : public OperationDescription {
  public:
   // The row with the operation word.
-  explicit NamedOperationDescription(Common::MessageRow operation) : operation_(operation) {}
+  explicit NamedOperationDescription(Common::MessageRow operation)
+      : NamedOperationDescription(Common::GetMessageText(operation)) {}
+  // The word itself, borrowed.
+  explicit NamedOperationDescription(const char16_t* operation) : operation_(operation) {}
 
   Common::Error DescribeException(const Common::Error& exception) override;
   Common::Error DescribeStdException(const std::exception& exception) override;
   Common::Error DescribeUnknownException() override;
 
  private:
-  const Common::MessageRow operation_;
+  const char16_t* const operation_;
 };
 
 // Guards a description, which is borrowed: one that throws Common::Error itself is replaced by the

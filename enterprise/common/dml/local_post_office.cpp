@@ -1,6 +1,5 @@
 #include "enterprise/common/dml/local_post_office.h"
 
-#include <new>
 #include <utility>
 
 #include "core/common/error.h"
@@ -42,11 +41,7 @@ class ScopedCoreDispatcherImpl final : public ScopedCoreDispatcher {
     if (dispatcher_ == nullptr) return;
     Common::Error error;
     DML_Delete(&dispatcher_, error);
-    try {
-      if (error.IsFailure()) Common::Trace(Common::kTraceError, error);
-    } catch (const std::bad_alloc&) {
-      // A sink that wants the text without memory for it: nobody is left to tell.
-    }
+    if (error.IsFailure()) Common::Trace(Common::kTraceError, error);
   }
 
   void Open(const Common::String& connection_string, Por::Construction::UnitFactory& factory) {

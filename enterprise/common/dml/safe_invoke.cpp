@@ -14,8 +14,9 @@ constexpr Common::SourceFile kSource{"enterprise/common/dml/safe_invoke"};
 // Units that came from outside may be null.
 const Por::View::Unit& NotNull(const Por::SharedUnit& unit) {
   if (unit == nullptr) {
-    throw Common::Error(Por::kPorNullUnit, Common::GetMessageText(Common::MessageRow::PorNullUnit),
-                        kSource.At("NotNull", 20));
+    throw Por::ModuleError(Por::kPorNullUnit,
+                           Common::GetMessageText(Common::MessageRow::PorNullUnit),
+                           kSource.At("NotNull", 20));
   }
   return *unit;
 }
