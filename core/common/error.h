@@ -68,7 +68,8 @@ class Error {
   // The byte form: version 1, then the records of the chain. Throws std::bad_alloc.
   std::unique_ptr<unsigned char[]> Save(unsigned int& size) const;
   // Reads a byte form. Bad data never throws: the good front part of the chain is the result,
-  // an empty error if there is none. When memory is out, the out-of-memory record stands behind the
+  // an empty error if there is none. A record whose repeated parameter names would multiply its
+  // size is bad, too. When memory is out, the out-of-memory record stands behind the
   // records read so far.
   static Error Load(const unsigned char* data, unsigned int size);
 

@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "core/common/error_record.h"
@@ -34,6 +35,10 @@ namespace {
 
 constexpr unsigned char kVersion = 1;
 constexpr std::size_t kRecordHead = 12;  // code and location
+// A look-up by name gives the first value of that name, so a name that is there many times, or is a
+// list of names itself, has it written and printed as often. What comes from outside may gain so
+// many bytes that way, and no more.
+constexpr std::size_t kMaxRepetition = 4096;
 constexpr char kFileName[] = "$file";
 constexpr char kFunctionName[] = "$func";
 constexpr char kLineName[] = "$line";
@@ -349,6 +354,23 @@ class RecordLoader {
   String decoded_;
 };
 
+// Whether the parameters take no more than `size` bytes in the byte form, roughly.
+bool FitIn(const ErrorRecord& record, std::size_t size) {
+  const ErrorRecordOperations& operations = *record.operations;
+  ParameterNames names(record);
+  for (std::string name; names.Next(name);) {
+    std::size_t needed = name.size();
+    if (const char* ansi = operations.GetAnsi(&record, name.c_str())) {
+      needed += std::strlen(ansi);
+    } else if (const char16_t* wide = operations.GetWide(&record, name.c_str())) {
+      needed += std::char_traits<char16_t>::length(wide);
+    }
+    if (needed > size) return false;
+    size -= needed;
+  }
+  return true;
+}
+
 }  // namespace
 
 std::unique_ptr<unsigned char[]> Error::Save(unsigned int& size) const {
@@ -368,10 +390,16 @@ Error Error::Load(const unsigned char* data, unsigned int size) {
   try {
     ByteReader in(data + 1, size - 1);
     RecordLoader loader;
-    while (in.GetLeft() >= kRecordHead && loader.Read(in)) {
+    for (;;) {
+      const std::size_t left = in.GetLeft();
+      if (left < kRecordHead || !loader.Read(in)) break;
       ErrorRecord* record = loader.Make();
       if (record == nullptr) throw std::bad_alloc();
       *tail = record;
+      if (!FitIn(*record, left - in.GetLeft() + kMaxRepetition)) {
+        ReleaseChain(std::exchange(*tail, nullptr));
+        break;
+      }
       tail = &record->next;
     }
   } catch (const std::bad_alloc&) {
