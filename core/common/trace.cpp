@@ -1,7 +1,5 @@
 #include "core/common/trace.h"
 
-#include <new>
-
 #include "core/common/error_render.h"
 
 namespace Common {
@@ -13,7 +11,8 @@ void Trace(unsigned int level, const Error& error) noexcept {
     RenderChain(text, error.GetRecord(), level);
     const std::uint32_t code = error.GetCode();
     Trace(level, code >> 16, code & 0xFFFF, text.c_str());
-  } catch (const std::bad_alloc&) {
+  } catch (...) {
+    // Whoever traces a failure must go on.
   }
 }
 

@@ -7,7 +7,7 @@ namespace Common {
 
 // Traces an error: module and code are the two halves of its code; the text is that of its chain,
 // with `level` told in the first record. Nothing is made into text unless a sink wants it. Without
-// memory for the text, or in a sink, the trace is dropped: those who trace a failure must go on.
+// memory for the text, or when a sink throws, the trace is dropped.
 // The forms for plain text are in core/common/unix/trace.h.
 void Trace(unsigned int level, const Error& error) noexcept;
 

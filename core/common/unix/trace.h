@@ -16,6 +16,7 @@ class TraceSink {
  public:
   // Lower levels don't reach the sink. Fixed while it is registered.
   virtual unsigned int GetLevel() const = 0;
+  // What it throws passes through the functions below to whoever traces.
   virtual void Write(unsigned int level, std::uint32_t module, std::uint32_t code,
                      const char* text) = 0;
   virtual void Write(unsigned int level, std::uint32_t module, std::uint32_t code,
@@ -41,7 +42,8 @@ void SetTraceThreshold(unsigned int level) noexcept;
 // full.
 bool RegisterTraceSink(TraceSink& sink) noexcept;
 // Takes a sink out and waits until no thread is inside it, so that it can be destroyed; not to be
-// called from inside that sink. Does nothing for a sink that isn't registered.
+// called from inside that sink. Does nothing for a sink that isn't registered, or is no more: of two
+// calls for one sink only the first one waits.
 void UnregisterTraceSink(TraceSink& sink) noexcept;
 
 }  // namespace Common
