@@ -17,6 +17,7 @@
 #include "enterprise/common/async/async_error.h"
 #include "enterprise/common/async/cyclic_runner.h"
 #include "enterprise/common/async/job_control.h"
+#include "enterprise/common/async/service.h"
 #include "enterprise/common/async/waiting_handler.h"
 
 namespace {
@@ -72,9 +73,8 @@ void MeasureRuns() {
   ReportEach("objprobe-job-control-run-failing", [&] { control.Run(fails, count, nullptr); });
 }
 
-// A sequence of kSteps actions, and as many passes of a cycle, all on this thread: as in a process
-// without an async service.
-void MeasureLoops() {
+// A sequence of kSteps actions that all end on this thread.
+void MeasureSequence(const char* name) {
   Count count;
   Async::ActionSequence sequence;
   const std::shared_ptr<Async::Action> step =
@@ -85,8 +85,12 @@ void MeasureLoops() {
       });
   for (int i = 0; i < kSteps; ++i) sequence.Execute(step);
   const double steps = Bench::MeasureSeconds([&] { sequence.Perform(count); }, 0.3);
-  Bench::Report("objprobe-sequence", steps / kSteps * 1e9, "ns/step");
+  Bench::Report(name, steps / kSteps * 1e9, "ns/step");
+}
 
+// As many passes of a cycle, without an async service all on this thread.
+void MeasureCycle() {
+  Count count;
   const double passes = Bench::MeasureSeconds(
       [&] {
         int left = kSteps;
@@ -197,8 +201,14 @@ int main() {
   Bench::KeepHeap();
   // The library now knows that there are threads and uses its atomic paths.
   std::thread([] {}).join();
+  // All but the one line as in a process without an async service.
+  const Async::ServiceProvider provider = Async::SetServiceProvider(nullptr);
   MeasureRuns();
-  MeasureLoops();
+  MeasureSequence("objprobe-sequence");
+  Async::SetServiceProvider(provider);
+  MeasureSequence("objprobe-sequence-with-service");
+  Async::SetServiceProvider(nullptr);
+  MeasureCycle();
   ReportPingPong<Handlers>("objprobe-pingpong-waiting-handler");
   ReportPingPong<Events>("objprobe-pingpong-event");
   MeasurePrimitives();
