@@ -15,7 +15,7 @@ namespace Por::Util {
 // rules that a caller may not expect:
 //   - A value that follows a filled root is dropped, unless the root is an array.
 //   - A value that takes the place of a nil ends as a property of the frame's name, whatever the
-//     frame was begun as: a trait becomes a property, an element raises.
+//     frame was begun as, but for a root: a trait becomes a property, an element raises.
 //   - A value that follows a filled property begins an element; at its End it is dropped, as there
 //     is no array to take it.
 //   - Property on a name that the composite has changes that property in place by AssignUnit: kinds

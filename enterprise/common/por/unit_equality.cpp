@@ -113,8 +113,9 @@ bool EqualityCheck::TraitsIncluded(const View::Unit& a, const View::Unit& b) {
     if (order > 0) continue;
     const Group left_group = FirstGroup(lefts);
     lefts.begin = left_group.end;
+    std::uint32_t start = 0;
     for (std::uint32_t i = 0; i < left_group.GetSize(); ++i) {
-      if (FindPartner(left_group, right_group, i) == kNone) return false;
+      if (FindPartner(left_group, right_group, i, start) == kNone) return false;
     }
   }
   return true;
@@ -141,8 +142,9 @@ void EqualityCheck::WalkPair(const View::Traits& left, const View::Traits& right
       }
       const bool paired = rights.GetSize() != 0 && CompareNames(lefts, rights) == 0;
       const Group others = paired ? FirstGroup(rights) : Group{rights.begin, rights.begin};
+      std::uint32_t start = 0;
       for (std::uint32_t i = 0; i < group.GetSize(); ++i) {
-        const std::uint32_t partner = FindPartner(group, others, i);
+        const std::uint32_t partner = FindPartner(group, others, i, start);
         marks_[partners_of(group) + i] = partner;
         const View::Trait& trait = *traits_[group.begin + i];
         if (partner == kNone) {
@@ -257,7 +259,7 @@ void EqualityCheck::BeginMatching(const Task& task) {
   const Group rights = Collect(task.right->GetTraits(), *task.name);
   const std::size_t marks = marks_.GetSize();
   for (std::uint32_t i = 0; i < lefts.GetSize() + rights.GetSize(); ++i) marks_.Push(0);
-  matchings_.Push({lefts, rights, marks, tasks_.GetSize(), 0, 0, kNone, false});
+  matchings_.Push({lefts, rights, marks, tasks_.GetSize(), 0, 0, kNone, 0, false});
 }
 
 void EqualityCheck::EndMatching() {
@@ -276,31 +278,36 @@ EqualityCheck::Step EqualityCheck::Advance(Matching& matching, bool answer) {
       marks_[partners + matching.left] = matching.right;
       marks_[matched + matching.right] = 1;
       ++matching.left;
+      matching.start = Behind(matching.right, 0, rights);
       matching.attempt = 0;
     } else {
       ++matching.attempt;
     }
     if (matching.left < lefts) {
-      for (; matching.attempt <= rights; ++matching.attempt) {
-        matching.right = GetCandidate(matching.left, matching.attempt, matching.rights);
-        if (matching.right != kNone) return Step::kAsk;
+      if (matching.attempt < rights) {
+        matching.right = (matching.start + matching.attempt) % rights;
+        return Step::kAsk;
       }
       return Step::kDiffer;
     }
     matching.on_rights = true;
+    matching.start = 0;
     matching.left = 0;
     matching.right = 0;
   } else if (answer) {
     ++matching.right;
     matching.left = 0;
+    matching.start = 0;
   } else {
+    matching.start = Behind(marks_[partners + matching.left], matching.start, rights);
     ++matching.left;
   }
-  for (; matching.right < rights; ++matching.right, matching.left = 0) {
+  for (; matching.right < rights; ++matching.right, matching.left = 0, matching.start = 0) {
     if (marks_[matched + matching.right] != 0) continue;
     for (; matching.left < lefts; ++matching.left) {
       const std::uint32_t partner = marks_[partners + matching.left];
-      if (!WasCompared(matching.left, partner, matching.right)) return Step::kAsk;
+      if (!WasCompared(matching.start, partner, matching.right, rights)) return Step::kAsk;
+      matching.start = Behind(partner, matching.start, rights);
     }
     return Step::kDiffer;
   }
@@ -331,30 +338,28 @@ bool EqualityCheck::TraitsEqualAt(std::size_t left, std::size_t right) {
   return UnitsEqual(traits_[left]->GetValue(), traits_[right]->GetValue());
 }
 
-std::uint32_t EqualityCheck::GetCandidate(std::uint32_t left, std::uint32_t attempt, Group rights) {
-  if (attempt == 0) return left < rights.GetSize() ? left : kNone;
-  return attempt - 1 != left ? attempt - 1 : kNone;
-}
-
-bool EqualityCheck::WasCompared(std::uint32_t left, std::uint32_t partner, std::uint32_t right) {
-  return right == left || (partner != left && right <= partner);
-}
-
-std::uint32_t EqualityCheck::FindPartner(Group lefts, Group rights, std::uint32_t left) {
-  for (std::uint32_t attempt = 0; attempt <= rights.GetSize(); ++attempt) {
-    const std::uint32_t right = GetCandidate(left, attempt, rights);
-    if (right != kNone && TraitsEqualAt(lefts.begin + left, rights.begin + right)) return right;
+std::uint32_t EqualityCheck::FindPartner(Group lefts, Group rights, std::uint32_t left,
+                                         std::uint32_t& start) {
+  const std::uint32_t size = rights.GetSize();
+  for (std::uint32_t attempt = 0; attempt < size; ++attempt) {
+    const std::uint32_t right = (start + attempt) % size;
+    if (TraitsEqualAt(lefts.begin + left, rights.begin + right)) {
+      start = Behind(right, start, size);
+      return right;
+    }
   }
   return kNone;
 }
 
 bool EqualityCheck::HasPartner(Group lefts, Group rights, std::uint32_t right,
                                std::size_t partners) {
+  std::uint32_t start = 0;
   for (std::uint32_t i = 0; i < lefts.GetSize(); ++i) {
-    if (!WasCompared(i, marks_[partners + i], right) &&
-        TraitsEqualAt(lefts.begin + i, rights.begin + right)) {
+    const std::uint32_t partner = marks_[partners + i];
+    if (!WasCompared(start, partner, right, rights.GetSize()) &&
+        TraitsEqualAt(lefts.begin + i, rights.begin + right))
       return true;
-    }
+    start = Behind(partner, start, rights.GetSize());
   }
   return false;
 }

@@ -12,8 +12,8 @@
 
 namespace Por::Util::Detail {
 
-// The equality of two trees, worked off from stacks of its own: no recursion, and any two units
-// meet at most once, so the cost is at most the product of the sizes of the trees.
+// The equality of two trees, worked off from stacks of its own: no recursion, and in one question
+// any two units meet at most once, so its cost is at most the product of the sizes of the trees.
 //
 // For one computation on one thread; the trees must not change meanwhile. Throws std::bad_alloc.
 class EqualityCheck : public Common::NonCopyable {
@@ -55,6 +55,7 @@ class EqualityCheck : public Common::NonCopyable {
     std::uint32_t left;
     std::uint32_t right;
     std::uint32_t attempt;  // for `left`
+    std::uint32_t start;    // where its attempts begin
     bool on_rights;
   };
   enum class Step { kAsk, kMatch, kDiffer };
@@ -80,14 +81,24 @@ class EqualityCheck : public Common::NonCopyable {
   // Sign of the order of the first names of two rests.
   int CompareNames(Group lefts, Group rights) const;
   bool TraitsEqualAt(std::size_t left, std::size_t right);
-  // The right trait to compare with the left trait `left` as `attempt`, kNone to pass over that
-  // attempt. The one at the same place comes first: it is the partner if the sides are equal.
-  static std::uint32_t GetCandidate(std::uint32_t left, std::uint32_t attempt, Group rights);
-  // Whether the left trait `left`, whose partner was found to be `partner`, was compared with the
+  // Candidates for the partner of a left trait are tried from the place behind the partner of the
+  // left trait before it, round the group: both groups are sorted, so equal sides meet at the same
+  // place, and sides that are moved against each other after one long search.
+  static std::uint32_t Distance(std::uint32_t from, std::uint32_t to, std::uint32_t size) {
+    return to >= from ? to - from : to + size - from;
+  }
+  // Where the search for the next left trait starts; `start` was where this one did.
+  static std::uint32_t Behind(std::uint32_t partner, std::uint32_t start, std::uint32_t size) {
+    return partner == kNone ? start : partner + 1 == size ? 0 : partner + 1;
+  }
+  // Whether a left trait whose search began at `start` and found `partner` was compared with the
   // right trait `right` on the way.
-  static bool WasCompared(std::uint32_t left, std::uint32_t partner, std::uint32_t right);
-  // Index in `rights` of a partner of the left trait `left`, or kNone.
-  std::uint32_t FindPartner(Group lefts, Group rights, std::uint32_t left);
+  static bool WasCompared(std::uint32_t start, std::uint32_t partner, std::uint32_t right,
+                          std::uint32_t size) {
+    return partner == kNone || Distance(start, right, size) <= Distance(start, partner, size);
+  }
+  // Index in `rights` of a partner of the left trait `left`, or kNone. Moves `start`.
+  std::uint32_t FindPartner(Group lefts, Group rights, std::uint32_t left, std::uint32_t& start);
   // Whether an unmatched right trait has a partner after all. `partners` is the place in `marks_`
   // of what FindPartner gave for each of `lefts`.
   bool HasPartner(Group lefts, Group rights, std::uint32_t right, std::size_t partners);

@@ -7,8 +7,8 @@
 
 // Questions and small changes about one unit: its traits, properties and elements.
 // References and pointers that come out are borrowed from the tree and valid until it is changed.
-// Only what makes a property, a trait, a copy or an error allocates, and the lookup in a map whose
-// keys are long.
+// Only what makes a property, a trait, a copy or an error allocates, the lookup in a map whose keys
+// are long, and the comparison of wide or deep units.
 
 namespace Por::Util {
 
