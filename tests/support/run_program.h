@@ -9,6 +9,7 @@ struct ProgramResult {
   int status = -1;  // exit status; 1000 + signal when a signal ended the program
   std::string out;
   std::string err;
+  int traps = 0;  // that a debugger saw
 };
 
 // Where the standard output of the program goes.
@@ -19,8 +20,20 @@ enum class Sink {
   kNone,        // there is none
 };
 
-// Runs `file` with `argv`, the program's name included, to its end. Standard input is empty.
-ProgramResult RunProgram(const char* file, const std::vector<std::string>& argv,
-                         Sink sink = Sink::kPipe);
+struct ProgramOptions {
+  Sink sink = Sink::kPipe;
+  std::vector<std::string> environment = {};  // "NAME=value", before that of the test
+  std::string folder = {};                    // to start in, unless empty
+  bool is_debugged = false;                   // by this process, which goes on behind each trap
+};
+
+// Runs `file` with `argv`, the program's name included, to its end. Standard input is empty, and
+// the test's own settings of our programs are taken out of the environment.
+ProgramResult RunProgram(const std::string& file, const std::vector<std::string>& argv,
+                         const ProgramOptions& options = {});
+inline ProgramResult RunProgram(const std::string& file, const std::vector<std::string>& argv,
+                                Sink sink) {
+  return RunProgram(file, argv, ProgramOptions{.sink = sink});
+}
 
 }  // namespace TestSupport

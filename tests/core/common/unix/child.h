@@ -3,23 +3,11 @@
 #include <string>
 #include <vector>
 
-// How a child process ended and what it wrote.
-struct ChildResult {
-  std::string out;
-  std::string err;
-  int status = 0;  // exit status, or minus the number of the signal that ended it
-  int stops = 0;   // traps that a debugger saw
-};
+#include "tests/support/run_program.h"
 
-struct ChildOptions {
-  // "NAME=value" beside the environment of the test, which is cleared of our own variables.
-  std::vector<std::string> environment;
-  // What the program is started as, and from which folder.
-  std::string program = CHILD_PROGRAM;
-  std::string name = CHILD_PROGRAM;
-  std::string folder;
-  // Attaches this process as a debugger that goes on behind each trap.
-  bool traced = false;
-};
-
-ChildResult RunChild(const std::vector<std::string>& arguments, const ChildOptions& options = {});
+// Runs the program of child_main.cpp.
+inline TestSupport::ProgramResult RunChild(std::vector<std::string> arguments,
+                                           const TestSupport::ProgramOptions& options = {}) {
+  arguments.insert(arguments.begin(), CHILD_PROGRAM);
+  return TestSupport::RunProgram(CHILD_PROGRAM, arguments, options);
+}

@@ -9,7 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
+#include <filesystem>
 #include <new>
 #include <string>
 #include <string_view>
@@ -78,7 +78,17 @@ class PrintingSink : public Common::TraceSink {
   const Then then_;
 };
 
-void DestroyEventBeingWaitedFor() {
+void MisusePrimitives() {
+  Common::Mutex mutex;
+  mutex.Lock();
+  std::thread([&mutex] { mutex.Unlock(); }).join();
+  mutex.Unlock();
+
+  bool is_any_good = Common::Tls::Free(Common::Tls::OUT_OF_INDEXES);
+  is_any_good |= Common::Tls::Get(Common::Tls::OUT_OF_INDEXES) != nullptr;
+  is_any_good |= Common::Tls::Set(Common::Tls::OUT_OF_INDEXES, &environ);
+
+  // While a thread waits for it.
   alignas(Common::Event) static unsigned char storage[sizeof(Common::Event)];
   auto* const event = new (storage) Common::Event(false, false);
   std::atomic<long> waiter[1]{};
@@ -88,13 +98,7 @@ void DestroyEventBeingWaitedFor() {
   }).detach();
   WaitUntilAsleep(waiter);
   event->~Event();
-}
-
-void UnlockFromOtherThread() {
-  Common::Mutex mutex;
-  mutex.Lock();
-  std::thread([&mutex] { mutex.Unlock(); }).join();
-  mutex.Unlock();
+  _exit(is_any_good ? 1 : 0);  // the waiter is still there
 }
 
 // Both report first, as nearly as two threads can.
@@ -109,12 +113,6 @@ void AssertInTwoThreads() {
   std::thread right(violate, "right");
   left.join();
   right.join();
-}
-
-void UseNoSlot() {
-  std::printf("%d\n", Common::Tls::Free(Common::Tls::OUT_OF_INDEXES));
-  std::printf("%d\n", Common::Tls::Get(Common::Tls::OUT_OF_INDEXES) != nullptr);
-  std::printf("%d\n", Common::Tls::Set(Common::Tls::OUT_OF_INDEXES, &environ));
 }
 
 void CloseTwice() {
@@ -134,6 +132,7 @@ void CloseFullFile() {
 // As another static initialiser sees it, whichever of the two files starts first.
 const std::string path_at_start = Common::GetProgramPath();
 
+// `argument` is null when there is none.
 int Run(std::string_view what, const char* argument) {
   if (what == "assert") {
     Probe::Violate(argument);
@@ -145,8 +144,6 @@ int Run(std::string_view what, const char* argument) {
     SAFE_ASSERT(evaluations == 1);
   } else if (what == "error") {
     Common::SafeAssertError(ENOENT, "probe.cpp", 9, argument);
-  } else if (what == "error-without-message") {
-    Common::SafeAssertError(ENOENT, "probe.cpp", 9, nullptr);
   } else if (what == "twice") {
     Probe::Violate("first");
     setenv("VELORIN_SAFE_ASSERT", "abort", 1);
@@ -166,15 +163,8 @@ int Run(std::string_view what, const char* argument) {
                                                       : Then::kReturn);
     Common::RegisterTraceSink(sink);
     Probe::Violate(argument);
-  } else if (what == "destroy-event") {
-    DestroyEventBeingWaitedFor();
-    std::printf("went on\n");
-    std::fflush(stdout);
-    _exit(0);  // the waiter is still there
-  } else if (what == "unlock") {
-    UnlockFromOtherThread();
-  } else if (what == "no-slot") {
-    UseNoSlot();
+  } else if (what == "misuse") {
+    MisusePrimitives();
   } else if (what == "close-twice") {
     CloseTwice();
   } else if (what == "close-full") {
@@ -184,8 +174,7 @@ int Run(std::string_view what, const char* argument) {
     std::printf("%s\n%s\n%d\n", path.c_str(), Common::GetProgramName().c_str(),
                 path == path_at_start);
   } else if (what == "path-in-removed-folder") {
-    char folder[] = "/tmp/core_common_unix_XXXXXX";
-    if (mkdtemp(folder) == nullptr || chdir(folder) != 0 || rmdir(folder) != 0) return 2;
+    std::filesystem::remove(std::filesystem::current_path());
     std::printf("%s\n%s\n", Common::GetProgramPath().c_str(), Common::GetProgramName().c_str());
   } else {
     return 2;
@@ -198,7 +187,7 @@ int Run(std::string_view what, const char* argument) {
 int main(int argc, char** argv) {
   alarm(60);
   if (argc < 2) return 2;
-  const int result = Run(argv[1], argc > 2 ? argv[2] : "");
+  const int result = Run(argv[1], argc > 2 ? argv[2] : nullptr);
   if (result == 0) std::printf("went on\n");
   return result;
 }

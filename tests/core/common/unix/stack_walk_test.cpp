@@ -31,24 +31,21 @@ bool Take(unsigned int frame, const char* text, void* context) {
 
 namespace {
 
-using Probe::Frames;
-
 TEST(WalkStack, NamesFramesFromTheInnermost) {
-  Frames frames;
+  Probe::Frames frames;
   EXPECT_TRUE(Probe::WalkHere(32, frames));
-  ASSERT_GE(frames.texts.size(), 3u);
+  ASSERT_GE(frames.texts.size(), 4u);
   EXPECT_LE(frames.texts.size(), 32u);
-  // Module, demangled symbol, offset, and what follows the parenthesis, in their columns.
-  const std::regex expected(
-      "[^ ]{30,} \\( Probe::WalkHere\\(unsigned int, Probe::Frames&\\) *  "
-      "\\+ 0x[0-9a-f]+ *\\)  \\[0x[0-9a-f]+\\]");
-  std::size_t place = 0;
-  while (place < frames.texts.size() && !std::regex_match(frames.texts[place], expected)) ++place;
+  // Module, demangled symbol, offset, and what follows the parenthesis, in their columns. Frames of
+  // a sanitizer may come first.
+  const std::string end = " *  \\+ 0x[0-9a-f]+ *\\)  \\[0x[0-9a-f]+\\]";
+  const std::regex outer("[^ ]+ *\\( Probe::WalkHere\\(unsigned int, Probe::Frames&\\)" + end);
+  const std::regex inner("[^ ]+ *\\( Common::WalkStack\\(Common::StackWalkParameters const&\\)" +
+                         end);
+  std::size_t place = 1;
+  while (place < 4 && !std::regex_match(frames.texts[place], outer)) ++place;
   ASSERT_LT(place, 4u) << "not found";
-  const std::string& inner = frames.texts[place - 1];
-  EXPECT_NE(inner.find(" ( Common::WalkStack(Common::StackWalkParameters const&) "),
-            std::string::npos)
-      << inner;
+  EXPECT_TRUE(std::regex_match(frames.texts[place - 1], inner)) << frames.texts[place - 1];
   for (const std::string& text : frames.texts) {
     const std::size_t open = text.find(" ( ");
     ASSERT_NE(open, std::string::npos) << text;
@@ -57,13 +54,13 @@ TEST(WalkStack, NamesFramesFromTheInnermost) {
 }
 
 TEST(WalkStack, EndsAtTheMaximumOrWhenTheCallbackSaysSo) {
-  Frames none;
+  Probe::Frames none;
   EXPECT_FALSE(Probe::WalkHere(0, none));
   EXPECT_TRUE(none.texts.empty());
-  Frames two;
+  Probe::Frames two;
   EXPECT_TRUE(Probe::WalkHere(2, two));
   EXPECT_EQ(two.texts.size(), 2u);
-  Frames stopped;
+  Probe::Frames stopped;
   stopped.stop_at = 1;
   EXPECT_FALSE(Probe::WalkHere(200, stopped));
   EXPECT_EQ(stopped.texts.size(), 2u);

@@ -2,126 +2,92 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <atomic>
+#include <functional>
 #include <memory>
-#include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "core/common/unix/event.h"
+#include "tests/support/trace_recorder.h"
 
 namespace {
 
+using Common::IsTraced;
 using Common::Trace;
+using TestSupport::TraceRecorder;
 
-class RecordingSink : public Common::TraceSink {
+// Calls back for each 8-bit text.
+class CallingSink : public Common::TraceSink {
  public:
-  explicit RecordingSink(unsigned int level) : level_(level) {}
-  unsigned int GetLevel() const override { return level_; }
-  void Write(unsigned int level, std::uint32_t module, std::uint32_t code,
-             const char* text) override {
-    Add(level, module, code, text);
+  explicit CallingSink(std::function<void()> call = [] {}) : call_(std::move(call)) {}
+  ~CallingSink() override { is_alive_ = false; }
+  unsigned int GetLevel() const override { return 0; }
+  void Write(unsigned int, std::uint32_t, std::uint32_t, const char*) override {
+    EXPECT_TRUE(is_alive_);
+    call_();
   }
-  void Write(unsigned int level, std::uint32_t module, std::uint32_t code,
-             const char16_t* text) override {
-    std::string narrow = "u";
-    for (; *text != 0; ++text) narrow += static_cast<char>(*text);
-    Add(level, module, code, narrow);
-  }
-  std::string Take() { return std::exchange(text_, {}); }
+  void Write(unsigned int, std::uint32_t, std::uint32_t, const char16_t*) override {}
 
  private:
-  void Add(unsigned int level, std::uint32_t module, std::uint32_t code, const std::string& text) {
-    text_ += std::to_string(level) + " " + std::to_string(module) + " " + std::to_string(code) +
-             " " + text + "\n";
-  }
-
-  const unsigned int level_;
-  std::string text_;
-};
-
-// A sink for the length of a scope.
-template <class Sink>
-class Registered {
- public:
-  explicit Registered(Sink& sink) : sink_(sink) { EXPECT_TRUE(RegisterTraceSink(sink_)); }
-  ~Registered() { UnregisterTraceSink(sink_); }
-
- private:
-  Sink& sink_;
+  const std::function<void()> call_;
+  bool is_alive_ = true;
 };
 
 TEST(Trace, ReachesTheSinksWhoseLevelAllowsIt) {
-  RecordingSink all(0);
-  RecordingSink errors(4);
-  EXPECT_FALSE(Common::IsTraced(5));
+  EXPECT_EQ(Common::GetTraceThreshold(), 2u);
+  EXPECT_FALSE(IsTraced(5));
   {
-    const Registered first(errors);
-    EXPECT_FALSE(Common::IsTraced(3));
-    EXPECT_TRUE(Common::IsTraced(4));
-    const Registered second(all);
-    EXPECT_FALSE(Common::IsTraced(1));
-    EXPECT_TRUE(Common::IsTraced(2));
+    const TraceRecorder errors(4);
+    EXPECT_FALSE(IsTraced(3));
+    EXPECT_TRUE(IsTraced(4));
+    const TraceRecorder all(1);
+    EXPECT_TRUE(IsTraced(1));
+    Trace(1, 1, 1, "debug");
+    Common::SetTraceThreshold(2);
+    EXPECT_FALSE(IsTraced(1));
     Trace(1, 1, 1, "below the threshold");
     Trace(2, 0xF9, 2, "information");
     Trace(4, 0xFFFF, 27, u"wide");
     Trace(5, 0, 0, static_cast<const char*>(nullptr));
-    EXPECT_EQ(all.Take(), "2 249 2 information\n4 65535 27 uwide\n5 0 0 \n");
-    EXPECT_EQ(errors.Take(), "4 65535 27 uwide\n5 0 0 \n");
-
-    Common::SetTraceThreshold(1);
-    EXPECT_TRUE(Common::IsTraced(1));
-    Trace(1, 1, 1, "debug");
-    Common::SetTraceThreshold(5);
-    EXPECT_FALSE(Common::IsTraced(4));
-    Trace(4, 1, 1, "error");
-    Common::SetTraceThreshold(2);
-    EXPECT_EQ(all.Take(), "1 1 1 debug\n");
+    EXPECT_EQ(all.Codes(), "1 1 1\n2 f9 2\n4 ffff 1b\n5 0 0\n");
+    EXPECT_EQ(errors.Codes(), "4 ffff 1b\n5 0 0\n");
+    EXPECT_EQ(errors.All()[0].text, "wide");
+    EXPECT_EQ(errors.All()[1].text, "");
   }
-  EXPECT_FALSE(Common::IsTraced(5));
-  Trace(5, 0, 0, "nobody listens");
-  EXPECT_EQ(all.Take(), "");
+  EXPECT_EQ(Common::GetTraceThreshold(), 2u);
+  EXPECT_FALSE(IsTraced(5));
 }
 
-TEST(Trace, RegistryTellsWhenItIsFull) {
-  std::vector<std::unique_ptr<RecordingSink>> sinks;
+TEST(Trace, RegistryRefusesASinkTwiceAndTellsWhenItIsFull) {
+  std::vector<std::unique_ptr<CallingSink>> sinks;
   for (;;) {
-    sinks.push_back(std::make_unique<RecordingSink>(0));
+    sinks.push_back(std::make_unique<CallingSink>());
     if (!Common::RegisterTraceSink(*sinks.back())) break;
     ASSERT_LT(sinks.size(), 1000u);
   }
   for (const auto& sink : sinks) Common::UnregisterTraceSink(*sink);
-  EXPECT_FALSE(Common::IsTraced(5));
-  RecordingSink sink(0);
-  const Registered again(sink);
+  EXPECT_FALSE(IsTraced(5));
+  int calls = 0;
+  CallingSink sink([&calls] { ++calls; });
+  EXPECT_TRUE(Common::RegisterTraceSink(sink));
+  EXPECT_FALSE(Common::RegisterTraceSink(sink));
   Trace(3, 1, 2, "x");
-  EXPECT_EQ(sink.Take(), "3 1 2 x\n");
-}
-
-TEST(Trace, RefusesASinkThatIsRegistered) {
-  RecordingSink sink(0);
-  {
-    const Registered registered(sink);
-    EXPECT_FALSE(Common::RegisterTraceSink(sink));
-    Trace(3, 1, 2, "x");
-    EXPECT_EQ(sink.Take(), "3 1 2 x\n");
-  }
-  EXPECT_FALSE(Common::IsTraced(5));
+  EXPECT_EQ(calls, 1);
+  Common::UnregisterTraceSink(sink);
+  EXPECT_FALSE(IsTraced(5));
 }
 
 // Who takes a sink out waits for the threads in that sink, not for those in one that comes
 // meanwhile.
 TEST(Trace, ASinkIsTakenOutThoughAnotherOneBlocks) {
-  class BlockingSink : public Common::TraceSink {
-   public:
-    unsigned int GetLevel() const override { return 0; }
-    void Write(unsigned int, std::uint32_t, std::uint32_t, const char*) override {
-      entered.Set();
-      leave.Wait();
-    }
-    void Write(unsigned int, std::uint32_t, std::uint32_t, const char16_t*) override {}
-
+  struct BlockingSink : CallingSink {
+    BlockingSink()
+        : CallingSink([this] {
+            entered.Set();
+            leave.Wait();
+          }) {}
     Common::Event entered{true, false};
     Common::Event leave{true, false};
   };
@@ -136,7 +102,7 @@ TEST(Trace, ASinkIsTakenOutThoughAnotherOneBlocks) {
     Common::UnregisterTraceSink(first);
     is_out.Set();
   });
-  while (Common::IsTraced(5)) std::this_thread::yield();
+  while (IsTraced(5)) std::this_thread::yield();
   EXPECT_TRUE(Common::RegisterTraceSink(second));
   std::thread in_second([] { Trace(4, 1, 1, "second"); });
   EXPECT_TRUE(second.entered.Wait(kLong));
@@ -152,21 +118,6 @@ TEST(Trace, ASinkIsTakenOutThoughAnotherOneBlocks) {
 
 // A sink may die as soon as it is taken out, whatever other threads trace.
 TEST(Trace, SinksComeAndGoWhileOthersTrace) {
-  class CountingSink : public Common::TraceSink {
-   public:
-    explicit CountingSink(std::atomic<int>& count) : count_(count) {}
-    ~CountingSink() override { alive_ = false; }
-    unsigned int GetLevel() const override { return 0; }
-    void Write(unsigned int, std::uint32_t, std::uint32_t, const char*) override {
-      EXPECT_TRUE(alive_);
-      ++count_;
-    }
-    void Write(unsigned int, std::uint32_t, std::uint32_t, const char16_t*) override {}
-
-   private:
-    std::atomic<int>& count_;
-    bool alive_ = true;
-  };
   std::atomic<bool> stop{false};
   std::atomic<int> count{0};
   std::vector<std::thread> tracers;
@@ -176,9 +127,10 @@ TEST(Trace, SinksComeAndGoWhileOthersTrace) {
     });
   }
   while (count < 20000) {
-    auto sink = std::make_unique<CountingSink>(count);
-    const Registered registered(*sink);
+    const auto sink = std::make_unique<CallingSink>([&count] { ++count; });
+    EXPECT_TRUE(Common::RegisterTraceSink(*sink));
     std::this_thread::yield();
+    Common::UnregisterTraceSink(*sink);
   }
   stop = true;
   for (std::thread& tracer : tracers) tracer.join();
