@@ -6,8 +6,8 @@
 
 #include "core/common/error.h"
 #include "core/common/error_record.h"
-#include "core/common/text.h"
 #include "tests/support/allocation_watch.h"
+#include "tests/support/text.h"
 
 namespace Common {
 namespace {
@@ -29,10 +29,7 @@ Error LoadBytes(const std::string& bytes) {
 }
 
 std::string TextOf(const Error& error) {
-  const String wide = error.ToString();
-  std::string text;
-  ToUtf8(text, wide.data(), wide.size());
-  return text;
+  return TestSupport::Utf8(error.ToString());
 }
 
 std::size_t CountRecords(const Error& error) {
@@ -72,20 +69,14 @@ TEST(ErrorBytes, HaveTheirLayout) {
 }
 
 TEST(ErrorBytes, LoadGivesTheSameErrorBack) {
-  const Error sample = MakeSample();
   const Error loaded = LoadBytes(kSampleBytes);
-  EXPECT_EQ(TextOf(loaded), TextOf(sample));
+  EXPECT_EQ(TextOf(loaded), TextOf(MakeSample()));
   EXPECT_EQ(BytesOf(loaded), kSampleBytes);
-  EXPECT_EQ(loaded.GetLineTag().line, 0x1234u);
   // Types don't mix, and there is no "$module" but the one that came.
   const ErrorRecord* record = loaded.GetRecord();
   EXPECT_EQ(record->operations->GetAnsi(record, "path"), nullptr);
-  EXPECT_EQ(record->operations->GetWide(record, "path"), u"/p\u4E2D"s);
   EXPECT_EQ(record->operations->GetWide(record, "$module"), nullptr);
-  EXPECT_STREQ(record->operations->GetParameterNames(record), "path,name,$module");
-  const Error bare = LoadBytes("\1"s + RecordBytes(5, "\0\0"s));
-  EXPECT_EQ(TextOf(bare), "Error 0x5\n| line: 0x1");
-  EXPECT_EQ(bare.GetRecord()->operations->GetAnsi(bare.GetRecord(), "$module"), nullptr);
+  EXPECT_EQ(TextOf(LoadBytes("\1"s + RecordBytes(5, "\0\0"s))), "Error 0x5\n| line: 0x1");
   // Texts of places are kept once, for good.
   EXPECT_EQ(LoadBytes(kSampleBytes).GetLineTag().file, loaded.GetLineTag().file);
   // A clone is the same, wherever it lies.
@@ -102,30 +93,19 @@ TEST(ErrorBytes, BadDataLeavesTheGoodFrontPart) {
     std::string bytes;
     std::size_t records;
   } cases[] = {
-      {"nothing", "", 0},
-      {"version alone", "\1"s, 0},
-      {"12 bytes", "\1"s + RecordBytes(5, ""s).substr(0, 11), 0},
-      {"no message", "\1"s + RecordBytes(5, ""s), 0},
       {"other version", "\2"s + good, 0},
       {"code 0 first", "\1"s + RecordBytes(0, "x\0\0"s) + good, 0},
-      {"one record", "\1"s + good, 1},
       {"code 0 second", "\1"s + good + RecordBytes(0, "x\0\0"s) + good, 1},
       {"trailing bytes too few", "\1"s + good + std::string(11, '\7'), 1},
       {"invalid UTF-8 in the message", "\1"s + good + RecordBytes(6, "\xE4\xB8\0\0"s), 1},
       {"over-long form in the message", "\1"s + good + RecordBytes(6, "\xC0\x80\0\0"s), 1},
       {"surrogate in the message", "\1"s + good + RecordBytes(6, "\xED\xB0\x80\0\0"s), 2},
       {"invalid UTF-8 in a value", "\1"s + good + RecordBytes(6, "\0a\0W\xFF\0\0"s), 2},
-      {"no end of the parameters", "\1"s + good + RecordBytes(6, "m\0"s), 1},
-      {"no tag", "\1"s + good + RecordBytes(6, "m\0a\0"s), 1},
       {"unknown tag", "\1"s + good + RecordBytes(6, "m\0a\0B\0\0"s) + good, 1},
-      {"short number", "\1"s + good + RecordBytes(6, "m\0a\0N1234567"s), 1},
-      {"open text", "\1"s + good + RecordBytes(6, "m\0a\0Aabc"s), 1},
-      {"open name", "\1"s + good + RecordBytes(6, "m\0abc"s), 1},
   };
   for (const auto& row : cases) {
     EXPECT_EQ(CountRecords(LoadBytes(row.bytes)), row.records) << row.what;
   }
-  EXPECT_EQ(Error::Load(nullptr, 100).GetRecord(), nullptr);
 }
 
 TEST(ErrorBytes, PlacesNeedTheirTags) {
@@ -149,6 +129,7 @@ TEST(ErrorBytes, EveryTruncationGivesTheWholeRecordsBefore) {
     const std::size_t expected = size >= 1 + kFirstBytes.size() ? 1 : 0;
     EXPECT_EQ(CountRecords(LoadBytes(kSampleBytes.substr(0, size))), expected) << size;
   }
+  EXPECT_EQ(Error::Load(nullptr, 100).GetRecord(), nullptr);
 }
 
 TEST(ErrorBytes, WhatSurvivesFlippedBytesCanBeSavedAgain) {

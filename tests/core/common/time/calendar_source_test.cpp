@@ -38,62 +38,51 @@ std::unique_ptr<icu::GregorianCalendar> MakeAsAnswered(const icu::Locale& locale
   return calendar;
 }
 
-class CalendarSourceTest : public testing::Test {
- protected:
-  // A calendar is made; returns the locales asked for.
-  std::string Make(CalendarSource& source) {
-    EXPECT_NE(source.Make(), nullptr);
-    return std::exchange(requests, {});
+// A source keeps its locale for good.
+CalendarSource& NewSource() {
+  static auto& sources = *new std::vector<std::unique_ptr<CalendarSource>>;
+  return *sources.emplace_back(std::make_unique<CalendarSource>(&MakeAsAnswered));
+}
+
+// A calendar is made; returns the locales asked for.
+std::string Make(CalendarSource& source) {
+  EXPECT_NE(source.Make(), nullptr);
+  return std::exchange(requests, {});
+}
+
+TEST(CalendarSource, ChoosesTheDefaultLocaleOrElseThatOfTheTableForGood) {
+  const struct {
+    const char* locale;
+    Answers answers;
+    const char* first;
+    const char* later;
+    std::size_t assertions;  // for each
+  } cases[] = {
+      {"de_DE", {}, "de_DE ", "de_DE ", 0},
+      // The default has no data.
+      {"de_DE", {U_USING_DEFAULT_WARNING, U_ZERO_ERROR}, "de_DE en_US ", "en_US ", 0},
+      // After a failure a warning is good enough, after a warning it is no better.
+      {"de_DE", {U_MISSING_RESOURCE_ERROR, U_USING_FALLBACK_WARNING}, "de_DE en_US ", "en_US ", 0},
+      {"de_DE", {U_USING_DEFAULT_WARNING, U_USING_FALLBACK_WARNING}, "de_DE en_US ", "de_DE ", 0},
+      {"de_DE", {U_MISSING_RESOURCE_ERROR, U_MISSING_RESOURCE_ERROR}, "de_DE en_US ", "de_DE ", 1},
+      {"en_US", {U_ZERO_ERROR, U_USING_DEFAULT_WARNING}, "en_US ", "en_US ", 0},
+  };
+  for (const auto& row : cases) {
+    SCOPED_TRACE(&row - cases);
+    const TestSupport::TraceRecorder traces(Common::kTraceCritical);
+    CalendarSource& source = NewSource();
+    const DefaultLocale locale(row.locale);
+    answers = row.answers;
+    EXPECT_EQ(Make(source), row.first);
+    EXPECT_EQ(traces.Assertions(), Texts(row.assertions, "U_SUCCESS(dErr)"));
+    const DefaultLocale later("fr_FR");
+    EXPECT_EQ(Make(source), row.later);
+    EXPECT_EQ(traces.Assertions(), Texts(2 * row.assertions, "U_SUCCESS(dErr)"));
   }
-
-  const DefaultLocale locale_{"de_DE"};
-  const TestSupport::TraceRecorder traces_{Common::kTraceCritical};
-};
-
-TEST_F(CalendarSourceTest, KeepsTheDefaultLocaleOfTheFirstCall) {
-  static constinit CalendarSource source(&MakeAsAnswered);
-  answers = {};
-  EXPECT_EQ(Make(source), "de_DE ");
-  const DefaultLocale later("fr_FR");
-  EXPECT_EQ(Make(source), "de_DE ");
-  EXPECT_EQ(traces_.Assertions(), Texts());
 }
 
-TEST_F(CalendarSourceTest, TakesTheNamedLocaleWhenTheDefaultHasNoData) {
-  for (const UErrorCode failure : {U_USING_DEFAULT_WARNING, U_MISSING_RESOURCE_ERROR}) {
-    static constinit CalendarSource sources[] = {CalendarSource(&MakeAsAnswered),
-                                                 CalendarSource(&MakeAsAnswered)};
-    CalendarSource& source = sources[failure == U_MISSING_RESOURCE_ERROR];
-    // After a failure a warning is good enough.
-    answers = {failure, U_FAILURE(failure) ? U_USING_FALLBACK_WARNING : U_ZERO_ERROR};
-    EXPECT_EQ(Make(source), "de_DE en_US ");
-    EXPECT_EQ(Make(source), "en_US ");
-    EXPECT_EQ(traces_.Assertions(), Texts());
-  }
-}
-
-TEST_F(CalendarSourceTest, KeepsTheDefaultWhenTheNamedLocaleIsNoBetter) {
-  static constinit CalendarSource warned(&MakeAsAnswered);
-  answers = {U_USING_DEFAULT_WARNING, U_USING_FALLBACK_WARNING};
-  EXPECT_EQ(Make(warned), "de_DE en_US ");
-  EXPECT_EQ(Make(warned), "de_DE ");
-  EXPECT_EQ(traces_.Assertions(), Texts());
-
-  static constinit CalendarSource failed(&MakeAsAnswered);
-  answers = {U_MISSING_RESOURCE_ERROR, U_MISSING_RESOURCE_ERROR};
-  EXPECT_EQ(Make(failed), "de_DE en_US ");
-  EXPECT_EQ(traces_.Assertions(), Texts({"U_SUCCESS(dErr)"}));
-  EXPECT_EQ(Make(failed), "de_DE ");
-  EXPECT_EQ(traces_.Assertions(), Texts({"U_SUCCESS(dErr)", "U_SUCCESS(dErr)"}));
-
-  static constinit CalendarSource same(&MakeAsAnswered);
-  const DefaultLocale locale("en_US");
-  answers = {U_ZERO_ERROR, U_USING_DEFAULT_WARNING};
-  EXPECT_EQ(Make(same), "en_US ");
-}
-
-TEST_F(CalendarSourceTest, ChoosesNothingWithoutMemory) {
-  static constinit CalendarSource source(&MakeAsAnswered);
+TEST(CalendarSource, ChoosesNothingWithoutMemory) {
+  CalendarSource& source = NewSource();
   answers = {};
   answers.has_memory = false;
   EXPECT_EQ(source.Make(), nullptr);
@@ -103,12 +92,13 @@ TEST_F(CalendarSourceTest, ChoosesNothingWithoutMemory) {
   EXPECT_EQ(Make(source), "fr_FR ");
 }
 
-TEST_F(CalendarSourceTest, ChoosesOnceForAllThreads) {
-  static constinit CalendarSource source(&MakeAsAnswered);
+TEST(CalendarSource, ChoosesOnceForAllThreads) {
+  const DefaultLocale locale("de_DE");
+  CalendarSource& source = NewSource();
   answers = {U_USING_DEFAULT_WARNING, U_ZERO_ERROR};
   std::vector<std::thread> threads;
   for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([] { EXPECT_NE(source.Make(), nullptr); });
+    threads.emplace_back([&source] { EXPECT_NE(source.Make(), nullptr); });
   }
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(std::exchange(requests, {}), "de_DE en_US en_US en_US en_US ");
