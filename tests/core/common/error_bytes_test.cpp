@@ -199,5 +199,24 @@ TEST(ErrorBytes, SaveThrowsWhenMemoryRunsOut) {
   }
 }
 
+// A name that is there again gets the first value again, so few bytes could ask for many.
+TEST(ErrorBytes, RepeatedNamesDoNotMultiplyARecord) {
+  const std::string good = RecordBytes(1, "\0"s + "x\0Avalue\0"s + "x\0A\0"s + "x,x\0A\0\0"s);
+  const std::string value(2000, 'v');
+  std::string again, list;
+  for (int i = 0; i < 2000; ++i) {
+    again += "x\0A\0"s;
+    list += ",x";
+  }
+  for (const std::string& names : {again, list + "\0A\0"s}) {
+    const Error error =
+        LoadBytes("\1"s + good + RecordBytes(2, "\0x\0A"s + value + "\0"s + names + "\0"s) + good);
+    EXPECT_EQ(CountRecords(error), 1u);
+    // The four names of the good one print its one value.
+    EXPECT_NE(TextOf(error).find("| x: value\n| x: value\n| x: value\n| x: value"),
+              std::string::npos);
+  }
+}
+
 }  // namespace
 }  // namespace Common

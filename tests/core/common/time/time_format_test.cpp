@@ -7,6 +7,7 @@
 
 #include "core/common/time/time_format_icu.h"
 #include "tests/core/common/time/time_test_support.h"
+#include "tests/support/run_program.h"
 
 namespace {
 
@@ -121,6 +122,14 @@ TEST(TimeFormat, ParseReadsWhatIsThere) {
       EXPECT_FALSE(value.IsValid());
     }
   }
+}
+
+TEST(TimeFormat, WithoutItsModuleNothingIsFormattedAndTheTraceTellsWhy) {
+  const TestSupport::ProgramResult result =
+      TestSupport::RunProgram(LONE_PROGRAM, {"core_common_time_lone_program"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_TRUE(result.out.starts_with("0 '' -1 invalid\n4 ")) << result.out;
+  EXPECT_NE(result.out.find("lib/objprobe-time.so: cannot open"), std::string::npos) << result.out;
 }
 
 }  // namespace
