@@ -1,5 +1,7 @@
 #include "enterprise/common/por/construction_dynamic_context.h"
 
+#include <utility>
+
 #include "enterprise/common/por/unit.h"
 
 namespace Por {
@@ -9,8 +11,8 @@ ConstructionDynamicContext& ConstructionDynamicContext::Get() {
   return context;
 }
 
-void ConstructionDynamicContext::Enter(const Common::String& name, PrototypeDefinition definition) {
-  entries_.insert_or_assign(name, definition);
+void ConstructionDynamicContext::Enter(Common::String name, PrototypeDefinition definition) {
+  entries_.insert_or_assign(std::move(name), definition);
 }
 
 PrototypeDefinition ConstructionDynamicContext::Find(std::u16string_view name) const {

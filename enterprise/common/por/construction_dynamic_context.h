@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <map>
 #include <string_view>
 
@@ -24,7 +25,7 @@ class ConstructionDynamicContext : public Common::NonCopyable {
   static ConstructionDynamicContext& Get();
 
   // A definition that is there under this name is replaced.
-  void Enter(const Common::String& name, PrototypeDefinition definition);
+  void Enter(Common::String name, PrototypeDefinition definition);
   // Null if there is none.
   PrototypeDefinition Find(std::u16string_view name) const;
   const Entries& GetEntries() const { return entries_; }
