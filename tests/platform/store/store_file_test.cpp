@@ -1,7 +1,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -33,55 +33,37 @@ std::string GetMessages(const Common::Error& error) {
   return text;
 }
 
+void ExpectError(const Common::Error& error, unsigned int code, const std::string& messages) {
+  EXPECT_EQ(error.GetCode(), code);
+  EXPECT_EQ(GetMessages(error), messages);
+}
+
 class StoreFile : public StoreTest {
  protected:
   // Opens and expects a failure with the code, the path and these messages.
   static void ExpectRefused(const std::string& connection, const std::string& path,
                             unsigned int code, const std::string& messages) {
-    try {
-      OpenAt(connection);
-      ADD_FAILURE() << connection << " was opened.";
-    } catch (const Common::Error& error) {
-      EXPECT_EQ(error.GetCode(), code) << connection;
-      EXPECT_EQ(GetPathParameter(error), path);
-      EXPECT_EQ(GetMessages(error), messages);
-    }
+    SCOPED_TRACE(connection);
+    const Common::Error error = Catch([&] { OpenAt(connection); });
+    ExpectError(error, code, messages);
+    EXPECT_EQ(GetPathParameter(error), path);
   }
 
-  // Runs `body` in a process of its own and expects it to return true. Root first turns into a user
-  // without rights.
+  // Runs `body` in a process of its own without rights and expects it to return true.
   static void InUnprivilegedProcess(const std::function<bool()>& body) {
-    const pid_t child = ::fork();
-    if (child == 0) {
-      constexpr uid_t kNobody = 65534;
-      if (::geteuid() == 0 && ::setresuid(kNobody, kNobody, kNobody) != 0) ::_exit(2);
-      bool good = false;
-      try {
-        good = body();
-      } catch (const Common::Error& error) {
-        std::fprintf(stderr, "%s", GetMessages(error).c_str());
-      }
-      ::_exit(good ? 0 : 1);
-    }
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status)) << status;
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(ChildProcess([&] { return DropRights() && body(); }).Wait(), 0);
   }
 
   // A process that changes the store and dies in the middle of its transaction, or behind it.
   void DieWriting(int first, int count, bool commit) {
-    const pid_t child = ::fork();
-    if (child == 0) {
+    ChildProcess child([&]() -> bool {
       SqliteStoreWriter writer(path_);
       writer.Begin();
       for (int i = first; i < first + count; ++i) writer.Put(*Parse(MakeObject(i, "Thing")));
       if (commit) writer.Commit();
-      ::raise(SIGKILL);
-    }
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFSIGNALED(status));
+      return ::raise(SIGKILL) == 0;
+    });
+    EXPECT_EQ(child.Wait(), -SIGKILL);
   }
 
   unsigned int CountObjects() {
@@ -102,7 +84,7 @@ TEST_F(StoreFile, ConnectionStrings) {
   EXPECT_THROW(Dml::CreatePostOffice(ToConnection(path_) + u'\0' + u"x"), Common::Error);
 }
 
-// Leads to another store and keeps what it is given to wrap.
+// Leads to another store.
 class LeadingCustomizer final : public Dml::StoreCustomizer {
  public:
   explicit LeadingCustomizer(const Common::String& target) : target_(target) {}
@@ -137,10 +119,7 @@ TEST_F(StoreFile, TheCustomizerResolvesTheConnectionString) {
   DML_Delete(&dispatcher, error);
   EXPECT_EQ(dispatcher, nullptr);
   EXPECT_EQ(error.GetCode(), 0U);
-
-  DML_Create(ToConnection(path_), nullptr, Por::GetStaticUnitFactory(), &dispatcher, error);
-  ASSERT_NE(dispatcher, nullptr);
-  DML_Delete(&dispatcher, error);
+  // Without a customizer, and without a store.
   DML_Create(u"/nowhere", nullptr, Por::GetStaticUnitFactory(), &dispatcher, error);
   EXPECT_EQ(dispatcher, nullptr);
   EXPECT_EQ(error.GetCode(), 0x40011U);
@@ -225,13 +204,8 @@ TEST_F(StoreFile, ALockIsWaitedForButNotForGood) {
   StoreNumbered(2);
   auto holder = std::make_unique<LockHolder>(path_);
   const auto start = std::chrono::steady_clock::now();
-  try {
-    SqliteStore store(path_, 200);
-    ADD_FAILURE() << "The store was opened.";
-  } catch (const Common::Error& error) {
-    EXPECT_EQ(error.GetCode(), 0x40017U);
-    EXPECT_EQ(GetMessages(error), "Failed to lock the file.\nSQLite: database is locked (5)\n");
-  }
+  ExpectError(Catch([&] { SqliteStore(path_, 200); }), 0x40017,
+              "Failed to lock the file.\nSQLite: database is locked (5)\n");
   EXPECT_THROW(SqliteStoreWriter(path_, 200).Begin(), Common::Error);
   const auto waited = std::chrono::steady_clock::now() - start;
   EXPECT_GE(waited, std::chrono::milliseconds(400));
@@ -305,47 +279,37 @@ TEST_F(StoreFile, DeathInTheMiddleLeavesTheOldState) {
 }
 
 TEST_F(StoreFile, ReadersSeeOneStateWhileAWriterGoesOn) {
-  constexpr int kObjects = 300;
-  constexpr int kRounds = 40;
-  const auto make = [](int round) {
+  constexpr unsigned int kObjects = 300;
+  constexpr unsigned int kRounds = 40;
+  const auto store_round = [this](unsigned int round) {
     std::vector<std::string> objects;
-    for (int i = 1; i <= kObjects; ++i) {
-      objects.push_back(MakeObject(
-          i, "Thing", ".Property(\"Round\").DWord(" + std::to_string(round) + ").End()"));
+    for (unsigned int i = 1; i <= kObjects; ++i) {
+      objects.push_back(".Composite().Trait(\"PrimaryKey\").Guid(" + MakeId(static_cast<int>(i)) +
+                        ").End().Property(\"N\").DWord(" + std::to_string(round) + ").End().End()");
     }
-    return objects;
+    Store(objects);
   };
-  Store(make(0));
+  store_round(0);
   // Opens and closes: the log comes, goes, and stays while a reader is there.
   ChildProcess writer([&] {
-    for (int round = 1; round <= kRounds; ++round) Store(make(round));
+    for (unsigned int round = 1; round <= kRounds; ++round) store_round(round);
     return true;
   });
 
-  class RoundReader final : public Dml::ReportReader {
-   public:
-    void Read(const Por::View::Unit& object) override {
-      ++objects;
-      rounds.insert(
-          Por::Util::GetValue<unsigned int>(Por::Util::GetProperty(object, "Round").GetValue()));
-    }
-    int objects = 0;
-    std::set<unsigned int> rounds;
-  };
   const auto office = Open();
-  std::set<unsigned int> seen;
+  Numbers seen;
   for (bool running = true; running;) {
     running = writer.IsRunning();
-    RoundReader reader;
+    NumberReader reader;
     const Common::Error result = Report(*office, {}, reader);
     ASSERT_EQ(result.GetCode(), 0U) << GetMessages(result);
-    ASSERT_EQ(reader.objects, kObjects);
-    ASSERT_EQ(reader.rounds.size(), 1U);
-    EXPECT_TRUE(seen.empty() || *reader.rounds.begin() >= *seen.rbegin());
-    seen.insert(*reader.rounds.begin());
+    const unsigned int round = reader.numbers.at(0);
+    ASSERT_EQ(reader.numbers, Numbers(kObjects, round));
+    if (seen.empty() || round != seen.back()) seen.push_back(round);
   }
   EXPECT_EQ(writer.Wait(), 0);
-  EXPECT_EQ(*seen.rbegin(), static_cast<unsigned int>(kRounds));
+  EXPECT_TRUE(std::is_sorted(seen.begin(), seen.end()));
+  EXPECT_EQ(seen.back(), kRounds);
   EXPECT_GT(seen.size(), 2U);
 }
 
@@ -370,18 +334,8 @@ TEST_F(StoreFile, AnUnfinishedIndexIsWaitedFor) {
   const unsigned char zeros[96] = {};
   ASSERT_EQ(::pread(index, header, sizeof header, 0), 96);
   ASSERT_EQ(::pwrite(index, zeros, sizeof zeros, 0), 96);
-  try {
-    SqliteStore refused(path_, 50);
-    ADD_FAILURE() << "The store was opened.";
-  } catch (const Common::Error& error) {
-    EXPECT_EQ(error.GetCode(), 0x40017U) << GetMessages(error);
-  }
-  try {
-    store.Select({}, std::atomic<bool>(true));
-    ADD_FAILURE() << "The store was opened.";
-  } catch (const Common::Error& error) {
-    EXPECT_EQ(error.GetCode(), 0xF90002U) << GetMessages(error);
-  }
+  EXPECT_EQ(Catch([&] { SqliteStore(path_, 50); }).GetCode(), 0x40017U);
+  EXPECT_EQ(Catch([&] { store.Select({}, std::atomic<bool>(true)); }).GetCode(), 0xF90002U);
   std::thread finishing([&] {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_EQ(::pwrite(index, header, sizeof header, 0), 96);
@@ -438,13 +392,8 @@ TEST_F(StoreFile, AStoreCutShortIsRefused) {
   for (const auto& [size, code] : std::initializer_list<std::pair<unsigned int, unsigned int>>{
            {40000, 0x4000D}, {16383, 0x4000D}, {5000, 0x4000D}, {50, 0x40007}}) {
     std::filesystem::resize_file(path_, size);
-    try {
-      SqliteStore store(path_);
-      store.List([](const ObjectSummary&) {});
-      ADD_FAILURE() << size;
-    } catch (const Common::Error& error) {
-      EXPECT_EQ(error.GetCode(), code) << size << GetMessages(error);
-    }
+    const auto read = [this] { SqliteStore(path_).List([](const ObjectSummary&) {}); };
+    EXPECT_EQ(Catch(read).GetCode(), code) << size;
   }
 }
 
@@ -475,12 +424,7 @@ TEST_F(StoreFile, AnInterruptedChangeIsToldAndMendedByAWriter) {
   EXPECT_EQ(Match("").size(), 50U);
   // A create loses nothing of it, either.
   DieWithJournal(path_, "UPDATE objects SET data = zeroblob(20000)");
-  try {
-    SqliteStoreWriter::Create(path_);
-    ADD_FAILURE() << "The store was made.";
-  } catch (const Common::Error& error) {
-    EXPECT_EQ(error.GetCode(), 0x40013U);
-  }
+  EXPECT_EQ(Catch([&] { SqliteStoreWriter::Create(path_); }).GetCode(), 0x40013U);
   EXPECT_EQ(Match("").size(), 50U);
 }
 
@@ -500,12 +444,7 @@ TEST_F(StoreFile, CreateTakesWhatACreateLeftThatDied) {
   // A journal doesn't make a text a store.
   std::ofstream(path_) << std::string(1000, 'x');
   std::ofstream(path_ + "-journal") << "x";
-  try {
-    SqliteStoreWriter::Create(path_);
-    ADD_FAILURE() << "The store was made.";
-  } catch (const Common::Error& error) {
-    EXPECT_EQ(error.GetCode(), 0x40013U);
-  }
+  EXPECT_EQ(Catch([&] { SqliteStoreWriter::Create(path_); }).GetCode(), 0x40013U);
   EXPECT_EQ(std::filesystem::file_size(path_), 1000U);
 }
 

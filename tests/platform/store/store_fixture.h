@@ -1,16 +1,12 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sqlite3.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -33,8 +29,12 @@
 #include "enterprise/common/por/unit_helpers.h"
 #include "enterprise/common/por/unit_value_access.h"
 #include "platform/store/sqlite_store_writer.h"
+#include "tests/support/child_process.h"
+#include "tests/support/temporary_folder.h"
 
 namespace Platform::Store {
+
+using TestSupport::ChildProcess;
 
 inline Por::OwnedUnit Parse(const std::string& text) {
   Utils::InMemoryDataReader reader(Common::Utf8ToString(text.c_str()));
@@ -99,41 +99,22 @@ class NumberReader final : public Dml::ReportReader {
   const std::function<void(unsigned int)> on_read_;
 };
 
-// A process that runs `body` and ends with status 0 when that returns true. It is killed, if it
-// still runs, and reaped in any case.
-class ChildProcess : public Common::NonCopyable {
- public:
-  explicit ChildProcess(const std::function<bool()>& body) : id_(::fork()) {
-    if (id_ != 0) return;
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // never outlives the test
-    bool good = false;
-    try {
-      good = body();
-    } catch (...) {
-    }
-    ::_exit(good ? 0 : 1);
+// The error that `action` throws.
+template <class Action>
+Common::Error Catch(Action action) {
+  try {
+    action();
+  } catch (const Common::Error& error) {
+    return error;
   }
-  ~ChildProcess() {
-    if (reaped_) return;
-    ::kill(id_, SIGKILL);
-    ::waitpid(id_, &status_, 0);
-  }
+  ADD_FAILURE() << "Nothing was thrown.";
+  return {};
+}
 
-  bool IsRunning() {
-    if (!reaped_) reaped_ = ::waitpid(id_, &status_, WNOHANG) != 0;
-    return !reaped_;
-  }
-  // The status with which it ended, negative for a signal.
-  int Wait() {
-    if (!reaped_) reaped_ = ::waitpid(id_, &status_, 0) == id_;
-    return WIFEXITED(status_) ? WEXITSTATUS(status_) : -WTERMSIG(status_);
-  }
-
- private:
-  const pid_t id_;
-  bool reaped_ = false;
-  int status_ = 0;
-};
+// Turns root into a user without rights.
+inline bool DropRights() {
+  return ::geteuid() != 0 || ::setresuid(65534, 65534, 65534) == 0;
+}
 
 // Keeps a store locked from the beginning to the end.
 class LockHolder : public Common::NonCopyable {
@@ -154,17 +135,6 @@ class LockHolder : public Common::NonCopyable {
 
 class StoreTest : public testing::Test {
  protected:
-  StoreTest() {
-    char folder[] = "/tmp/store_test.XXXXXX";
-    folder_ = ::mkdtemp(folder);
-    path_ = folder_ + "/objects.db";
-  }
-  ~StoreTest() override {
-    std::error_code ignored;
-    std::filesystem::permissions(folder_, std::filesystem::perms::owner_all, ignored);
-    std::filesystem::remove_all(folder_, ignored);
-  }
-
   // Adds objects to the store, which is made first if there is none.
   void Store(const std::vector<std::string>& objects) {
     if (!std::filesystem::exists(path_)) SqliteStoreWriter::Create(path_);
@@ -246,8 +216,9 @@ class StoreTest : public testing::Test {
     return names;
   }
 
-  std::string folder_;
-  std::string path_;
+  const TestSupport::TemporaryFolder temporary_folder_;
+  const std::string folder_ = temporary_folder_.GetPath();
+  const std::string path_ = folder_ + "/objects.db";
 };
 
 }  // namespace Platform::Store
