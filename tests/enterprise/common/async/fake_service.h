@@ -46,11 +46,9 @@ class FakeService final : public Service, private MetronomeSource, private Metro
   // Returns when all work has ended, also work that was performed by work.
   void Join() {
     for (;;) {
-      std::vector<std::thread> threads;
-      {
-        const std::lock_guard lock(mutex_);
-        threads.swap(threads_);
-      }
+      std::unique_lock lock(mutex_);
+      std::vector<std::thread> threads = std::exchange(threads_, {});
+      lock.unlock();
       if (threads.empty()) return;
       for (std::thread& thread : threads) thread.join();
     }
@@ -60,48 +58,29 @@ class FakeService final : public Service, private MetronomeSource, private Metro
     std::thread([this] { TickHere(); }).join();
   }
   void TickHere() {
-    for (const std::shared_ptr<Wait>& wait : TakeAll()) wait->Tell({});
+    std::unique_lock lock(mutex_);
+    const std::vector<ActionHandler*> told = std::exchange(waiting_, {});
+    lock.unlock();
+    for (ActionHandler* const handler : told) handler->Completed({});
   }
   int waits = 0;
   unsigned int interval = 0;
 
  private:
-  class Wait : public BaseJob {
-   public:
-    Wait(FakeService& service, ActionHandler& handler) : service_(service), handler_(&handler) {}
-    void Cancel() override {
-      if (service_.Take(*this)) Tell(canceled_error.Get());
-    }
-    void Tell(Common::Error result) { handler_->Completed(std::move(result)); }
-
-   private:
-    FakeService& service_;
-    ActionHandler* const handler_;
-  };
-
   Metronome* GetMetronome(unsigned int asked) override {
     interval = asked;
     return this;
   }
   std::shared_ptr<Job> WaitTick(ActionHandler& handler) override {
-    auto wait = std::make_shared<Wait>(*this, handler);
     const std::lock_guard lock(mutex_);
     ++waits;
-    waiting_.push_back(wait);
-    return wait;
-  }
-  std::vector<std::shared_ptr<Wait>> TakeAll() {
-    const std::lock_guard lock(mutex_);
-    return std::exchange(waiting_, {});
-  }
-  bool Take(const Wait& wait) {
-    const std::lock_guard lock(mutex_);
-    for (auto it = waiting_.begin(); it != waiting_.end(); ++it) {
-      if (it->get() != &wait) continue;
-      waiting_.erase(it);
-      return true;
-    }
-    return false;
+    waiting_.push_back(&handler);
+    return std::make_shared<FakeJob>([this, &handler] {
+      std::unique_lock taking(mutex_);
+      if (std::erase(waiting_, &handler) == 0) return;
+      taking.unlock();
+      handler.Completed(canceled_error.Get());
+    });
   }
 
   static inline FakeService* instance = nullptr;
@@ -109,7 +88,7 @@ class FakeService final : public Service, private MetronomeSource, private Metro
   TlsSynchronizationCallbackStorage storage_;
   std::mutex mutex_;
   std::vector<std::thread> threads_;
-  std::vector<std::shared_ptr<Wait>> waiting_;
+  std::vector<ActionHandler*> waiting_;
   bool refuse_work_ = false;
   bool run_work_inside_ = false;
 };

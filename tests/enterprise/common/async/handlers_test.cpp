@@ -1,17 +1,18 @@
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <new>
+#include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
-#include "enterprise/common/async/action_adaptor.h"
 #include "enterprise/common/async/async_error.h"
 #include "enterprise/common/async/custom_action_failure_handler.h"
 #include "enterprise/common/async/delegating_action_handler.h"
 #include "enterprise/common/async/life_cycle_completion.h"
 #include "enterprise/common/async/operation_description.h"
-#include "enterprise/common/async/synchronizer.h"
 #include "enterprise/common/async/waiting_handler.h"
-#include "enterprise/common/async/work.h"
 #include "tests/enterprise/common/async/test_support.h"
 
 namespace Async {
@@ -20,10 +21,11 @@ namespace {
 using Testing::Failure;
 using Testing::FakeHandler;
 using Testing::FakeJob;
+using Testing::JobWithAnEnd;
 using Testing::kFailure;
 using Testing::TraceRecorder;
 
-TEST(WaitingHandler, AutoResetTakesOneResultPerWait) {
+TEST(WaitingHandler, TakesOneResultPerWaitOrKeepsIt) {
   WaitingHandler handler(true);
   handler.Completed(Failure());
   EXPECT_EQ(handler.Wait(nullptr).GetCode(), kFailure);
@@ -31,23 +33,10 @@ TEST(WaitingHandler, AutoResetTakesOneResultPerWait) {
   std::thread other([&] { handler.Completed({}); });
   EXPECT_EQ(handler.Wait(nullptr).GetCode(), 0u);
   other.join();
-}
 
-TEST(WaitingHandler, ManualResetKeepsTheResult) {
-  WaitingHandler handler(false);
-  handler.Completed(Failure());
-  EXPECT_EQ(handler.Wait(nullptr).GetCode(), kFailure);
-  EXPECT_EQ(handler.Wait(nullptr).GetCode(), kFailure);
-}
-
-TEST(Synchronizer, DiesRightAfterWaitWhileCompletedReturns) {
-  for (int turn = 0; turn < 500; ++turn) {
-    auto synchronizer = std::make_unique<Synchronizer>();
-    std::thread other([handler = synchronizer.get()] { handler->Completed(Failure()); });
-    EXPECT_EQ(synchronizer->Wait(nullptr).GetCode(), kFailure);
-    synchronizer.reset();
-    other.join();
-  }
+  WaitingHandler manual(false);
+  manual.Completed(Failure());
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(manual.Wait(nullptr).GetCode(), kFailure);
 }
 
 class ThrowingFilter : public DelegatingActionHandler {
@@ -64,15 +53,12 @@ TEST(DelegatingActionHandler, DeliversTheErrorOfItsFilterInFrontOfTheResult) {
   EXPECT_EQ(target.results[0].GetNextError().GetCode(), kFailure);
 }
 
-TEST(DelegatingActionHandler, LetsExceptionsOfTheDelegateThrough) {
+TEST(DelegatingActionHandler, AssertsADelegateAndLetsItsExceptionsThrough) {
   FakeHandler target;
   target.in_completed = [] { throw Failure(0x98); };
-  DelegatingActionHandler handler(&target);
-  EXPECT_THROW(handler.Completed({}), Common::Error);
+  EXPECT_THROW(DelegatingActionHandler(&target).Completed({}), Common::Error);
   EXPECT_EQ(target.results.size(), 1u);
-}
 
-TEST(DelegatingActionHandler, AssertsADelegate) {
   TraceRecorder traces;
   DelegatingActionHandler(nullptr).Completed({});
   EXPECT_EQ(traces.Assertions(),
@@ -92,52 +78,18 @@ TEST(CustomActionFailureHandler, CallsItsFunctorOnFailuresOnly) {
   EXPECT_EQ(target.results[1].GetCode(), kFailure);
 }
 
-TEST(ActionAdaptor, HandsTheHandlerInAndTheJobOut) {
-  FakeHandler handler;
-  const auto job = std::make_shared<FakeJob>();
-  const auto body = [&](ActionHandler& given) {
-    given.Completed({});
-    return job;
-  };
-  EXPECT_EQ(MakeAction(body)->Perform(handler), job);
-  EXPECT_EQ(ActionRefAdaptor(body).Perform(handler), job);
-  EXPECT_EQ(handler.results.size(), 2u);
-}
-
-TEST(SilentWorkAdaptor, SucceedsAndHoldsItsGuard) {
-  auto guard = std::make_shared<int>(0);
-  const std::weak_ptr<int> watch = guard;
-  auto body = [] {};
-  auto work = std::make_unique<SilentWorkAdaptor<decltype(body), std::shared_ptr<void>>>(
-      body, std::move(guard));
-  EXPECT_EQ(work->Execute().GetCode(), 0u);
-  EXPECT_FALSE(watch.expired());
-  work.reset();
-  EXPECT_TRUE(watch.expired());
-}
-
-class Witness : public FakeJob {
- public:
-  Witness(std::vector<std::string>& log, std::string name) : log_(log), name_(std::move(name)) {}
-  ~Witness() override { log_.push_back(name_); }
-
- private:
-  std::vector<std::string>& log_;
-  std::string name_;
-};
-
 TEST(LifeCycleCompletion, KeepsBothAndDropsTheSecondFirst) {
-  std::vector<std::string> log;
-  std::shared_ptr<Job> job =
-      Detail::CompleteLifeCycle(std::shared_ptr<Job>(std::make_shared<Witness>(log, "object")),
-                                std::shared_ptr<Job>(std::make_shared<Witness>(log, "owned")));
+  std::string log;
+  const auto witness = [&log](const char* name) -> std::shared_ptr<Job> {
+    return std::make_shared<JobWithAnEnd>([&log, name] { log += name; });
+  };
+  std::shared_ptr<Job> job = Detail::CompleteLifeCycle(witness("object "), witness("owned "));
   std::shared_ptr<Job> copy = job;
   job.reset();
-  EXPECT_TRUE(log.empty());
-  copy->Cancel();
+  EXPECT_EQ(log, "");
   const std::weak_ptr<Job> watch = copy;  // keeps the deleter, not what it held
   copy.reset();
-  EXPECT_EQ(log, (std::vector<std::string>{"owned", "object"}));
+  EXPECT_EQ(log, "owned object ");
 }
 
 TEST(StaticErrors, AreOneRecordWithTheirMessage) {
@@ -167,20 +119,18 @@ TEST(OperationDescription, NamesTheOperationAndTheException) {
   EXPECT_EQ(standard.GetCode(), 0xf90007u);
   EXPECT_EQ(standard.GetMessage(),
             u"ASYNC: STD exception 'std::bad_alloc' has occurred during operation 'Perform'.");
-  EXPECT_EQ(description.DescribeUnknownException().GetCode(), 0xf90008u);
-  EXPECT_EQ(description.DescribeUnknownException().GetMessage(),
+  const Common::Error unknown = description.DescribeUnknownException();
+  EXPECT_EQ(unknown.GetCode(), 0xf90008u);
+  EXPECT_EQ(unknown.GetMessage(),
             u"ASYNC: Unknown exception has occurred during operation 'Perform'.");
 }
 
-class ThrowingDescription : public OperationDescription {
- public:
-  Common::Error DescribeException(const Common::Error&) override { throw Failure(1); }
-  Common::Error DescribeStdException(const std::exception&) override { throw Failure(1); }
-  Common::Error DescribeUnknownException() override { throw Failure(1); }
-};
-
 TEST(OperationDescription, SafeOneFallsBack) {
-  ThrowingDescription throwing;
+  class : public OperationDescription {
+    Common::Error DescribeException(const Common::Error&) override { throw Failure(1); }
+    Common::Error DescribeStdException(const std::exception&) override { throw Failure(1); }
+    Common::Error DescribeUnknownException() override { throw Failure(1); }
+  } throwing;
   SafeOperationDescription safe(throwing);
   EXPECT_EQ(safe.DescribeException(Failure()).GetCode(), kFailure);
   EXPECT_EQ(safe.DescribeStdException(std::bad_alloc()).GetCode(), Common::kOutOfMemoryCode);
@@ -192,9 +142,8 @@ TEST(BaseJob, CountsUpAndDescribesItself) {
   FakeJob second;
   EXPECT_GE(first.GetId(), 1u);
   EXPECT_EQ(second.GetId(), first.GetId() + 1);
-  const JobDescription description = first.Describe();
-  EXPECT_EQ(description.text, u"ASYNC: Unidentified job.");
-  EXPECT_STREQ(description.tag.function, "Describe");
+  EXPECT_EQ(first.Describe().text, u"ASYNC: Unidentified job.");
+  EXPECT_STREQ(first.Describe().tag.function, "Describe");
 }
 
 }  // namespace

@@ -26,7 +26,7 @@ InterleavingExplorer::~InterleavingExplorer() {
 }
 
 void InterleavingExplorer::Loop(int number) {
-  Thread& self = threads_[static_cast<std::size_t>(number)];
+  Thread& self = At(number);
   for (;;) {
     self.go.acquire();
     if (!self.body) return;
@@ -35,12 +35,7 @@ void InterleavingExplorer::Loop(int number) {
     current = -1;
     self.done = true;
     self.remembered = self.glance = 0;
-    const int next = PickNext(number);
-    if (next < 0) {
-      ended_.release();
-    } else {
-      threads_[static_cast<std::size_t>(next)].go.release();
-    }
+    Resume(PickNext(number));
   }
 }
 
@@ -67,14 +62,16 @@ void InterleavingExplorer::RunSchedule() {
   preemptions_ = 0;
   trail_.clear();
   std::vector<std::function<void()>> bodies = scenario_->Threads();
-  for (std::size_t i = 0; i < kMaxThreads; ++i) {
-    threads_[i].done = i >= bodies.size();
-    threads_[i].ready = nullptr;
-    threads_[i].remembered = threads_[i].glance = 0;
-    if (i < bodies.size()) threads_[i].body = std::move(bodies[i]);
+  for (std::size_t i = 0; i < bodies.size(); ++i) {
+    threads_[i].body = std::move(bodies[i]);
+    threads_[i].done = false;
   }
-  threads_[static_cast<std::size_t>(PickNext(-1))].go.release();
+  Resume(PickNext(-1));
   ended_.acquire();
+}
+
+void InterleavingExplorer::Resume(int number) {
+  (number < 0 ? ended_ : At(number).go).release();
 }
 
 void InterleavingExplorer::Point() {
@@ -82,12 +79,12 @@ void InterleavingExplorer::Point() {
   const int self = current;
   const int next = PickNext(self);
   if (next == self) return;
-  threads_[static_cast<std::size_t>(next)].go.release();
-  threads_[static_cast<std::size_t>(self)].go.acquire();
+  Resume(next);
+  At(self).go.acquire();
 }
 
 void InterleavingExplorer::Await(const std::function<bool()>& ready) {
-  Thread& self = threads_[static_cast<std::size_t>(current)];
+  Thread& self = At(current);
   self.ready = ready;
   Point();
   self.ready = nullptr;
@@ -96,18 +93,17 @@ void InterleavingExplorer::Await(const std::function<bool()>& ready) {
 
 void InterleavingExplorer::Remember(std::uint64_t value) {
   if (current < 0) return;
-  Thread& self = threads_[static_cast<std::size_t>(current)];
+  Thread& self = At(current);
   self.remembered = Mix(self.remembered, value + 1);
   self.glance = 0;
 }
 
 void InterleavingExplorer::Glance(std::uint64_t value) {
-  if (current < 0) return;
-  threads_[static_cast<std::size_t>(current)].glance = value + 1;
+  if (current >= 0) At(current).glance = value + 1;
 }
 
 std::uint64_t InterleavingExplorer::History() const {
-  return current < 0 ? 0 : threads_[static_cast<std::size_t>(current)].remembered;
+  return current < 0 ? 0 : At(current).remembered;
 }
 
 int InterleavingExplorer::Current() const {
@@ -121,7 +117,7 @@ int InterleavingExplorer::PickNext(int running) {
   for (int step = -1; step < static_cast<int>(kMaxThreads); ++step) {
     const int number = step < 0 ? running : step;
     if (number < 0 || (step >= 0 && number == running)) continue;
-    const Thread& thread = threads_[static_cast<std::size_t>(number)];
+    const Thread& thread = At(number);
     if (thread.done) continue;
     all_done = false;
     if (!thread.ready || thread.ready()) enabled.push_back(number);

@@ -85,10 +85,13 @@ class InterleavingExplorer {
     std::size_t index = 0;
   };
 
+  Thread& At(int number) { return threads_[static_cast<std::size_t>(number)]; }
+  const Thread& At(int number) const { return threads_[static_cast<std::size_t>(number)]; }
   void Loop(int number);
   void RunSchedule();
   // Picks who runs next; -1 when all have ended.
   int PickNext(int running);
+  void Resume(int number);
   int Choose(std::vector<int> enabled, int running);
   bool NextSchedule();
   std::string Trail() const;

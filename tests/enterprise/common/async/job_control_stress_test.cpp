@@ -1,7 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <memory>
+#include <semaphore>
 #include <thread>
+#include <utility>
 
 #include "enterprise/common/async/async_error.h"
 #include "enterprise/common/async/job_control.h"
@@ -11,71 +14,56 @@
 namespace Async {
 namespace {
 
-using Testing::Failure;
+using Testing::FakeAction;
+using Testing::FakeJob;
 using Testing::TraceRecorder;
 
-// A thread that completes what it is given, at once or after the giver has gone on.
-class Completer {
+// Performs what a thread of its own completes, at once or after the caller has gone on.
+class CompletedElsewhere : public FakeAction {
  public:
-  ~Completer() {
-    Give(reinterpret_cast<ActionHandler*>(1));
-    thread_.join();
+  CompletedElsewhere()
+      : FakeAction([this](ActionHandler& handler) {
+          handler_ = &handler;
+          given_.release();
+          return std::make_shared<FakeJob>([this] { canceled_ = true; });
+        }) {}
+  ~CompletedElsewhere() override {
+    handler_ = nullptr;
+    given_.release();
   }
-
-  void Give(ActionHandler* handler) {
-    given_.store(handler);
-    given_.notify_one();
-  }
-  void AskToCancel() { canceled_ = true; }
 
  private:
   void Loop() {
     for (;;) {
-      given_.wait(nullptr);
-      ActionHandler* const handler = given_.exchange(nullptr);
-      if (handler == reinterpret_cast<ActionHandler*>(1)) return;
-      handler->Completed(canceled_.exchange(false) ? canceled_error.Get() : Common::Error());
+      given_.acquire();
+      if (handler_ == nullptr) return;
+      handler_->Completed(canceled_.exchange(false) ? canceled_error.Get() : Common::Error());
     }
   }
 
-  std::atomic<ActionHandler*> given_{nullptr};
+  std::binary_semaphore given_{0};
+  ActionHandler* handler_ = nullptr;
   std::atomic<bool> canceled_{false};
-  std::thread thread_{[this] { Loop(); }};
+  std::jthread thread_{[this] { Loop(); }};
 };
 
-class CompleterJob : public BaseJob {
- public:
-  explicit CompleterJob(Completer& completer) : completer_(completer) {}
-  void Cancel() override { completer_.AskToCancel(); }
-
- private:
-  Completer& completer_;
-};
-
-class Gate : public ActionHandler {
+class CountingSynchronizer : public Synchronizer {
  public:
   void Completed(Common::Error result) override {
     ++told;
-    synchronizer.Completed(std::move(result));
+    Synchronizer::Completed(std::move(result));
   }
-
   std::atomic<int> told{0};
-  Synchronizer synchronizer;
 };
 
 // Runs on one thread, ends on a second, cancels on two more. For the thread sanitizer above all;
 // the orders themselves are explored one by one elsewhere.
 TEST(JobControlStress, EveryRunIsToldOnce) {
-  constexpr int kRuns = 3000;
   TraceRecorder traces;
   JobControl control;
   std::atomic<bool> stop{false};
   {
-    Completer completer;
-    Testing::FakeAction action([&](ActionHandler& handler) -> std::shared_ptr<Job> {
-      completer.Give(&handler);
-      return std::make_shared<CompleterJob>(completer);
-    });
+    CompletedElsewhere action;
     const auto cancel = [&] {
       for (int turn = 0; !stop; ++turn) {
         if (turn % 8 == 0) control.Cancel();
@@ -84,12 +72,12 @@ TEST(JobControlStress, EveryRunIsToldOnce) {
     };
     std::jthread first(cancel);
     std::jthread second(cancel);
-    for (int run = 0; run < kRuns; ++run) {
-      Gate gate;
-      control.Run(action, gate, nullptr);
-      const Common::Error result = gate.synchronizer.Wait(nullptr);
+    for (int run = 0; run < 3000; ++run) {
+      CountingSynchronizer handler;
+      control.Run(action, handler, nullptr);
+      const Common::Error result = handler.Wait(nullptr);
       EXPECT_TRUE(!result.IsFailure() || result.HoldsCode(kCanceledCode));
-      EXPECT_EQ(gate.told, 1);
+      EXPECT_EQ(handler.told, 1);
     }
     stop = true;
   }
@@ -97,19 +85,16 @@ TEST(JobControlStress, EveryRunIsToldOnce) {
   EXPECT_TRUE(traces.Assertions().empty());
 }
 
-// The thread that told the handler is still on its way out of the control.
-TEST(JobControlStress, TheControlMayDieRightAfterTheWait) {
+// The thread that told the handler is still on its way out of both.
+TEST(JobControlStress, TheControlAndItsHandlerMayDieRightAfterTheWait) {
   TraceRecorder traces;
-  Completer completer;
-  Testing::FakeAction action([&](ActionHandler& handler) -> std::shared_ptr<Job> {
-    completer.Give(&handler);
-    return std::make_shared<CompleterJob>(completer);
-  });
+  CompletedElsewhere action;
   for (int run = 0; run < 2000; ++run) {
     auto control = std::make_unique<JobControl>();
-    Synchronizer synchronizer;
-    control->Run(action, synchronizer, nullptr);
-    EXPECT_EQ(synchronizer.Wait(nullptr).GetCode(), 0u);
+    auto handler = std::make_unique<Synchronizer>();
+    control->Run(action, *handler, nullptr);
+    EXPECT_EQ(handler->Wait(nullptr).GetCode(), 0u);
+    handler.reset();
     control.reset();
   }
   EXPECT_TRUE(traces.Assertions().empty());

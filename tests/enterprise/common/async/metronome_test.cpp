@@ -2,17 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
-#include <functional>
 #include <memory>
 #include <new>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
-#include "core/common/unix/event.h"
-#include "core/common/unix/trace.h"
 #include "enterprise/common/async/async_error.h"
 #include "enterprise/common/async/synchronization_fork.h"
 #include "tests/enterprise/common/async/fake_service.h"
@@ -28,8 +25,6 @@ using Testing::FakeService;
 using Testing::kFailure;
 using Testing::TraceRecorder;
 
-constexpr char kAssertionFile[] = "enterprise/common/async/metronome";
-
 class Listener : public MetronomeListener {
  public:
   bool Tick() override {
@@ -40,25 +35,17 @@ class Listener : public MetronomeListener {
 };
 
 // A metronome that the test is.
-class FakeMetronome final : public Metronome {
+class FakeMetronome final : public Metronome, public FakeAction {
  public:
-  explicit FakeMetronome(FakeAction::Body body) : body_(std::move(body)) {}
-
-  std::shared_ptr<Job> WaitTick(ActionHandler& handler) override {
-    ++waits;
-    return body_(handler);
-  }
-  int waits = 0;
-
- private:
-  FakeAction::Body body_;
+  using FakeAction::FakeAction;
+  std::shared_ptr<Job> WaitTick(ActionHandler& handler) override { return Perform(handler); }
 };
 
-void ExpectOneAssertion(const TraceRecorder& traces, const std::string& expression,
-                        const std::string& line) {
-  EXPECT_EQ(traces.AssertionTexts(),
-            std::vector<std::string>{"Assertion failed: " + expression + ", file " +
-                                     kAssertionFile + ", line " + line});
+FakeMetronome MetronomeThatTells(const Common::Error& result) {
+  return FakeMetronome([result](ActionHandler& handler) {
+    handler.Completed(result);
+    return nullptr;
+  });
 }
 
 TEST(MetronomeListenerTest, StopsAtOnceBeforeItsStartAndAfterItsEnd) {
@@ -72,89 +59,52 @@ TEST(MetronomeListenerTest, StopsAtOnceBeforeItsStartAndAfterItsEnd) {
   EXPECT_TRUE(listener.Start(&metronome));
   EXPECT_EQ(listener.ticks, 0);
   waiting->Completed({});
-  EXPECT_EQ(listener.ticks, 1);
   listener.Stop();
   listener.Stop();
   EXPECT_EQ(listener.ticks, 1);
 }
 
 TEST(MetronomeListenerTest, StartsOnceInItsLife) {
-  FakeMetronome metronome([](ActionHandler& handler) {
-    handler.Completed({});
-    return std::make_shared<FakeJob>();
-  });
+  FakeMetronome metronome = MetronomeThatTells({});
   Listener listener;
   EXPECT_TRUE(listener.Start(&metronome));  // the whole wait runs inside
   EXPECT_EQ(listener.ticks, 1);
   TraceRecorder traces;
   EXPECT_FALSE(listener.Start(&metronome));
-  EXPECT_EQ(metronome.waits, 1);
-  ExpectOneAssertion(traces, "!\"Metronome logic broken.\"", "91");
+  EXPECT_EQ(metronome.performs, 1);
+  EXPECT_EQ(traces.AssertionTexts(),
+            std::vector<std::string>{"Assertion failed: !\"Metronome logic broken.\", file "
+                                     "enterprise/common/async/metronome, line 91"});
   listener.Stop();
 }
 
-TEST(MetronomeListenerTest, OnlySuccessIsATick) {
+// A Stop behind any of them would wait for good if it were not told.
+TEST(MetronomeListenerTest, NothingButSuccessTicksAndEveryEndReleasesTheStop) {
   for (const std::uint32_t code : {kFailure, kCanceledCode}) {
-    FakeMetronome metronome([code](ActionHandler& handler) {
-      handler.Completed(Failure(code));
-      return nullptr;
-    });
+    FakeMetronome metronome = MetronomeThatTells(Failure(code));
     Listener listener;
     EXPECT_TRUE(listener.Start(&metronome));
     listener.Stop();
     EXPECT_EQ(listener.ticks, 0);
   }
-}
-
-TEST(MetronomeListenerTest, AMetronomeThatThrowsLeavesNothingToStop) {
   Listener refused;
   FakeMetronome fails([](ActionHandler&) -> std::shared_ptr<Job> { throw Failure(); });
   EXPECT_TRUE(refused.Start(&fails));
   refused.Stop();
-
   Listener starved;
   FakeMetronome no_memory([](ActionHandler&) -> std::shared_ptr<Job> { throw std::bad_alloc(); });
   EXPECT_THROW(starved.Start(&no_memory), std::bad_alloc);
   starved.Stop();
   EXPECT_EQ(refused.ticks + starved.ticks, 0);
-}
 
-TEST(MetronomeListenerTest, ATickThatThrowsReleasesTheStop) {
-  class Throwing : public MetronomeListener {
-   public:
+  class : public MetronomeListener {
     bool Tick() override { throw Failure(); }
-  };
-  FakeMetronome metronome([](ActionHandler& handler) {
-    handler.Completed({});
-    return nullptr;
-  });
-  Throwing listener;
+  } throwing;
+  FakeMetronome metronome = MetronomeThatTells({});
   TraceRecorder traces;
-  EXPECT_TRUE(listener.Start(&metronome));
-  listener.Stop();
+  EXPECT_TRUE(throwing.Start(&metronome));
+  throwing.Stop();
   EXPECT_FALSE(traces.Errors().empty());
-}
-
-TEST(MetronomeListenerTest, ASecondStopAssertsAndLeavesTheFirstOneItsEvent) {
-  // The wait heeds no cancel until the test tells its end.
-  ActionHandler* waiting = nullptr;
-  Common::Event canceled(false, false);
-  FakeMetronome metronome([&](ActionHandler& handler) {
-    waiting = &handler;
-    return std::make_shared<FakeJob>([&canceled] { canceled.Set(); });
-  });
-  Listener listener;
-  EXPECT_TRUE(listener.Start(&metronome));
-  std::thread first([&listener] { listener.Stop(); });
-  canceled.Wait();  // the first one has stored its event
-  {
-    TraceRecorder traces;
-    listener.Stop();
-    ExpectOneAssertion(traces, "State == StateWorking", "112");
-  }
-  waiting->Completed(Failure(kCanceledCode));
-  first.join();
-  EXPECT_EQ(listener.ticks, 0);
 }
 
 TEST(MetronomeListenerTest, NoTickRunsOnceAStopHasReturned) {
@@ -183,19 +133,19 @@ TEST(MetronomeListenerTest, NoTickRunsOnceAStopHasReturned) {
 // Its work counts, and fails if told to.
 class Fork : public SynchronizationFork {
  public:
-  explicit Fork(bool needed) : needed_(needed) {}
   ~Fork() override { Stop(); }
 
-  bool IsForkNeeded() override { return needed_; }
+  bool IsForkNeeded() override { return needed; }
   std::unique_ptr<Work> CreateWork() override {
     ++created;
     if (no_work) return nullptr;
     return std::make_unique<CountingWork>(*this);
   }
 
-  int created = 0;
+  bool needed = true;
   bool no_work = false;
   Common::Error result;
+  int created = 0;
   int executed = 0;
   int destroyed = 0;
   std::thread::id thread;
@@ -214,43 +164,28 @@ class Fork : public SynchronizationFork {
    private:
     Fork& fork_;
   };
-
-  const bool needed_;
 };
 
-// Level 1 is below the threshold of the process otherwise.
-class DebugTraces {
- public:
-  DebugTraces() { Common::SetTraceThreshold(Common::kTraceDebug); }
-  ~DebugTraces() { Common::SetTraceThreshold(former_); }
-
-  // How often a failure of a fake was traced, at level 1.
-  std::size_t Failures() const {
-    std::size_t count = 0;
-    for (const TraceRecorder::Line& line : recorder.OfLevel(1)) count += line.code == kFailure;
-    return count;
-  }
-
-  TraceRecorder recorder;
-
- private:
-  const unsigned int former_ = Common::GetTraceThreshold();
-};
+// How often a failure of a fake was traced, at the debug level.
+std::ptrdiff_t CountFailures(const TraceRecorder& traces) {
+  const std::vector<TraceRecorder::Line> lines = traces.OfLevel(Common::kTraceDebug);
+  return std::count_if(lines.begin(), lines.end(),
+                       [](const auto& line) { return line.code == kFailure; });
+}
 
 TEST(SynchronizationForkTest, CreatesWorkOnlyWhenNeeded) {
-  Fork idle(false);
-  EXPECT_FALSE(idle.Invoke(nullptr));
-  EXPECT_EQ(idle.created, 0);
-
-  Fork without(true);
-  without.no_work = true;
-  EXPECT_FALSE(without.Invoke(nullptr));
-  EXPECT_EQ(without.created, 1);
-  EXPECT_EQ(without.executed, 0);
+  Fork fork;
+  fork.needed = false;
+  EXPECT_FALSE(fork.Invoke(nullptr));
+  EXPECT_EQ(fork.created, 0);
+  fork.needed = fork.no_work = true;
+  EXPECT_FALSE(fork.Invoke(nullptr));
+  EXPECT_EQ(fork.created, 1);
+  EXPECT_EQ(fork.executed, 0);
 }
 
 TEST(SynchronizationForkTest, ASuppressedTickIsCountedOnly) {
-  Fork fork(true);
+  Fork fork;
   fork.SuppressCount = 1;
   EXPECT_TRUE(fork.Tick());
   EXPECT_EQ(fork.CallCount, 1u);
@@ -262,60 +197,45 @@ TEST(SynchronizationForkTest, ASuppressedTickIsCountedOnly) {
 }
 
 TEST(SynchronizationForkTest, WithoutAServiceTheWorkRunsOnTheSpot) {
-  DebugTraces traces;
-  Fork fork(true);
+  TraceRecorder traces;
+  Fork fork;
   fork.Arm();  // nothing to arm
   EXPECT_FALSE(fork.Invoke(nullptr));
   EXPECT_EQ(fork.executed, 1);
   EXPECT_EQ(fork.destroyed, 1);
   EXPECT_EQ(fork.thread, std::this_thread::get_id());
-  EXPECT_EQ(traces.Failures(), 0u);
+  EXPECT_EQ(CountFailures(traces), 0);
   fork.result = Failure();
   EXPECT_FALSE(fork.Invoke(nullptr));
   EXPECT_EQ(fork.executed, 2);
-  EXPECT_EQ(traces.Failures(), 1u);
+  EXPECT_EQ(CountFailures(traces), 1);
 }
 
 TEST(SynchronizationForkTest, AServiceTakesTheWorkAndItsFailureIsTraced) {
-  DebugTraces traces;
-  auto service = std::make_unique<FakeService>();
-  {
-    Fork fork(true);
-    fork.result = Failure();
-    EXPECT_FALSE(fork.Invoke(nullptr));
-    service->Join();
-    EXPECT_EQ(fork.executed, 1);
-    EXPECT_EQ(fork.destroyed, 1);
-    EXPECT_NE(fork.thread, std::this_thread::get_id());
-    EXPECT_EQ(traces.Failures(), 1u);
-
-    // Told inside PerformWork: the work dies there, once.
-    service->RunWorkInside();
-    EXPECT_FALSE(fork.Invoke(nullptr));
-    EXPECT_EQ(fork.executed, 2);
-    EXPECT_EQ(fork.destroyed, 2);
-    EXPECT_EQ(traces.Failures(), 2u);
-
-    // Not taken: the work is lost, and its failure told to the trace alone.
-    service->RefuseWork();
-    EXPECT_FALSE(fork.Invoke(nullptr));
-    EXPECT_EQ(fork.executed, 2);
-    EXPECT_EQ(fork.destroyed, 3);
-    EXPECT_GE(traces.recorder.Errors().size(), 1u);
-  }
-}
-
-TEST(SynchronizationForkTest, AnArmedForkIsOneNotificationAtTheTick) {
+  TraceRecorder traces;
   FakeService service;
-  Fork fork(true);
-  fork.Arm();
-  EXPECT_EQ(service.waits, 1);
-  EXPECT_EQ(service.interval, 60u);
-  EXPECT_EQ(fork.created, 0);
-  service.Tick();
+  Fork fork;
+  fork.result = Failure();
+  EXPECT_FALSE(fork.Invoke(nullptr));
   service.Join();
-  EXPECT_EQ(fork.CallCount, 1u);
   EXPECT_EQ(fork.executed, 1);
+  EXPECT_EQ(fork.destroyed, 1);
+  EXPECT_NE(fork.thread, std::this_thread::get_id());
+  EXPECT_EQ(CountFailures(traces), 1);
+
+  // Told inside PerformWork: the work dies there, once.
+  service.RunWorkInside();
+  EXPECT_FALSE(fork.Invoke(nullptr));
+  EXPECT_EQ(fork.executed, 2);
+  EXPECT_EQ(fork.destroyed, 2);
+  EXPECT_EQ(CountFailures(traces), 2);
+
+  // Not taken: the work is lost, and its failure told to the trace alone.
+  service.RefuseWork();
+  EXPECT_FALSE(fork.Invoke(nullptr));
+  EXPECT_EQ(fork.executed, 2);
+  EXPECT_EQ(fork.destroyed, 3);
+  EXPECT_GE(traces.Errors().size(), 1u);
 }
 
 }  // namespace

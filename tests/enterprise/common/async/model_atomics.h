@@ -1,9 +1,38 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
 #include <unordered_set>
+#include <vector>
 
 #include "core/common/non_copyable.h"
+#ifdef PLANTED_FAULTS
+namespace Async {
+
+// What is wrong in the copies of the production sources that the build makes, to prove that the
+// explorer finds such faults.
+enum class PlantedFault {
+  kNone,
+  kOwnerStays,        // the thread that leaves the loop of a sequence stays its owner
+  kFinishBeforeTick,  // a listener's wait is over before its tick
+  kRowDropped,        // the change CANCELLING to CANCELLING_COMPLETED is refused
+  kTellsFirst,        // the handler is told before the control is free
+};
+
+}  // namespace Async
+
+#include "planted/job_control_inl.h"
+#include "planted/metronome_inl.h"
+#include "planted/tail_recursion_inl.h"
+#else
+#include "enterprise/common/async/job_control_inl.h"
+#include "enterprise/common/async/metronome_inl.h"
+#include "enterprise/common/async/tail_recursion_inl.h"
+#endif
 #include "tests/enterprise/common/async/interleaving_explorer.h"
 
 namespace Async::Testing {
@@ -42,8 +71,10 @@ class ModelObject : public Common::NonCopyable {
     if (!Live().contains(const_cast<ModelObject*>(this)))
       explorer->Abort("something is used behind its end");
   }
-  void NoteRead() const {
-    if (explorer != nullptr) explorer->Remember(history_);
+  // The thread has looked at what is here, or has failed to change it; it keeps nothing of that
+  // beyond its next look.
+  void NoteGlance(bool seen) const {
+    if (explorer != nullptr) explorer->Glance(seen ? InterleavingExplorer::Mix(id_, history_) : 0);
   }
   void NoteWrite() {
     if (explorer == nullptr) return;
@@ -71,19 +102,24 @@ class ModelObject : public Common::NonCopyable {
 
 // In the place of ThreadAtomics.
 struct ModelAtomics {
+#ifdef PLANTED_FAULTS
+  static inline PlantedFault fault = PlantedFault::kNone;
+#endif
+
+  // The state word of a control, whose event steps look again after each change that failed.
   class Word : ModelObject {
    public:
     explicit Word(std::uintptr_t value) : value_(value) {}
 
     std::uintptr_t load() const {
       Enter();
-      NoteRead();
+      NoteGlance(true);
       return value_;
     }
     bool compare_exchange_strong(std::uintptr_t& expected, std::uintptr_t desired) {
       Enter();
       if (value_ != expected) {
-        NoteRead();
+        NoteGlance(false);
         return false;
       }
       value_ = desired;
@@ -139,9 +175,63 @@ struct ModelAtomics {
     bool set_;
   };
 
+  // Correct users never come here.
   static void Pause() {
     ModelObject::explorer->Abort("an event meets a run that is being finished");
   }
 };
+
+inline InterleavingExplorer& Explorer() {
+  return *ModelObject::explorer;
+}
+
+inline std::uint64_t MixAll(std::uint64_t hash, const std::vector<int>& values) {
+  for (const int value : values) {
+    hash = InterleavingExplorer::Mix(hash, static_cast<std::uint64_t>(value));
+  }
+  return hash;
+}
+
+class ModelScenario : public InterleavingExplorer::Scenario {
+ protected:
+  static void Expect(bool good, const char* rule) {
+    if (!good) Explorer().Fail(std::string("broken: ") + rule);
+  }
+};
+
+// All interleavings of the scenario with at most `preemptions` changes of thread that nothing
+// forces. The first failure with its schedule; empty if there is none.
+template <class Scenario, class Situation>
+std::string Explore(const Situation& situation,
+                    int preemptions = InterleavingExplorer::kUnbounded) {
+  InterleavingExplorer all;
+  const std::string failure = all.Explore(
+      [&] {
+        ModelObject::Begin(all);
+        return std::make_unique<Scenario>(situation);
+      },
+      preemptions);
+  ModelObject::explorer = nullptr;
+  testing::Test::RecordProperty("schedules", static_cast<int>(all.Schedules()));
+  // Far fewer would mean that the threads no longer meet.
+  EXPECT_TRUE(all.Schedules() >= Scenario::kFewestSchedules || !failure.empty());
+  return failure;
+}
+
+#ifdef PLANTED_FAULTS
+// The scenario ends the process where it meets the fault, and passes without it.
+template <class Scenario, class Situation>
+void ExpectFound(PlantedFault fault, const char* finding, const Situation& situation,
+                 int preemptions = InterleavingExplorer::kUnbounded) {
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  EXPECT_DEATH(
+      {
+        ModelAtomics::fault = fault;
+        Explore<Scenario>(situation, preemptions);
+      },
+      std::string(finding) + "; schedule 0");
+  EXPECT_EQ(Explore<Scenario>(situation, preemptions), "");
+}
+#endif
 
 }  // namespace Async::Testing

@@ -3,11 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "enterprise/common/async/service.h"
 #include "enterprise/common/async/waiting_handler.h"
+#include "tests/enterprise/common/async/fake_service.h"
 #include "tests/enterprise/common/async/test_support.h"
 
 namespace Async {
@@ -70,17 +69,6 @@ TEST_F(CallbackChain, ATrueResultHidesTheOuterOnes) {
   EXPECT_EQ(Notified(), "a");
 }
 
-TEST_F(CallbackChain, BelongsToItsThread) {
-  LoggingCallback callback(log_, 'a');
-  std::string other;
-  std::thread([&] {
-    LoggingCallback own(other, 'o');
-    NotifySynchronization(nullptr);
-  }).join();
-  EXPECT_EQ(other, "o");
-  EXPECT_EQ(log_, "");
-}
-
 TEST_F(CallbackChain, ASuppressedCallbackStopsTheWalkAndCounts) {
   LoggingCallback outer(log_, 'a');
   LoggingCallback middle(log_, 'b');
@@ -135,32 +123,15 @@ TEST_F(CallbackChain, ASecondNextIsAssertedAndStored) {
   EXPECT_EQ(inner.GetNext(), &outer);
 }
 
-TEST_F(CallbackChain, PopOfAnEmptyChainIsNull) {
-  EXPECT_EQ(GetSynchronizationCallbackStorage()->Pop(), nullptr);
-  EXPECT_EQ(GetSynchronizationCallbackStorage()->Current(), nullptr);
-}
-
-// A process with a service keeps the chains in the service's storage.
-class FakeService final : public Service {
- public:
-  std::shared_ptr<Job> PerformWork(Work&, ActionHandler&) override { return nullptr; }
-  SynchronizationCallbackStorage* GetSynchronizationCallbackStorage() override { return &storage; }
-  MetronomeSource* GetMetronomeSource() override { return nullptr; }
-
-  TlsSynchronizationCallbackStorage storage;
-};
-
 TEST_F(CallbackChain, LivesInTheStorageOfTheService) {
-  static FakeService service;
+  EXPECT_EQ(GetSynchronizationCallbackStorage()->Pop(), nullptr);
   LoggingCallback without(log_, 'a');
-  ASSERT_EQ(SetServiceProvider([](Service** place) { *place = &service; }), nullptr);
   {
+    Testing::FakeService service;
     LoggingCallback with(log_, 'b');
-    EXPECT_EQ(service.storage.Current(), &with);
+    EXPECT_EQ(service.GetSynchronizationCallbackStorage()->Current(), &with);
     EXPECT_EQ(Notified(), "b");
   }
-  SetServiceProvider(nullptr);
-  EXPECT_EQ(service.storage.Current(), nullptr);
   EXPECT_EQ(Notified(), "a");
 }
 

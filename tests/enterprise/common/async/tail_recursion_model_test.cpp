@@ -8,47 +8,14 @@
 #include <vector>
 
 #include "enterprise/common/async/async_error.h"
-#ifdef PLANTED_FAULTS
-#include "tests/enterprise/common/async/planted_fault.h"
-// Keep this order.
-#include "planted/job_control_inl.h"
-#include "planted/metronome_inl.h"
-#include "planted/tail_recursion_inl.h"
-#else
-#include "enterprise/common/async/job_control_inl.h"
-#include "enterprise/common/async/metronome_inl.h"
-#include "enterprise/common/async/tail_recursion_inl.h"
-#endif
 #include "enterprise/common/async/service.h"
-#include "tests/enterprise/common/async/interleaving_explorer.h"
 #include "tests/enterprise/common/async/model_atomics.h"
 #include "tests/enterprise/common/async/test_support.h"
 
 namespace Async {
 namespace {
 
-using Testing::Failure;
-using Testing::InterleavingExplorer;
-using Testing::ModelObject;
-using Testing::TraceRecorder;
-
-// A type of this file: the templates made with it are those included here.
-struct ModelAtomics : Testing::ModelAtomics {
-#ifdef PLANTED_FAULTS
-  static inline PlantedFault fault = PlantedFault::kNone;
-#endif
-};
-
-InterleavingExplorer& Explorer() {
-  return *ModelObject::explorer;
-}
-
-std::uint64_t MixAll(std::uint64_t hash, const std::vector<int>& values) {
-  for (const int value : values) {
-    hash = InterleavingExplorer::Mix(hash, static_cast<std::uint64_t>(value));
-  }
-  return hash;
-}
+using namespace Testing;
 
 // How the wait for a tick takes its cancel.
 enum WaitKind {
@@ -84,7 +51,7 @@ class ModelService final : public Service, private MetronomeSource, private Metr
     std::uint64_t hash = 0;
     for (const Entry& entry : queue_) hash = InterleavingExplorer::Mix(hash, entry.hash);
     for (const auto& wait : waiting_) {
-      hash = InterleavingExplorer::Mix(InterleavingExplorer::Mix(hash, wait->hash), wait->canceled);
+      hash = MixAll(InterleavingExplorer::Mix(hash, wait->hash), {wait->canceled});
     }
     return hash;
   }
@@ -122,6 +89,7 @@ class ModelService final : public Service, private MetronomeSource, private Metr
 
   std::shared_ptr<Job> WaitTick(ActionHandler& handler) override {
     if (kind_ == kTicksAtOnce) {
+      Explorer().Remember(23);
       handler.Completed({});
       return nullptr;
     }
@@ -152,27 +120,6 @@ class ModelService final : public Service, private MetronomeSource, private Metr
   std::deque<std::shared_ptr<Wait>> waiting_;
 };
 
-ModelService* service = nullptr;  // of the scenario; null: without one
-
-class ModelScenario : public InterleavingExplorer::Scenario {
- public:
-  ModelScenario() {
-    former_ = SetServiceProvider([](Service** out) { *out = service; });
-  }
-  ~ModelScenario() override {
-    service = nullptr;
-    SetServiceProvider(former_);
-  }
-
- protected:
-  static void Expect(bool good, const char* rule) {
-    if (!good) Explorer().Fail(std::string("broken: ") + rule);
-  }
-
- private:
-  ServiceProvider former_;
-};
-
 // One listener of one wait. Thread 0 owns it, thread 1 ticks, thread 2 may stop it too.
 struct ListenerSituation {
   WaitKind kind;
@@ -181,6 +128,8 @@ struct ListenerSituation {
 
 class ListenerScenario : public ModelScenario {
  public:
+  static constexpr std::size_t kFewestSchedules = 20;
+
   explicit ListenerScenario(const ListenerSituation& situation)
       : situation_(situation),
         service_(situation.kind),
@@ -201,16 +150,13 @@ class ListenerScenario : public ModelScenario {
   }
 
  private:
-  class Listener : public BasicMetronomeListener<ModelAtomics> {
-   public:
-    explicit Listener(ListenerScenario& scenario) : scenario_(scenario) {}
+  struct Listener : BasicMetronomeListener<ModelAtomics> {
+    explicit Listener(ListenerScenario& owner) : scenario(owner) {}
     bool Tick() override {
-      scenario_.RunTick();
+      scenario.RunTick();
       return false;
     }
-
-   private:
-    ListenerScenario& scenario_;
+    ListenerScenario& scenario;
   };
 
   int WantedStops() const { return situation_.second_stop ? 2 : 1; }
@@ -271,15 +217,19 @@ struct SequenceSituation {
 // 1 completes steps, one runs the work of the service, one ticks, one cancels.
 class SequenceScenario : public ModelScenario, public ActionHandler {
  public:
+  static constexpr std::size_t kFewestSchedules = 20;
+
   explicit SequenceScenario(const SequenceSituation& situation)
       : situation_(situation),
         service_(kTellsInCancel),
         performed_(situation.steps.size()),
         completed_(situation.steps.size()) {
-    if (situation_.with_service) service = &service_;
+    service = situation_.with_service ? &service_ : nullptr;
+    SetServiceProvider([](Service** out) { *out = service; });
     starter_ = std::make_shared<Sequence>(*this);
     if (situation_.with_cancel) canceller_ = starter_;
   }
+  ~SequenceScenario() override { SetServiceProvider(nullptr); }
 
   std::vector<std::function<void()>> Threads() override {
     std::vector<std::function<void()>> threads = {[this] { RunAll(); }};
@@ -345,21 +295,6 @@ class SequenceScenario : public ModelScenario, public ActionHandler {
     BasicJobControl<ModelAtomics> control_;
   };
 
-  class BlockingJob : public BaseJob {
-   public:
-    BlockingJob(SequenceScenario& scenario, std::size_t step) : scenario_(scenario), step_(step) {}
-    ~BlockingJob() override {
-      NotifySynchronization(nullptr);
-      Explorer().Await(
-          [this] { return scenario_.performed_[step_ + 1] != 0 || scenario_.told_ != 0; });
-    }
-    void Cancel() override {}
-
-   private:
-    SequenceScenario& scenario_;
-    const std::size_t step_;
-  };
-
   bool Has(StepKind kind) const {
     return std::count(situation_.steps.begin(), situation_.steps.end(), kind) != 0;
   }
@@ -369,18 +304,13 @@ class SequenceScenario : public ModelScenario, public ActionHandler {
     Expect(++performed_[step] == 1, "a step runs once");
     if (step + 1 == performed_.size() && cancel_ == 2) cancel_before_last_ = 1;
     Explorer().Remember(40);
-    switch (situation_.steps[step]) {
-      case kInside:
-        handler.Completed({});
-        return nullptr;
-      case kElsewhere:
-      case kLater:
-        return nullptr;
-      case kBlocks:
-        handler.Completed({});
-        return std::make_shared<BlockingJob>(*this, step);
-    }
-    return nullptr;
+    const StepKind kind = situation_.steps[step];
+    if (kind == kInside || kind == kBlocks) handler.Completed({});
+    if (kind != kBlocks) return nullptr;
+    return std::make_shared<JobWithAnEnd>([this, step] {
+      NotifySynchronization(nullptr);
+      Explorer().Await([this, step] { return performed_[step + 1] != 0 || told_ != 0; });
+    });
   }
 
   void Completed(Common::Error result) override {
@@ -430,6 +360,8 @@ class SequenceScenario : public ModelScenario, public ActionHandler {
     }
   }
 
+  static inline ModelService* service = nullptr;
+
   const SequenceSituation situation_;
   ModelService service_;
   std::vector<int> performed_;
@@ -441,22 +373,6 @@ class SequenceScenario : public ModelScenario, public ActionHandler {
   int cancel_before_last_ = 0;
   int users_ = 0, serving_ = 0;
 };
-
-template <class Scenario, class Situation>
-std::string Explore(const Situation& situation,
-                    int preemptions = InterleavingExplorer::kUnbounded) {
-  InterleavingExplorer all;
-  const std::string failure = all.Explore(
-      [&] {
-        ModelObject::Begin(all);
-        return std::make_unique<Scenario>(situation);
-      },
-      preemptions);
-  ModelObject::explorer = nullptr;
-  testing::Test::RecordProperty("schedules", static_cast<int>(all.Schedules()));
-  EXPECT_TRUE(all.Schedules() > 2 || !failure.empty());  // fewer: the threads never meet
-  return failure;
-}
 
 #ifndef PLANTED_FAULTS
 
@@ -473,17 +389,20 @@ TEST(ListenerInterleavings, ASecondStopStrandsNobody) {
   for (const WaitKind kind : {kTellsInCancel, kTellsLater, kIgnores, kTicksAtOnce}) {
     EXPECT_EQ(Explore<ListenerScenario>(ListenerSituation{kind, true}), "");
   }
-  const std::vector<std::string> assertions = traces.Assertions();
+  const std::vector<std::string> assertions = traces.AssertionTexts();
   EXPECT_FALSE(assertions.empty());
-  EXPECT_EQ(std::count(assertions.begin(), assertions.end(), "State == StateWorking"),
-            static_cast<std::ptrdiff_t>(assertions.size()));
+  for (const std::string& text : assertions) {
+    EXPECT_EQ(text,
+              "Assertion failed: State == StateWorking, file enterprise/common/async/metronome, "
+              "line 112");
+  }
 }
 
 class SequenceInterleavings : public testing::Test {
  protected:
   // A few changes of thread at any place, and those that waiting forces: all of them take minutes.
   static void Explore(const SequenceSituation& situation, int preemptions = 2) {
-    EXPECT_EQ(Async::Explore<SequenceScenario>(situation, preemptions), "");
+    EXPECT_EQ(Testing::Explore<SequenceScenario>(situation, preemptions), "");
   }
   ~SequenceInterleavings() override { EXPECT_TRUE(traces_.AssertionTexts().empty()); }
 
@@ -508,32 +427,16 @@ TEST_F(SequenceInterleavings, CancelOfALoopThatIsHandedOver) {
   Explore({{kBlocks, kInside}, true, true}, 1);
 }
 
-#else  // PLANTED_FAULTS: the same sources with faults, which have to be found
+#else
 
 TEST(PlantedFaultDeathTest, AStopThatDoesNotWaitForTheTickIsFound) {
-  testing::GTEST_FLAG(death_test_style) = "threadsafe";
-  EXPECT_DEATH(
-      {
-        ModelAtomics::fault = PlantedFault::kFinishBeforeTick;
-        Explore<ListenerScenario>(ListenerSituation{kIgnores, false});
-      },
-      "something is used behind its end; schedule 0");
+  ExpectFound<ListenerScenario>(PlantedFault::kFinishBeforeTick, "something is used behind its end",
+                                ListenerSituation{kIgnores, false});
 }
 
 TEST(PlantedFaultDeathTest, AnOwnerThatIsNeverClearedIsFound) {
-  testing::GTEST_FLAG(death_test_style) = "threadsafe";
-  EXPECT_DEATH(
-      {
-        ModelAtomics::fault = PlantedFault::kOwnerStays;
-        Explore<SequenceScenario>(SequenceSituation{{kLater, kInside}, false, false}, 2);
-      },
-      "all threads wait; schedule 0");
-}
-
-TEST(PlantedFaultDeathTest, TheSameScenariosPassWithoutThem) {
-  EXPECT_EQ(Explore<ListenerScenario>(ListenerSituation{kIgnores, false}), "");
-  EXPECT_EQ(Explore<SequenceScenario>(SequenceSituation{{kLater, kElsewhere}, false, false}, 2),
-            "");
+  ExpectFound<SequenceScenario>(PlantedFault::kOwnerStays, "all threads wait",
+                                SequenceSituation{{kLater, kElsewhere}, false, false}, 2);
 }
 
 #endif

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <utility>
@@ -14,6 +15,9 @@
 #include "tests/support/trace_recorder.h"
 
 namespace Async::Testing {
+
+// Assertions that are meant to come go to the trace only. Read at the first report.
+[[maybe_unused]] inline const int assertions_to_trace = setenv("VELORIN_SAFE_ASSERT", "event", 1);
 
 // Code of failures that the fakes make: no code of the framework.
 inline constexpr std::uint32_t kFailure = 0x1230042;
@@ -38,6 +42,17 @@ class FakeJob : public BaseJob {
 
  private:
   std::function<void()> in_cancel_;
+};
+
+// Does something when it is dropped.
+class JobWithAnEnd : public FakeJob {
+ public:
+  explicit JobWithAnEnd(std::function<void()> end, std::function<void()> in_cancel = {})
+      : FakeJob(std::move(in_cancel)), end_(std::move(end)) {}
+  ~JobWithAnEnd() override { end_(); }
+
+ private:
+  const std::function<void()> end_;
 };
 
 class FakeAction : public Action {
