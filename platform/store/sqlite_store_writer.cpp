@@ -16,6 +16,7 @@
 #include "platform/store/file_codes.h"
 #include "platform/store/is_index.h"
 #include "platform/store/sqlite_schema.h"
+#include "platform/store/sqlite_store.h"
 
 namespace Platform::Store {
 
@@ -164,22 +165,47 @@ void SqliteStoreWriter::Commit() {
   open_ = false;
 }
 
+bool SqliteStoreWriter::Find(const Common::Guid& id, long long& number,
+                             std::vector<unsigned char>& data) {
+  SqliteStatement& run = statements_->find;
+  run.BindBlob(1, id.bytes.data(), id.bytes.size());
+  const bool exists = run.Step();
+  if (exists) {
+    number = run.GetInteger(0);
+    std::size_t size = 0;
+    const unsigned char* stored = run.GetBlob(1, size);
+    data.assign(stored, stored + size);
+  }
+  run.Reset();
+  return exists;
+}
+
+bool SqliteStoreWriter::Read(const Common::Guid& id, std::vector<unsigned char>& data) {
+  long long number = 0;
+  return Find(id, number, data);
+}
+
+void SqliteStoreWriter::ForEach(const std::vector<IsKey>& demanded,
+                                const std::function<bool(const StoredObject&)>& process) {
+  SqliteStatement statement(*database_, SqliteStore::MakeSelectQuery(demanded.size()).c_str());
+  int place = 1;
+  for (const IsKey& key : demanded) statement.BindBlob(place++, key.data(), key.size());
+  StoredObject object;
+  do {
+    if (!statement.Step()) return;
+    object.number = statement.GetInteger(0);
+    object.data = statement.GetBlob(1, object.size);
+  } while (!process(object));
+}
+
 SqliteStoreWriter::Outcome SqliteStoreWriter::Put(const Por::View::Unit& object) {
   const Common::Guid id = Dml::GetKeyGuid(Dml::FindObjectKey(object));
   Por::Util::WriteUnitBlob(object, data_);
   const std::string type = GetTypeText(object);
 
   Statements& run = *statements_;
-  run.find.BindBlob(1, id.bytes.data(), id.bytes.size());
-  const bool exists = run.find.Step();
   long long number = 0;
-  if (exists) {
-    number = run.find.GetInteger(0);
-    std::size_t size = 0;
-    const unsigned char* data = run.find.GetBlob(1, size);
-    before_.assign(data, data + size);
-  }
-  run.find.Reset();
+  const bool exists = Find(id, number, before_);
   if (exists && before_ == data_) return Outcome::kUnchanged;
 
   if (exists) {
@@ -205,19 +231,10 @@ SqliteStoreWriter::Outcome SqliteStoreWriter::Put(const Por::View::Unit& object)
 }
 
 bool SqliteStoreWriter::Delete(const Common::Guid& id) {
-  Statements& run = *statements_;
-  run.find.BindBlob(1, id.bytes.data(), id.bytes.size());
-  if (!run.find.Step()) {
-    run.find.Reset();
-    return false;
-  }
-  const long long number = run.find.GetInteger(0);
-  std::size_t size = 0;
-  const unsigned char* data = run.find.GetBlob(1, size);
-  before_.assign(data, data + size);
-  run.find.Reset();
-  run.remove.Bind(1, number);
-  run.remove.Run();
+  long long number = 0;
+  if (!Find(id, number, before_)) return false;
+  statements_->remove.Bind(1, number);
+  statements_->remove.Run();
   RemoveIsKeys(number);
   AddChange(Dml::ViewManagement::kUpdateDeleted, number, id, before_.data(), before_.size());
   return true;

@@ -1,11 +1,13 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "core/common/guid.h"
 #include "enterprise/common/por/unit.h"
+#include "platform/store/object_store.h"
 #include "platform/store/sqlite_database.h"
 
 namespace Platform::Store {
@@ -45,8 +47,18 @@ class SqliteStoreWriter : public Common::NonCopyable {
   // False if there is no such object.
   bool Delete(const Common::Guid& id);
 
+  // The objects as the changes so far leave them.
+  // The binary form of one; false if there is no such object.
+  bool Read(const Common::Guid& id, std::vector<unsigned char>& data);
+  // Those that ObjectStore::Select would give, in its order, until `process` returns true. It must
+  // not change the store.
+  void ForEach(const std::vector<IsKey>& demanded,
+               const std::function<bool(const StoredObject&)>& process);
+
  private:
   struct Statements;
+
+  bool Find(const Common::Guid& id, long long& number, std::vector<unsigned char>& data);
 
   void AddChange(unsigned int kind, long long number, const Common::Guid& id,
                  const unsigned char* before, std::size_t before_size);
