@@ -106,6 +106,39 @@ TEST_F(StoreToolTest, TheExamplesAreAStore) {
   EXPECT_EQ(Do(arguments), "8 created, 0 updated, 0 unchanged\n");
 }
 
+TEST_F(StoreToolTest, OperationsOfAFileAreCarriedOutAllOrNone) {
+  Do({"create", store_});
+  const std::string examples = OBJPROBE_EXAMPLES;
+  Do({"import", store_, examples + "/activities.unit", examples + "/machines.unit",
+      examples + "/plan.unit"});
+  const std::string maintenance = examples + "/operations/maintenance.unit";
+  EXPECT_EQ(Do({"apply", store_, maintenance}),
+            "1\tUpdateObject\tupdated\t0D9A4E12-7B60-4F35-9E2C-51B8C6A0D374\n"
+            "2\tStoreOrConsolidate\tconsolidated\t0D9A4E12-7B60-4F35-9E2C-51B8C6A0D374\n"
+            "3\tCreateIfNotExist\tcreated\t5E0C6B7A-93D1-42F8-A6B4-0C7D1E2F3A4B\n"
+            "4\tUpdateByPattern\t2 updated, 0 unchanged\n"
+            "5\tBatchOperation\t2 operations\n"
+            "5.1\tDeleteByPattern\t1 deleted\n"
+            "5.2\tDeleteObject\tdeleted\tE5A07B1C-3D84-4A92-8F6E-19C2D5B07A43\n");
+  const std::string before = Do({"stats", store_});
+  const auto operation = [](const std::string& name, const std::string& property) {
+    return ".Composite().Trait(\"Is\").String(\"Dml::Operation::" + name + "\").End()" + property +
+           ".End()";
+  };
+  const std::string failing =
+      Write("failing",
+            ".Array()" + operation("DeleteByPattern", ".Property(\"Pattern\").Nil().End()") +
+                operation("DeleteObject",
+                          ".Property(\"Key\").Guid(5E0C6B7A-93D1-42F8-A6B4-0C7D1E2F3A4B).End()") +
+                ".End()");
+  EXPECT_EQ(Fail({"apply", store_, failing}),
+            failing +
+                ": Operation 2 (DeleteObject) has failed. The store holds no object "
+                "5E0C6B7A-93D1-42F8-A6B4-0C7D1E2F3A4B. (0xfc0001)\n");
+  EXPECT_EQ(Do({"stats", store_}), before);
+  EXPECT_EQ(Do({"apply", store_, Write("none", ".Array().End()")}), "");
+}
+
 TEST_F(StoreToolTest, FailuresAreOneReadableLineAndChangeNothing) {
   Do({"create", store_});
   const std::string one = Write("one", kOne);
@@ -148,7 +181,7 @@ TEST_F(StoreToolTest, FailuresAreOneReadableLineAndChangeNothing) {
 
 TEST_F(StoreToolTest, CommandLine) {
   for (const std::string command :
-       {"create", "import", "put", "delete", "list", "stats", "generate"}) {
+       {"create", "import", "put", "delete", "apply", "list", "stats", "generate"}) {
     const ProgramResult help = Run({command, "--help"});
     EXPECT_EQ(help.status, 0) << command;
     EXPECT_NE(help.out.find("STORE"), std::string::npos) << command;

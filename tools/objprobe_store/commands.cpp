@@ -20,6 +20,7 @@
 #include "enterprise/common/por/unit_helpers.h"
 #include "platform/store/file_codes.h"
 #include "platform/store/object_store.h"
+#include "platform/store/operation_applier.h"
 #include "platform/store/sqlite_store.h"
 #include "platform/store/sqlite_store_writer.h"
 #include "tools/objprobe_store/error_text.h"
@@ -195,6 +196,23 @@ void Delete(const std::string& store, const std::string& id) {
   writer.Begin();
   if (!writer.Delete(guid)) throw CommandFailure("The store holds no object " + id + ".");
   writer.Commit();
+}
+
+void Apply(const std::string& store, const std::string& file) {
+  const Por::OwnedUnit root = ReadUnit(file);
+  SqliteStoreWriter writer(Platform::Store::GetStorePath(store));
+  writer.Begin();
+  Platform::Store::OperationApplier applier(writer, *Por::GetStaticUnitFactory());
+  try {
+    applier.Apply(*root);
+  } catch (const Common::Error& error) {
+    throw CommandFailure(file + ": " + DescribeError(error));
+  }
+  writer.Commit();
+  for (const Platform::Store::OperationOutcome& outcome : applier.GetOutcomes()) {
+    std::printf("%s\t%s\t%s%s%s\n", outcome.place.c_str(), outcome.name.c_str(),
+                outcome.result.c_str(), outcome.object.empty() ? "" : "\t", outcome.object.c_str());
+  }
 }
 
 void List(const std::string& store) {

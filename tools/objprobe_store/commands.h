@@ -23,6 +23,10 @@ void Import(const std::string& store, const std::vector<std::string>& files);
 // Stores the one object of a file and prints its identification.
 void Put(const std::string& store, const std::string& file);
 void Delete(const std::string& store, const std::string& id);
+// Carries out the operation in a file of unit text, or those of the array in it, and prints a line
+// for each: place, class, what came of it, and the object that it names, if it does; tabs between
+// them. docs/operations.md has the rest.
+void Apply(const std::string& store, const std::string& file);
 // A line for each object: identification, what it is, bytes; tabs between them.
 void List(const std::string& store);
 // Lines of a word, a tab and a number; for each `Is` value the word "type", the value, a number.

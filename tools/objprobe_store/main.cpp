@@ -85,6 +85,11 @@ int main(int argc, char** argv) {
   put->add_option("FILE", file, "A file of unit text")->required();
   CLI::App* remove = add_command("delete", "Remove an object");
   remove->add_option("ID", id, "The identification, as \"list\" prints it")->required();
+  CLI::App* apply = add_command(
+      "apply",
+      "Carry out the operations of a unit text file, all or none, and print a line for each.\n"
+      "The root of the file is one operation or an array of operations");
+  apply->add_option("FILE", file, "A file of unit text")->required();
   const CLI::App* list =
       add_command("list", "Print a line for each object: identification, types, bytes");
   const CLI::App* stats = add_command("stats", "Print counts of objects, bytes, changes and types");
@@ -106,6 +111,7 @@ int main(int argc, char** argv) {
     if (import->parsed()) StoreTool::Import(store, files);
     if (put->parsed()) StoreTool::Put(store, file);
     if (remove->parsed()) StoreTool::Delete(store, id);
+    if (apply->parsed()) StoreTool::Apply(store, file);
     if (list->parsed()) StoreTool::List(store);
     if (stats->parsed()) StoreTool::PrintStatistics(store);
     if (generate->parsed()) {
