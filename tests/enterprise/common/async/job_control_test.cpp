@@ -301,6 +301,29 @@ TEST(JobControlContract, ASecondResultOrRunIsAssertedAndDropped) {
   }
 }
 
+// A run inside the Perform of another one takes the handler away with its end.
+TEST(JobControlContract, AnEndWithoutAHandlerIsTraced) {
+  JobControl control;
+  FakeHandler handler;
+  FakeAction inner([](ActionHandler&) { return nullptr; });
+  FakeAction outer([&](ActionHandler&) {
+    control.Run(inner, handler, nullptr);
+    control.Completed({});
+    return nullptr;
+  });
+  const TraceRecorder traces;
+  control.Run(outer, handler, nullptr);
+  EXPECT_EQ(handler.results.size(), 1u);
+  control.Completed({});
+  EXPECT_EQ(handler.results.size(), 1u);
+  EXPECT_EQ(control.State(), STATE_BEGIN);
+  ASSERT_EQ(traces.Errors().size(), 1u);
+  EXPECT_EQ(traces.Errors()[0].code, 0xF90015u);
+  EXPECT_NE(
+      traces.Errors()[0].text.find("Can't perform JobControl::SafeFinishRun with null handler."),
+      std::string::npos);
+}
+
 TEST(JobControlContract, DestructionDuringARunIsAsserted) {
   TraceRecorder traces;
   Stage().Play("R");
