@@ -2,19 +2,16 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <optional>
+#include <utility>
+#include <vector>
 
 #include "tests/enterprise/common/dml/scripted_post_office.h"
 #include "tests/support/allocation_watch.h"
 
 namespace Dml {
 namespace {
-
-class Told final : public Async::ActionHandler {
- public:
-  void Completed(Common::Error) override { ++times; }
-  int times = 0;
-};
 
 class ReadActions : public ::testing::Test {
  protected:
@@ -66,7 +63,7 @@ TEST_F(ReadActions, HandTheOfficeWhatTheyWereGiven) {
   EXPECT_EQ(office_.asked_spec.options, spec_.options);
   EXPECT_EQ(office_.asked_subscription, &subscription);
   EXPECT_EQ(asked_handler_, &handler_);
-  EXPECT_EQ(handler_.times, 0);
+  EXPECT_TRUE(handler_.results.empty());
   // The reader leads to the caller's one.
   const Por::SharedUnit unit = MakeUnit(3);
   reader_.lock()->Read(*unit);
@@ -76,28 +73,24 @@ TEST_F(ReadActions, HandTheOfficeWhatTheyWereGiven) {
 TEST_F(ReadActions, TheJobKeepsItsReaderBeyondTheAction) {
   std::shared_ptr<Async::Job> job = PerformReport();
   EXPECT_EQ(job.get(), job_.get());
-  std::weak_ptr<TestJob> plain = job_;
-  job_.reset();
-  EXPECT_FALSE(reader_.expired());
-  EXPECT_FALSE(plain.expired());
+  const std::weak_ptr<TestJob> plain = std::exchange(job_, nullptr);
   std::shared_ptr<Async::Job> copy = job;
   job.reset();
   EXPECT_FALSE(reader_.expired());
+  EXPECT_FALSE(plain.expired());
   copy.reset();
   EXPECT_TRUE(reader_.expired());
   EXPECT_TRUE(plain.expired());
-}
 
-TEST_F(ReadActions, WithoutAJobTheEmptyPointerKeepsTheReader) {
-  job_.reset();
-  std::shared_ptr<Async::Job> job = PerformReport();
+  // Without a job the empty pointer does.
+  job = PerformReport();
   EXPECT_EQ(job.get(), nullptr);
   EXPECT_FALSE(reader_.expired());
   job.reset();
   EXPECT_TRUE(reader_.expired());
 }
 
-TEST_F(ReadActions, TheSeventhFailureToAllocateIsNotTheEnd) {
+TEST_F(ReadActions, TheEighthFailureToAllocateCancelsTheJob) {
   fail_next_ = 7;
   std::shared_ptr<Async::Job> job = PerformReport();
   EXPECT_EQ(failed_, 7u);
@@ -105,11 +98,9 @@ TEST_F(ReadActions, TheSeventhFailureToAllocateIsNotTheEnd) {
   EXPECT_FALSE(reader_.expired());
   job.reset();
   EXPECT_TRUE(reader_.expired());
-}
 
-TEST_F(ReadActions, TheEighthFailureToAllocateCancelsTheJob) {
   fail_next_ = 9;
-  std::shared_ptr<Async::Job> job = PerformReport();
+  job = PerformReport();
   EXPECT_EQ(failed_, 8u);
   EXPECT_EQ(job.get(), job_.get());
   EXPECT_EQ(job_->cancels, 1);

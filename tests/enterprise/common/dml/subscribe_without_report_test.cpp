@@ -3,14 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <string>
 #include <utility>
 #include <vector>
 
 #include "enterprise/common/async/action_adaptor.h"
 #include "enterprise/common/async/async_error.h"
-#include "enterprise/common/por/unit_value_access.h"
 #include "tests/enterprise/common/dml/scripted_post_office.h"
+#include "tests/support/allocation_watch.h"
 #include "tests/support/trace_recorder.h"
 
 namespace Dml {
@@ -18,18 +17,16 @@ namespace {
 
 constexpr std::uint32_t kFailure = 0x1234;
 
-class Told final : public Async::ActionHandler {
- public:
-  void Completed(Common::Error result) override { results.push_back(std::move(result)); }
-  std::vector<Common::Error> results;
-};
+Common::Error Failure(std::uint32_t code = kFailure) {
+  return Common::Error(code, Common::LineTag{});
+}
 
 // Keeps the handler of its read for the test.
 class ScriptedSubscription final : public Subscription {
  public:
   std::shared_ptr<Async::Job> Read(SubscriptionReader& reader,
                                    Async::ActionHandler& handler) override {
-    if (raises) throw Common::Error(kFailure, Common::LineTag{});
+    if (raises) throw Failure();
     asked_reader = &reader;
     asked_handler = &handler;
     return job;
@@ -38,19 +35,6 @@ class ScriptedSubscription final : public Subscription {
   SubscriptionReader* asked_reader = nullptr;
   Async::ActionHandler* asked_handler = nullptr;
   std::shared_ptr<TestJob> job = std::make_shared<TestJob>();
-};
-
-// Notes the values of created objects; raises at the marked one.
-class CreatedReader : public SubscriptionReader {
- public:
-  void OnCreated(const Por::View::Unit& object) override {
-    values.push_back(Por::Util::GetValue<unsigned int>(object));
-    if (values.size() == raises_at) throw Common::Error(kFailure, Common::LineTag{});
-  }
-  void OnUpdated(const Por::View::Unit&, const Por::View::Unit&) override {}
-  void OnDeleted(const Por::View::Unit&) override {}
-  std::vector<unsigned int> values;
-  std::size_t raises_at = 0;  // from 1
 };
 
 // The office delivers these objects and a scripted subscription.
@@ -65,8 +49,12 @@ class SubscribeSteps : public ::testing::Test {
         base_ = base.get();
         *office_.asked_subscription = std::move(base);
       }
-      handler.Completed(subscribe_result_);
-      return nullptr;
+      if (running_ == nullptr) {
+        handler.Completed(subscribe_result_);
+      } else {
+        asked_ = &handler;
+      }
+      return running_;
     };
   }
 
@@ -79,12 +67,14 @@ class SubscribeSteps : public ::testing::Test {
   ScriptedPostOffice office_;
   std::vector<unsigned int> snapshot_;
   bool delivers_ = true;
+  std::shared_ptr<TestJob> running_;  // the office's job; if there is one the test tells its end
+  Async::ActionHandler* asked_ = nullptr;
   Common::Error subscribe_result_;
   ScriptedSubscription* base_ = nullptr;
   std::shared_ptr<Async::Job> job_;
   std::unique_ptr<Subscription> subscription_;
   Told told_;
-  CreatedReader reader_;
+  ChangeReader reader_;
   Told read_;
 };
 
@@ -93,19 +83,21 @@ TEST_F(SubscribeSteps, TheFirstReadDeliversTheSnapshotAndNothingElse) {
   Subscribe();
   ASSERT_EQ(told_.results.size(), 1u);
   EXPECT_EQ(told_.results[0].GetCode(), 0u);
-  EXPECT_TRUE(reader_.values.empty());
+  EXPECT_EQ(reader_.read, "");
   job_.reset();  // the copies don't hang on it
 
-  reader_.raises_at = 2;  // loses nothing but its own object
+  reader_.in_created = [](unsigned int value) {
+    if (value == 2) throw Failure();  // loses nothing but its own object
+  };
   EXPECT_EQ(Read(), nullptr);
-  EXPECT_EQ(reader_.values, (std::vector<unsigned int>{1, 2, 3}));
+  EXPECT_EQ(reader_.read, "+1+2+3");
   ASSERT_EQ(read_.results.size(), 1u);
   EXPECT_EQ(read_.results[0].GetCode(), 0u);
   EXPECT_EQ(base_->asked_handler, nullptr);
 
   EXPECT_EQ(Read(), base_->job);
   EXPECT_EQ(base_->asked_reader, &reader_);
-  EXPECT_EQ(reader_.values.size(), 3u);
+  EXPECT_EQ(reader_.read, "+1+2+3");
   EXPECT_EQ(read_.results.size(), 1u);
   base_->asked_handler->Completed({});
   EXPECT_EQ(read_.results.size(), 2u);
@@ -114,19 +106,16 @@ TEST_F(SubscribeSteps, TheFirstReadDeliversTheSnapshotAndNothingElse) {
 // What a reader raises is traced as it is: cancels and the like at the debug level, wherever they
 // stand in the chain.
 TEST_F(SubscribeSteps, FailuresOfReadersAreTracedByTheirCodes) {
-  struct Raiser : CreatedReader {
-    void OnCreated(const Por::View::Unit& object) override {
-      const unsigned int code = Por::Util::GetValue<unsigned int>(object);
-      if (code != 0) throw Common::Error(code, Common::LineTag{});
-      Common::Error wrapped(kFailure, Common::LineTag{});
-      wrapped.SetReason(Common::Error(0xF90002, Common::LineTag{}));
-      throw Common::Error(wrapped);
-    }
-  } raiser;
+  reader_.in_created = [](unsigned int code) {
+    if (code != 0) throw Failure(code);
+    Common::Error wrapped = Failure();
+    wrapped.SetReason(Failure(0xF90002));
+    throw Common::Error(wrapped);
+  };
   snapshot_ = {kFailure, 0xF90002, 0xF9000A, 0xF90017, 0};
   Subscribe();
   const TestSupport::TraceRecorder traces;
-  subscription_->Read(raiser, read_);
+  Read();
   EXPECT_EQ(traces.Codes(), "4 0 1234\n1 f9 2\n1 f9 a\n1 f9 17\n1 0 1234\n");
 }
 
@@ -139,60 +128,75 @@ TEST_F(SubscribeSteps, ASecondReadIsRefusedAndDisturbsNothing) {
   EXPECT_EQ(second.results[0].GetCode(), Async::kInvalidResultCode);
   EXPECT_TRUE(read_.results.empty());
   // A failed read can be followed by another one.
-  base_->asked_handler->Completed(Common::Error(kFailure, Common::LineTag{}));
+  base_->asked_handler->Completed(Failure());
   ASSERT_EQ(read_.results.size(), 1u);
   EXPECT_EQ(read_.results[0].GetCode(), kFailure);
   EXPECT_EQ(Read(), base_->job);
   base_->asked_handler->Completed({});
   EXPECT_EQ(read_.results.size(), 2u);
-}
-
-TEST_F(SubscribeSteps, AReadThatCouldNotStartIsNoReadThatRuns) {
-  Subscribe();
+  // So can one that could not start.
   base_->raises = true;
   EXPECT_THROW(Read(), Common::Error);
   base_->raises = false;
   EXPECT_EQ(Read(), base_->job);
   base_->asked_handler->Completed({});
-  EXPECT_EQ(read_.results.size(), 1u);
+  EXPECT_EQ(read_.results.size(), 3u);
 }
 
 TEST_F(SubscribeSteps, TheHandlerMayDestroyTheSubscription) {
-  struct Destroyer : Async::ActionHandler {
-    void Completed(Common::Error) override { subscription->reset(); }
-    std::unique_ptr<Subscription>* subscription = nullptr;
-  } destroyer;
-  destroyer.subscription = &subscription_;
+  read_.then = [this] { subscription_.reset(); };
   snapshot_ = {1, 2};
   Subscribe();
-  EXPECT_EQ(subscription_->Read(reader_, destroyer), nullptr);
+  EXPECT_EQ(Read(), nullptr);
   EXPECT_EQ(subscription_, nullptr);
-  EXPECT_EQ(reader_.values.size(), 2u);
+  EXPECT_EQ(reader_.read, "+1+2");
 }
 
-TEST_F(SubscribeSteps, AFailureLeavesThePlaceEmpty) {
+TEST_F(SubscribeSteps, AFailureLeavesThePlaceAsItWas) {
   snapshot_ = {1};
-  subscribe_result_ = Common::Error(kFailure, Common::LineTag{});
+  subscribe_result_ = Failure();
   Subscribe();
   ASSERT_EQ(told_.results.size(), 1u);
   EXPECT_TRUE(told_.results[0].HoldsCode(kFailure));
   EXPECT_EQ(subscription_, nullptr);
 }
 
+TEST_F(SubscribeSteps, WithoutMemoryItFailsAndDropsWhatTheOfficeDelivered) {
+  snapshot_ = {1};
+  running_ = std::make_shared<TestJob>();
+  Subscribe();
+  const std::weak_ptr<TestJob> base = base_->job;
+  {
+    const TestSupport::AllocationWatch watch(0, 1);
+    asked_->Completed({});
+    EXPECT_TRUE(watch.HasFailed());
+  }
+  ASSERT_EQ(told_.results.size(), 1u);
+  EXPECT_EQ(told_.results[0].GetCode(), Common::kOutOfMemoryCode);
+  EXPECT_EQ(subscription_, nullptr);
+  job_.reset();
+  EXPECT_TRUE(base.expired());
+
+  running_ = nullptr;  // there is memory again
+  Subscribe();
+  EXPECT_EQ(Read(), nullptr);
+  EXPECT_EQ(reader_.read, "+1");
+}
+
 TEST_F(SubscribeSteps, WhatComesNextDecidesTheResult) {
-  int performed = 0;
-  Subscribe(Async::MakeAction([&](Async::ActionHandler& handler) -> std::shared_ptr<Async::Job> {
-    EXPECT_EQ(subscription_, nullptr);
-    handler.Completed(++performed == 1 ? Common::Error() : Common::Error(kFailure, {}));
+  const Subscription* first = nullptr;
+  Common::Error result;
+  const auto next = [&](Async::ActionHandler& handler) -> std::shared_ptr<Async::Job> {
+    EXPECT_EQ(subscription_.get(), first);
+    handler.Completed(result);
     return nullptr;
-  }));
-  EXPECT_EQ(performed, 1);
+  };
+  Subscribe(Async::MakeAction(next));
+  ASSERT_EQ(told_.results.size(), 1u);
   EXPECT_NE(subscription_, nullptr);
-  const Subscription* const first = subscription_.get();
-  Subscribe(Async::MakeAction([&](Async::ActionHandler& handler) -> std::shared_ptr<Async::Job> {
-    handler.Completed(Common::Error(kFailure, {}));
-    return nullptr;
-  }));
+  first = subscription_.get();
+  result = Failure();
+  Subscribe(Async::MakeAction(next));
   ASSERT_EQ(told_.results.size(), 2u);
   EXPECT_TRUE(told_.results[1].HoldsCode(kFailure));
   EXPECT_EQ(subscription_.get(), first);
@@ -213,17 +217,11 @@ TEST_F(SubscribeSteps, AnOfficeThatDeliversNothingIsAssertedAndItsReadsSaySo) {
 }
 
 TEST_F(SubscribeSteps, CancelReachesThePostOffice) {
-  const auto running = std::make_shared<TestJob>();
-  Async::ActionHandler* asked = nullptr;
-  office_.work = [&](std::shared_ptr<ReportReader>,
-                     Async::ActionHandler& handler) -> std::shared_ptr<Async::Job> {
-    asked = &handler;
-    return running;
-  };
+  running_ = std::make_shared<TestJob>();
   Subscribe();
   job_->Cancel();
-  EXPECT_EQ(running->cancels, 1);
-  asked->Completed(Async::canceled_error.Get());
+  EXPECT_EQ(running_->cancels, 1);
+  asked_->Completed(Async::canceled_error.Get());
   ASSERT_EQ(told_.results.size(), 1u);
   EXPECT_TRUE(told_.results[0].HoldsCode(Async::kCanceledCode));
 }

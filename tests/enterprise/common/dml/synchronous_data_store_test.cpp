@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <thread>
 
 #include "enterprise/common/dml/safe_invoke.h"
@@ -34,53 +35,24 @@ TEST_F(SynchronousDataStoreTest, WithoutAPostOfficeItNamesWhatIsMissing) {
   EXPECT_STREQ(error.GetLineTag().function, "Report");
 }
 
-TEST_F(SynchronousDataStoreTest, AnEmptyViewEndsWithoutACallOfTheReader) {
-  office_.work = [](auto, Async::ActionHandler& handler) {
-    handler.Completed(Common::Error());
-    return nullptr;
-  };
-  EXPECT_FALSE(Report(&office_).IsFailure());
-  EXPECT_TRUE(reader_.objects.empty());
-}
-
-TEST_F(SynchronousDataStoreTest, WaitsForAReportOnAnotherThread) {
-  std::thread thread;
+TEST_F(SynchronousDataStoreTest, WaitsForAReportOnAnotherThreadAndRaisesItsFailureAsItCame) {
+  std::jthread thread;
+  Common::Error result;
   office_.work = [&](std::shared_ptr<ReportReader> reader, Async::ActionHandler& handler) {
-    auto job = std::make_shared<TestJob>();
-    thread = std::thread([reader, job, &handler] {
+    thread = std::jthread([reader, &handler, result] {
       ReadObjects({MakeUnit(1), MakeUnit(2)}, *reader);
-      handler.Completed(Common::Error());
+      handler.Completed(result);
     });
-    return job;
+    return std::make_shared<TestJob>();
   };
   EXPECT_FALSE(Report(&office_).IsFailure());
   EXPECT_EQ(reader_.objects.size(), 2u);
-  thread.join();
-}
 
-TEST_F(SynchronousDataStoreTest, RaisesTheFailureOfTheReportAsItCame) {
-  Async::ActionHandler* told = nullptr;
-  std::thread thread;
-  office_.work = [&](auto, Async::ActionHandler& handler) {
-    told = &handler;
-    auto job = std::make_shared<TestJob>();
-    thread = std::thread([&handler, job] {
-      handler.Completed(Common::Error(0x40001, u"unreadable", Common::LineTag{}));
-    });
-    return job;
-  };
+  result = Common::Error(0x40001, u"unreadable", Common::LineTag{});
   const Common::Error error = Report(&office_);
   EXPECT_EQ(error.GetCode(), 0x40001u);
   EXPECT_EQ(error.GetMessage(), u"unreadable");
   EXPECT_EQ(error.GetNextError().GetRecord(), nullptr);
-  thread.join();
-}
-
-TEST_F(SynchronousDataStoreTest, APostOfficeThatRaisesEndsTheReport) {
-  office_.work = [](auto, Async::ActionHandler&) -> std::shared_ptr<Async::Job> {
-    throw Common::Error(0x40007, Common::LineTag{});
-  };
-  EXPECT_TRUE(Report(&office_).HoldsCode(0x40007));
 }
 
 }  // namespace
