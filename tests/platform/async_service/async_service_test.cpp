@@ -3,47 +3,57 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <deque>
+#include <functional>
 #include <latch>
 #include <memory>
+#include <new>
 #include <semaphore>
 #include <thread>
+#include <utility>
 #include <vector>
 
-#include "core/common/unix/event.h"
 #include "enterprise/common/async/action_adaptor.h"
 #include "enterprise/common/async/action_sequence.h"
 #include "enterprise/common/async/async_error.h"
-#include "enterprise/common/async/job_control.h"
 #include "enterprise/common/async/synchronizer.h"
-#include "enterprise/common/async/waiting_handler.h"
 #include "platform/async_service/elastic_pool.h"
 
 namespace Platform {
 namespace {
 
-template <class Function>
 class FunctionTask : public PoolTask {
  public:
-  explicit FunctionTask(Function function) : function_(std::move(function)) {}
+  explicit FunctionTask(std::function<void()> function) : function_(std::move(function)) {}
   void Run() override { function_(); }
 
  private:
-  Function function_;
+  const std::function<void()> function_;
 };
 
-template <class Function>
-std::shared_ptr<PoolTask> Task(Function function) {
-  return std::make_shared<FunctionTask<Function>>(std::move(function));
+std::shared_ptr<PoolTask> Task(std::function<void()> function) {
+  return std::make_shared<FunctionTask>(std::move(function));
 }
 
-template <class Function>
 class FunctionWork : public Async::Work {
  public:
-  explicit FunctionWork(Function function) : function_(std::move(function)) {}
+  explicit FunctionWork(std::function<Common::Error()> function) : function_(std::move(function)) {}
   Common::Error Execute() override { return function_(); }
 
  private:
-  Function function_;
+  const std::function<Common::Error()> function_;
+};
+
+// Counts how often it is told.
+struct CountingHandler : Async::ActionHandler {
+  void Completed(Common::Error result) override {
+    code = result.GetCode();
+    ++told;
+    end.release();
+  }
+  std::atomic<int> told = 0;
+  std::uint32_t code = 0;
+  std::counting_semaphore<> end{0};
 };
 
 TEST(ElasticPool, HasNoThreadBeforeTheFirstTask) {
@@ -57,22 +67,21 @@ TEST(ElasticPool, HasNoThreadBeforeTheFirstTask) {
 
 // Each task waits for the one behind it: with a fixed number of threads this never ends.
 TEST(ElasticPool, GrowsForWorkThatWaitsForOtherWork) {
+  std::deque<std::latch> ends[2];
   ElasticPool pool;
   const std::size_t tasks = 4 * pool.GetParallelism();
   for (const bool told : {false, true}) {
-    std::vector<std::unique_ptr<std::binary_semaphore>> done;
-    for (std::size_t i = 0; i <= tasks; ++i) {
-      done.push_back(std::make_unique<std::binary_semaphore>(0));
-    }
-    done[tasks]->release();
+    std::deque<std::latch>& done = ends[told];
+    for (std::size_t i = 0; i <= tasks; ++i) done.emplace_back(1);
+    done[tasks].count_down();
     for (std::size_t i = 0; i < tasks; ++i) {
-      pool.Post(Task([&pool, told, next = done[i + 1].get(), own = done[i].get()] {
+      pool.Post(Task([&pool, &done, told, i] {
         if (told) pool.NoteBlocked();
-        next->acquire();
-        own->release();
+        done[i + 1].wait();
+        done[i].count_down();
       }));
     }
-    done[0]->acquire();
+    done[0].wait();
   }
 }
 
@@ -133,39 +142,24 @@ TEST(AsyncService, PerformsWorkOnAnotherThreadAndTellsItsResult) {
 TEST(AsyncService, WorkCanBeCancelledUntilItBegins) {
   AsyncService service;
   std::atomic<int> ran = 0;
-  std::atomic<int> told = 0;
-  std::atomic<int> canceled = 0;
-  struct Counter : Async::ActionHandler {
-    Counter(std::atomic<int>& all, std::atomic<int>& cancels) : told(all), canceled(cancels) {}
-    void Completed(Common::Error result) override {
-      if (result.GetCode() == Async::kCanceledCode) ++canceled;
-      ++told;
-    }
-    std::atomic<int>& told;
-    std::atomic<int>& canceled;
-  };
   FunctionWork work([&] {
     ++ran;
     return Common::Error();
   });
-  {
-    std::vector<std::unique_ptr<Counter>> handlers;
-    for (int i = 0; i < 2000; ++i) {
-      handlers.push_back(std::make_unique<Counter>(told, canceled));
-      const auto job = service.PerformWork(work, *handlers.back());
-      if (i % 2 == 0) job->Cancel();
-      job->Cancel();
-    }
-    service.Stop();
+  std::deque<CountingHandler> handlers;
+  for (int i = 0; i < 2000; ++i) {
+    const auto job = service.PerformWork(work, handlers.emplace_back());
+    if (i % 2 == 0) job->Cancel();
+    job->Cancel();
   }
-  EXPECT_EQ(told, 2000);
+  service.Stop();
+  int canceled = 0;
+  for (const CountingHandler& handler : handlers) {
+    EXPECT_EQ(handler.told, 1);
+    canceled += handler.code == Async::kCanceledCode;
+  }
   EXPECT_EQ(ran + canceled, 2000);
-  EXPECT_THROW(
-      {
-        Async::Synchronizer late;
-        service.PerformWork(work, late);
-      },
-      Common::Error);
+  EXPECT_THROW(service.PerformWork(work, handlers[0]), Common::Error);
 }
 
 TEST(AsyncService, MetronomesTickOncePerWait) {
@@ -189,44 +183,28 @@ TEST(AsyncService, MetronomesTickOncePerWait) {
   EXPECT_THROW(slow->WaitTick(ticks[2]), Common::Error);
 }
 
-// Counts how often it is told.
-struct CountingHandler : Async::ActionHandler {
-  void Completed(Common::Error result) override {
-    code = result.GetCode();
-    ++told;
-    end.release();
-  }
-  std::atomic<int> told = 0;
-  std::uint32_t code = 0;
-  std::counting_semaphore<> end{0};
-};
-
 // Ticks against cancels, on real threads: each wait is told exactly once.
 TEST(AsyncService, TicksAndCancelsMeet) {
-  std::vector<std::unique_ptr<CountingHandler>> handlers;
+  std::deque<CountingHandler> handlers;
   {
     AsyncService service;
     Async::Metronome* const metronome = service.GetMetronomeSource()->GetMetronome(1);
     for (int round = 0; round < 300; ++round) {
       std::shared_ptr<Async::Job> jobs[4];
-      for (auto& job : jobs) {
-        handlers.push_back(std::make_unique<CountingHandler>());
-        job = metronome->WaitTick(*handlers.back());
-      }
+      for (auto& job : jobs) job = metronome->WaitTick(handlers.emplace_back());
       std::thread canceller([&] {
         for (const auto& job : jobs) {
           if (round % 3 != 0) std::this_thread::yield();
           job->Cancel();
         }
       });
-      for (std::size_t i = handlers.size() - 4; i < handlers.size(); ++i)
-        handlers[i]->end.acquire();
+      for (std::size_t i = handlers.size() - 4; i < handlers.size(); ++i) handlers[i].end.acquire();
       canceller.join();
     }
   }
-  for (const auto& handler : handlers) {
-    EXPECT_EQ(handler->told, 1);
-    EXPECT_TRUE(handler->code == 0 || handler->code == Async::kCanceledCode);
+  for (const CountingHandler& handler : handlers) {
+    EXPECT_EQ(handler.told, 1);
+    EXPECT_TRUE(handler.code == 0 || handler.code == Async::kCanceledCode);
   }
 }
 
@@ -259,30 +237,24 @@ TEST(AsyncService, IsTheServiceOfTheProcess) {
   EXPECT_EQ(Async::GetSynchronizationCallbackStorage(),
             service->GetSynchronizationCallbackStorage());
 
-  // Sequences of steps that end elsewhere, each blocking its thread in a wait for the next
-  // sequence.
-  constexpr int kSequences = 8;
-  std::vector<std::unique_ptr<Async::Synchronizer>> ends;
-  for (int i = 0; i < kSequences; ++i) ends.push_back(std::make_unique<Async::Synchronizer>());
+  // Sequences of steps that end elsewhere.
+  Async::Synchronizer ends[8];
   std::vector<std::shared_ptr<Async::Job>> jobs;
   std::atomic<int> steps = 0;
   FunctionWork work([&] {
     ++steps;
     return Common::Error();
   });
-  for (int i = 0; i < kSequences; ++i) {
+  for (Async::Synchronizer& end : ends) {
     Async::ActionSequence sequence;
     for (int step = 0; step < 100; ++step) {
       sequence.Execute(Async::MakeAction(
           [&](Async::ActionHandler& handler) { return service->PerformWork(work, handler); }));
     }
-    jobs.push_back(sequence.Perform(*ends[static_cast<std::size_t>(i)]));
+    jobs.push_back(sequence.Perform(end));
   }
-  for (int i = 0; i < kSequences; ++i) {
-    const auto place = static_cast<std::size_t>(i);
-    EXPECT_EQ(ends[place]->Wait(jobs[place]).GetCode(), 0u);
-  }
-  EXPECT_EQ(steps, kSequences * 100);
+  for (std::size_t i = 0; i < jobs.size(); ++i) EXPECT_EQ(ends[i].Wait(jobs[i]).GetCode(), 0u);
+  EXPECT_EQ(steps, 800);
 }
 
 }  // namespace
