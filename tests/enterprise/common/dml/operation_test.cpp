@@ -4,7 +4,6 @@
 
 #include "enterprise/common/dml/get_object_key.h"
 #include "enterprise/common/por/construction_dynamic_context.h"
-#include "enterprise/common/por/unit_helpers.h"
 #include "enterprise/common/por/unit_operations.h"
 
 namespace Dml::Operation {
@@ -27,17 +26,6 @@ TEST(Operation, IsMadeAsItsPrototypeWhichIsItsDefaultValue) {
 #define EXPECT_CLASS(Class) ExpectIsPrototype<Class>();
   DML_OPERATIONS(EXPECT_CLASS)
 #undef EXPECT_CLASS
-}
-
-TEST(Operation, ChangesNoOtherAndNoDefault) {
-  const CreateObject first;
-  const CreateObject copy(first);
-  const CreateObject second;
-  Por::Util::AddProperty(first.Branch(), "Object", Por::GetStaticUnitFactory()->CreateDWord(1),
-                         *Por::GetStaticUnitFactory());
-  EXPECT_TRUE(Por::Util::UnitEqual(*copy.CreateUnit(), *first.CreateUnit()));
-  EXPECT_FALSE(Por::Util::UnitEqual(*second.CreateUnit(), *first.CreateUnit()));
-  EXPECT_TRUE(Por::Util::UnitEqual(*second.CreateUnit(), first.DefaultValue()));
 }
 
 }  // namespace

@@ -7,84 +7,54 @@
 #include <string>
 
 #include "core/common/error.h"
-#include "enterprise/common/por/unit_factory.h"
 #include "enterprise/common/por/unit_handle.h"
-#include "enterprise/common/por/unit_helpers.h"
 #include "enterprise/common/por/unit_value_access.h"
+#include "tests/enterprise/common/por/make_unit.h"
 
 namespace Dml {
 namespace {
 
-const Por::Construction::UnitFactory& factory = *Por::GetStaticUnitFactory();
-
-std::string Number(const Por::View::Unit& unit) {
-  return std::to_string(Por::Util::GetValue<unsigned int>(unit));
-}
-
-// A composite with the numbers a = 1 and b = 2.
-std::shared_ptr<Por::Construction::Unit> MakeTree() {
-  Por::OwnedUnit tree = factory.CreateComposite();
-  Por::Util::AddProperty(*tree, "a", factory.CreateDWord(1), factory);
-  Por::Util::AddProperty(*tree, "b", factory.CreateDWord(2), factory);
-  return tree;
-}
-
-// Lets go of the place that it reads before it looks at the unit.
-class DroppingReader final : public ReportReader {
+// Notes numbers; lets go of the place that it reads before it looks at the unit.
+class NumberReader final : public ReportReader, public SubscriptionReader {
  public:
   using ReportReader::Read;
-  void Read(const Por::View::Unit& object) override {
-    place.reset();
-    EXPECT_FALSE(root.expired());
-    read += Number(object);
-  }
-
-  std::optional<Por::ConstUnit> place;
-  std::weak_ptr<const Por::View::Unit> root;
-  std::string read;
-};
-
-class ChangeReader final : public SubscriptionReader {
- public:
   using SubscriptionReader::OnCreated;
   using SubscriptionReader::OnDeleted;
   using SubscriptionReader::OnUpdated;
-  void OnCreated(const Por::View::Unit& object) override {
-    read.append("+").append(Number(object));
+  void Read(const Por::View::Unit& object) override {
+    place.reset();
+    Note(object);
   }
+  void OnCreated(const Por::View::Unit& object) override { Note(object); }
   void OnUpdated(const Por::View::Unit& key, const Por::View::Unit& diff) override {
-    read.append("*").append(Number(key)).append(Number(diff));
+    Note(key);
+    Note(diff);
   }
-  void OnDeleted(const Por::View::Unit& key) override { read.append("-").append(Number(key)); }
+  void OnDeleted(const Por::View::Unit& key) override { Note(key); }
 
+  std::optional<Por::ConstUnit> place;
   std::string read;
+
+ private:
+  void Note(const Por::View::Unit& unit) {
+    read += std::to_string(Por::Util::GetValue<unsigned int>(unit));
+  }
 };
 
-TEST(Reader, KeepsTheTreeOfAPlaceWhileItReads) {
-  DroppingReader reader;
-  {
-    const Por::SharedUnit tree = MakeTree();
-    reader.root = tree;
-    reader.place = Por::ConstUnit(tree, factory)["b"];
-  }
+TEST(Reader, TakesPlacesAndKeepsTheirTreeMeanwhile) {
+  NumberReader reader;
+  reader.place =
+      Por::ConstUnit(Por::Test::Composite("a", Por::Test::DWord(1)), Por::Test::Factory())["a"];
   reader.Read(*reader.place);
-  EXPECT_EQ(reader.read, "2");
-  EXPECT_TRUE(reader.root.expired());
-}
+  EXPECT_FALSE(reader.place.has_value());
+  const Por::ConstUnit root(
+      Por::Test::Composite("b", Por::Test::DWord(2), "c", Por::Test::DWord(3)),
+      Por::Test::Factory());
+  reader.OnCreated(root["b"]);
+  reader.OnUpdated(root["b"], root["c"]);
+  reader.OnDeleted(root["c"]);
+  EXPECT_EQ(reader.read, "12233");
 
-TEST(Reader, TakesPlacesForEachKindOfEvent) {
-  const Por::ConstUnit root(MakeTree(), factory);
-  ChangeReader reader;
-  reader.OnCreated(root["a"]);
-  reader.OnUpdated(root["a"], root["b"]);
-  reader.OnDeleted(root["b"]);
-  EXPECT_EQ(reader.read, "+1*12-2");
-}
-
-TEST(Reader, APlaceWithNothingIsAnError) {
-  const Por::ConstUnit root(MakeTree(), factory);
-  DroppingReader reports;
-  ChangeReader changes;
   const auto expect_error = [](auto call) {
     try {
       call();
@@ -94,13 +64,12 @@ TEST(Reader, APlaceWithNothingIsAnError) {
       EXPECT_EQ(error.GetLineTag().line, 89u);
     }
   };
-  expect_error([&] { reports.Read(root["c"]); });
-  expect_error([&] { reports.Read(Por::ConstUnit(nullptr, factory)); });
-  expect_error([&] { changes.OnCreated(root["c"]); });
-  expect_error([&] { changes.OnUpdated(root["c"], root["b"]); });
-  expect_error([&] { changes.OnUpdated(root["a"], root["c"]); });
-  expect_error([&] { changes.OnDeleted(root["a"]["c"]); });
-  EXPECT_EQ(reports.read + changes.read, "");
+  expect_error([&] { reader.Read(Por::ConstUnit(nullptr, Por::Test::Factory())); });
+  expect_error([&] { reader.OnCreated(root["d"]); });
+  expect_error([&] { reader.OnUpdated(root["d"], root["b"]); });
+  expect_error([&] { reader.OnUpdated(root["b"], root["d"]); });
+  expect_error([&] { reader.OnDeleted(root["b"]["d"]); });
+  EXPECT_EQ(reader.read, "12233");
 }
 
 }  // namespace

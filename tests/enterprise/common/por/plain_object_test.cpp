@@ -62,13 +62,6 @@ TEST(PlainObject, PropertyFailuresAreThrownUnlessAHandlerTakesThem) {
   } catch (const Common::Error& error) {
     EXPECT_EQ(error.GetNextError().GetCode(), 7u);
   }
-
-  class Ignorer final : public ErrorHandler {
-    void PropertyNotFound(const Name&) override {}
-    void PropertyTypeMismatch(const Name&, unsigned int, unsigned int) override {}
-    void PropertyProcessingError(const Name&, const Common::Error&) override {}
-  } ignorer;
-  EXPECT_EQ(&TestObject(nullptr, nullptr, nullptr, &ignorer).GetErrorHandler(), &ignorer);
 }
 
 const View::Unit& GetSeven() {
