@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -237,6 +238,27 @@ TEST_F(StoreReport, PrintsTheObjectsOfTheQuery) {
     EXPECT_EQ(result.err, "");
     EXPECT_EQ(result.status, 0);
   }
+}
+
+// What the store holds for them is a unit all the same: a boolean.
+TEST_F(StoreReport, ObjectsWithoutAKeyLeaveTheBeginningOfTheirHead) {
+  const std::string store = *folder_ / "keyless.db";
+  std::filesystem::copy_file(store_, store);
+  sqlite3* database = nullptr;
+  ASSERT_EQ(sqlite3_open(store.c_str(), &database), SQLITE_OK);
+  EXPECT_EQ(sqlite3_exec(database,
+                         "UPDATE objects SET seq = 3 WHERE seq = 2;"
+                         "INSERT INTO objects VALUES(2, zeroblob(16), '', x'55010145'),"
+                         "  (4, x'01', '', x'55010145')",
+                         nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  sqlite3_close(database);
+  const ProgramResult result =
+      RunObjprobe({store, "user", "password", "db", "pattern", ".Nil().End()"});
+  EXPECT_EQ(result.out, std::string("Interpret trace: .Nil().End()\n") + kTask + "<object id=\"" +
+                            kMachine + "<object id=\"");
+  EXPECT_EQ(result.err, "");
+  EXPECT_EQ(result.status, 0);
 }
 
 TEST_F(StoreReport, EndsInOrderWhenNobodyReads) {
