@@ -197,9 +197,11 @@ Common::Error SqliteDatabase::MakeError(int result) const {
 bool SqliteDatabase::MetUnfinishedFiles() const {
   if (writing_) return false;
   const int result = sqlite3_extended_errcode(handle_);
-  // A journal that is gone again was not left behind.
-  return IsIndexUnfinished(result) ||
-         (result == SQLITE_READONLY_ROLLBACK && ::access((path_ + "-journal").c_str(), F_OK) != 0);
+  if (result != SQLITE_READONLY_ROLLBACK) return IsIndexUnfinished(result);
+  // A journal that is gone again was not left behind. It stands beside the file that the path leads
+  // to.
+  const char* const journal = sqlite3_filename_journal(sqlite3_db_filename(handle_, "main"));
+  return ::access(journal, F_OK) != 0;
 }
 
 void SqliteDatabase::Execute(const char* sql) {

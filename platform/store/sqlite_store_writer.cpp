@@ -6,6 +6,8 @@
 
 #include <cerrno>
 #include <chrono>
+#include <filesystem>
+#include <system_error>
 #include <thread>
 
 #include "core/common/line_tag.h"
@@ -49,7 +51,9 @@ bool TakeFile(const std::string& path) {
   struct stat status {};
   if (errnum == EEXIST && ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode)) {
     if (status.st_size == 0) return false;
-    if (::access((path + "-journal").c_str(), F_OK) == 0) return true;
+    std::error_code ignored;  // without the real path there is no journal either
+    const std::filesystem::path real = std::filesystem::canonical(path, ignored);
+    if (::access((real.native() + "-journal").c_str(), F_OK) == 0) return true;
   }
   throw MakeSystemError(kCreateFailure, path, errnum, kSource.At("TakeFile", 10));
 }
