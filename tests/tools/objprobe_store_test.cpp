@@ -148,6 +148,11 @@ TEST_F(StoreToolTest, FailuresAreOneReadableLineAndChangeNothing) {
       ": The specified file does not exist. No such file or directory. (0x40011)\n";
   const std::string nowhere = folder_ / "no/s.db";
   EXPECT_EQ(Fail({"create", nowhere}), nowhere + missing);
+  EXPECT_EQ(Fail({"create", folder_ / "\xFF"}),
+            folder_ / "\xFF: objprobe opens stores by names in UTF-8 only.\n");
+  std::filesystem::create_symlink(store_, folder_ / "link");
+  EXPECT_EQ(Fail({"import", folder_ / "link", one, store_}),
+            store_ + ": The file belongs to the store itself.\n");
   EXPECT_EQ(Fail({"list", one}),
             one + ": The file is corrupted. SQLite: file is not a database (26). (0x4000d)\n");
   EXPECT_EQ(Fail({"import", store_, one, nowhere}), nowhere + missing);
@@ -199,9 +204,12 @@ TEST_F(StoreToolTest, CommandLine) {
 TEST_F(StoreToolTest, OutputThatCannotBeWrittenIsAFailure) {
   Do({"create", store_});
   Do({"generate", store_, "20"});
-  const ProgramResult outcome = Run({"list", store_}, Sink::kFull);
-  EXPECT_EQ(outcome.status, 1);
-  EXPECT_EQ(outcome.err, "objprobe-store: Error occurred while writing to standard output.\n");
+  for (const std::vector<std::string>& words :
+       {std::vector<std::string>{"list", store_}, std::vector<std::string>{"--help"}}) {
+    const ProgramResult outcome = Run(words, Sink::kFull);
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.err, "objprobe-store: Error occurred while writing to standard output.\n");
+  }
 }
 
 // What is stored already byte for byte is unchanged.

@@ -6,6 +6,8 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <filesystem>
+#include <system_error>
 
 #include "core/common/error.h"
 #include "core/common/guid.h"
@@ -146,6 +148,19 @@ void ImportFile(Change& change, const std::string& file, Progress& progress) {
   }
 }
 
+// A file of the store must not be read as text while the store is open: its end would give up the
+// locks that this process has on it.
+void RefuseFileOfStore(const std::string& store, const std::string& file) {
+  std::error_code ignored;  // what can't be looked at is told when it is opened
+  const std::filesystem::path real =
+      std::filesystem::canonical(Platform::Store::GetStorePath(store), ignored);
+  for (const char* ending : {"", "-wal", "-shm"}) {
+    if (std::filesystem::equivalent(real.native() + ending, file, ignored)) {
+      throw CommandFailure(file + ": The file belongs to the store itself.");
+    }
+  }
+}
+
 // GuidFromString takes less than the whole text.
 bool ParseId(Common::Guid& id, const std::string& text) {
   return Common::GuidFromString(id, text.c_str()) &&
@@ -155,10 +170,15 @@ bool ParseId(Common::Guid& id, const std::string& text) {
 }  // namespace
 
 void Create(const std::string& store) {
+  Common::String name;
+  if (!Common::ToUtf16(name, store.c_str(), store.size())) {
+    throw CommandFailure(store + ": objprobe opens stores by names in UTF-8 only.");
+  }
   SqliteStoreWriter::Create(Platform::Store::GetStorePath(store));
 }
 
 void Import(const std::string& store, const std::vector<std::string>& files) {
+  for (const std::string& file : files) RefuseFileOfStore(store, file);
   Change change(store);
   Progress progress(0);
   for (const std::string& file : files) ImportFile(change, file, progress);

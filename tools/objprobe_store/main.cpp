@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <exception>
+#include <iostream>
 #include <new>
 #include <string>
 #include <system_error>
@@ -20,6 +21,7 @@ namespace {
 
 constexpr int kFailed = 1;
 constexpr int kWrongUsage = 2;
+constexpr char kWriteFailure[] = "Error occurred while writing to standard output.";
 
 int Fail(const std::string& text) {
   std::fflush(stdout);
@@ -51,7 +53,7 @@ int Run(Command&& command) {
     return Fail("Not enough memory to complete the operation.");
   }
   if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
-    return Fail("Error occurred while writing to standard output.");
+    return Fail(kWriteFailure);
   }
   return 0;
 }
@@ -103,7 +105,9 @@ int main(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? 0 : kWrongUsage;
+    const int status = app.exit(error);
+    if (!std::cout.flush()) return Fail(kWriteFailure);
+    return status == 0 ? 0 : kWrongUsage;
   }
 
   return Run([&] {
