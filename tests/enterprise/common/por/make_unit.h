@@ -1,6 +1,9 @@
 #pragma once
 
+#include <algorithm>
+#include <initializer_list>
 #include <utility>
+#include <vector>
 
 #include "enterprise/common/por/fwd.h"
 #include "enterprise/common/por/unit_factory.h"
@@ -17,28 +20,27 @@ inline const Construction::UnitFactory& Factory() {
 inline OwnedUnit Nil() {
   return Factory().CreateNil();
 }
-inline OwnedUnit Bool(bool value) {
-  return Factory().CreateBoolean(value);
+// Boolean to Double.
+#define POR_MAKE(index, Word, Value, Argument) \
+  inline OwnedUnit Word(Argument value) {      \
+    return Factory().Create##Word(value);      \
+  }
+POR_SCALAR_KINDS(POR_MAKE)
+#undef POR_MAKE
+inline OwnedUnit Blob(const std::vector<unsigned char>& value) {
+  return Factory().CreateBlob(value);
 }
-inline OwnedUnit Word(unsigned short value) {
-  return Factory().CreateWord(value);
-}
-inline OwnedUnit DWord(unsigned int value) {
-  return Factory().CreateDWord(value);
-}
-inline OwnedUnit QWord(unsigned long long value) {
-  return Factory().CreateQWord(value);
-}
-inline OwnedUnit Double(double value) {
-  return Factory().CreateDouble(value);
+// The bytes from the first on; the rest is 0.
+inline OwnedUnit Guid(std::initializer_list<unsigned char> bytes) {
+  Common::Guid guid;
+  std::copy(bytes.begin(), bytes.end(), guid.bytes.begin());
+  return Factory().CreateGuid(guid);
 }
 inline OwnedUnit Text(const Common::String& value) {
   return Factory().CreateString(value);
 }
-inline OwnedUnit Guid(unsigned char first) {
-  Common::Guid guid;
-  guid.bytes[0] = first;
-  return Factory().CreateGuid(guid);
+inline OwnedUnit ErrorUnit(const Common::Error& value) {
+  return Factory().CreateError(value);
 }
 
 template <class... Elements>
@@ -66,6 +68,20 @@ OwnedUnit Composite(NamesAndValues&&... names_and_values) {
 inline OwnedUnit With(OwnedUnit unit, const Name& trait, OwnedUnit value) {
   Util::AddTrait(*unit, trait, std::move(value), Factory());
   return unit;
+}
+
+template <class... Units>
+std::vector<OwnedUnit> List(Units... units) {
+  std::vector<OwnedUnit> list;
+  (list.push_back(std::move(units)), ...);
+  return list;
+}
+
+// In the order of the type index; the values fall.
+inline std::vector<OwnedUnit> OneOfEachKind() {
+  return List(Nil(), Boolean(true), Byte(9), SByte(8), Word(7), SWord(6), DWord(5), SDWord(4),
+              QWord(3), SQWord(2), Double(1), Blob({}), Guid({}), Text(u""), ErrorUnit({}), Array(),
+              Composite());
 }
 
 }  // namespace Por::Test

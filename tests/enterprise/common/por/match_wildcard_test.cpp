@@ -12,59 +12,36 @@ namespace {
 
 using TestSupport::Utf8;
 
+// Worked cases beside the random ones below.
 TEST(MatchWildcard, FollowsTheTable) {
-  struct Case {
+  static constexpr struct {
     std::u16string_view text;
     std::u16string_view pattern;
     bool expected;
     const char* reason = "";
-  };
-  static constexpr Case kCases[] = {
+  } kCases[] = {
       {u"", u"", true},
       {u"abc", u"", true, "an empty pattern fits any text"},
-      {u"", u"a", false},
       {u"", u"_", false},
       {u"", u"%", true},
-      {u"abc", u"%", true},
-      {u"", u"%%", true},
-      {u"abc", u"abc", true},
       {u"abc", u"ab", false},
-      {u"ab", u"abc", false},
       {u"abc", u"ABC", false, "case counts"},
-      {u"abc", u"a_c", true},
-      {u"abc", u"___", true},
-      {u"abc", u"____", false},
       {u"a", u"a%", true},
-      {u"a", u"a%%", true},
-      {u"abc", u"a%", true},
-      {u"abc", u"b%", false},
       {u"xab", u"%ab", true},
       {u"abab", u"%ab", false, "the leftmost place is kept when the pattern is used up"},
       {u"abcc", u"a%c", false, "likewise"},
-      {u"abc", u"a%c", true},
-      {u"ac", u"a%c", true},
       {u"a", u"a%a", false, "a code unit serves once"},
-      {u"aa", u"a%a", true},
       {u"aab", u"%ab", true, "inside the leftmost search everything is tried"},
-      {u"aaab", u"%aab", true},
-      {u"abxab", u"%ab%", true},
-      {u"abxabc", u"%ab%c", true},
       {u"abxacxad", u"%ab%ad", true},
       {u"abc", u"%_", false, "the leftmost place of one unit is the first"},
-      {u"a", u"%_", true},
-      {u"abc", u"%__c", true},
-      {u"abc", u"%_%", true},
-      {u"", u"%_%", false},
-      {u"abc", u"%__%__%", false},
       {u"aab", u"%aab%_", false, "nothing is left for the last part"},
       {u"a%c", u"a%c", true},
       {u"\u0441\u043d\u0435\u0433", u"\u0441%_\u0433", true, "one code unit each"},
       {u"\xd83d\xde00", u"_", false, "a pair of surrogates is two"},
-      {u"\xd83d\xde00", u"__", true},
       {std::u16string_view(u"a\0b", 3), u"a_b", true, "a unit 0 is like any other"},
       {std::u16string_view(u"a\0b", 3), u"a", false},
   };
-  for (const Case& test : kCases) {
+  for (const auto& test : kCases) {
     EXPECT_EQ(MatchWildcard(test.text, test.pattern, u'%', u'_'), test.expected)
         << '"' << Utf8(test.text) << "\" \"" << Utf8(test.pattern) << "\" " << test.reason;
   }

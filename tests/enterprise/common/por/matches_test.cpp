@@ -4,29 +4,30 @@
 
 #include <limits>
 #include <string>
-#include <typeinfo>
 #include <utility>
 
-#include "core/common/text.h"
-#include "enterprise/common/por/module_error.h"
 #include "enterprise/common/por/unit_helpers.h"
 #include "tests/enterprise/common/por/make_unit.h"
+#include "tests/enterprise/common/por/thrown.h"
 #include "tests/support/allocation_watch.h"
 
 namespace Por::Test {
 namespace {
 
-// Rows of source, pattern, expectation and, if odd, the reason.
-class MatchesTable {
- public:
-  void Add(OwnedUnit source, OwnedUnit pattern, bool expected, const char* reason = "") {
-    ++row_;
-    EXPECT_EQ(Util::Matches(*source, *pattern), expected) << "row " << row_ << ' ' << reason;
-  }
-
- private:
-  int row_ = 0;
+struct Row {
+  OwnedUnit source;
+  OwnedUnit pattern;
+  bool expected;
+  const char* reason = "";
 };
+
+template <std::size_t kSize>
+void Check(const Row (&rows)[kSize]) {
+  for (const Row& row : rows) {
+    EXPECT_EQ(Util::Matches(*row.source, *row.pattern), row.expected)
+        << "row " << &row - rows << ' ' << row.reason;
+  }
+}
 
 // A predicate on a source of kind dword, string or array: the pattern's own value never counts.
 OwnedUnit OnDWord(const Name& predicate, OwnedUnit value) {
@@ -39,235 +40,213 @@ OwnedUnit OnArray(const Name& predicate, OwnedUnit value) {
   return With(Array(), predicate, std::move(value));
 }
 
+OwnedUnit Marked(unsigned int value) {
+  return With(DWord(value), "t", Nil());
+}
+
 const double kNan = std::numeric_limits<double>::quiet_NaN();
 
-TEST(Matches, PatternsWithoutTraitsCompareValues) {
-  MatchesTable table;
-  table.Add(DWord(7), Nil(), true, "an empty pattern matches any kind");
-  table.Add(Composite(), Nil(), true);
-  table.Add(DWord(7), DWord(7), true);
-  table.Add(QWord(7), DWord(7), false, "kinds differ");
-  table.Add(With(DWord(7), "t", Nil()), DWord(7), true, "traits of the source don't count");
-  table.Add(Double(kNan), Double(kNan), false);
-  table.Add(Array(DWord(1)), Array(DWord(1)), true);
-  table.Add(Array(DWord(1)), Array(Nil()), false, "elements are no patterns");
-  table.Add(Array(With(DWord(1), "t", Nil())), Array(DWord(1)), false,
-            "elements compare with their traits");
+TEST(Matches, PatternsWithoutTraitsCompareValuesAndKindsAlwaysCount) {
+  Check({
+      {DWord(7), Nil(), true, "an empty pattern matches any kind"},
+      {QWord(7), DWord(7), false, "kinds differ"},
+      {Marked(7), DWord(7), true, "traits of the source don't count"},
+      {Double(kNan), Double(kNan), false},
+      {Array(DWord(1)), Array(DWord(1)), true},
+      {Array(DWord(1)), Array(Nil()), false, "elements are no patterns"},
+      {Array(Marked(1)), Array(DWord(1)), false, "elements compare with their traits"},
+
+      {DWord(7), OnDWord("AnyValue", Nil()), true},
+      {QWord(7), OnDWord("AnyValue", Nil()), false},
+      {DWord(7), With(Nil(), "AnyValue", Nil()), false},
+      {Nil(), With(Nil(), "AnyValue", Nil()), true},
+      {QWord(7), OnDWord("NoSuchPredicate", Nil()), false, "the kinds come before the traits"},
+  });
 }
 
-TEST(Matches, KindsMustAgreeWithTraitsToo) {
-  MatchesTable table;
-  table.Add(DWord(7), OnDWord("AnyValue", Nil()), true);
-  table.Add(QWord(7), OnDWord("AnyValue", Nil()), false);
-  table.Add(DWord(7), With(Nil(), "AnyValue", Nil()), false);
-  table.Add(Nil(), With(Nil(), "AnyValue", Nil()), true);
-  table.Add(QWord(7), With(DWord(0), "NoSuchPredicate", Nil()), false,
-            "the kinds come before the traits");
-}
-
-TEST(Matches, CompositesDemandTheirProperties) {
-  MatchesTable table;
-  table.Add(Composite(), Composite(), true);
-  table.Add(Composite("a", DWord(1)), Composite(), true, "other properties are ignored");
-  table.Add(Array(), Composite(), false);
-  table.Add(Composite("a", DWord(1), "b", DWord(2)), Composite("b", DWord(2)), true);
-  table.Add(Composite("a", DWord(1)), Composite("a", DWord(2)), false);
-  table.Add(Composite("a", DWord(1)), Composite("b", Nil()), false, "a missing property");
-  table.Add(Composite("a", Composite("x", DWord(1), "y", DWord(2))),
-            Composite("a", Composite("y", OnDWord("Greater", DWord(1)))), true);
-  table.Add(Composite("a", Composite("x", DWord(1), "y", DWord(2))),
-            Composite("a", Composite("y", OnDWord("Greater", DWord(2)))), false);
-  table.Add(With(Composite("a", DWord(1)), "Is", Text(u"T")),
-            With(Composite("a", DWord(1)), "Is", Text(u"T")), true);
-  table.Add(With(Composite("a", DWord(1)), "Is", Text(u"T")),
-            With(Composite("a", DWord(2)), "Is", Text(u"T")), false,
-            "with traits the properties count as well");
-  table.Add(With(Composite("a", DWord(1)), "Is", Text(u"U")),
-            With(Composite("a", DWord(1)), "Is", Text(u"T")), false);
-}
-
-TEST(Matches, TraitsAreAConjunction) {
-  MatchesTable table;
+TEST(Matches, CompositesDemandTheirPropertiesAndTraitsAllHold) {
+  const auto source = [] { return Composite("a", Composite("x", DWord(1), "y", DWord(2))); };
+  const auto pattern = [](unsigned int value) {
+    return Composite("a", Composite("y", OnDWord("Greater", DWord(value))));
+  };
+  const auto typed = [](const char16_t* type, unsigned int value) {
+    return With(Composite("a", DWord(value)), "Is", Text(type));
+  };
   const auto range = [] { return With(OnDWord("Greater", DWord(5)), "Less", DWord(9)); };
-  table.Add(DWord(5), range(), false);
-  table.Add(DWord(6), range(), true);
-  table.Add(DWord(9), range(), false);
-  table.Add(DWord(6), With(OnDWord("Less", DWord(9)), "Less", DWord(6)), false,
-            "a name may occur twice");
+  Check({
+      {Composite(), Composite(), true},
+      {Array(), Composite(), false},
+      {Composite("a", DWord(1), "b", DWord(2)), Composite("b", DWord(2)), true, "others are free"},
+      {Composite("a", DWord(1)), Composite("a", DWord(2)), false},
+      {Composite("a", DWord(1)), Composite("b", Nil()), false, "a missing property"},
+      {source(), pattern(1), true},
+      {source(), pattern(2), false},
+      {typed(u"T", 1), typed(u"T", 1), true},
+      {typed(u"T", 1), typed(u"T", 2), false, "with traits the properties count as well"},
+      {typed(u"U", 1), typed(u"T", 1), false},
+
+      {DWord(5), range(), false},
+      {DWord(6), range(), true},
+      {DWord(9), range(), false},
+      {DWord(6), With(OnDWord("Less", DWord(9)), "Less", DWord(6)), false, "a name may come twice"},
+  });
 }
 
 TEST(Matches, OrderPredicatesAskForTheSameKind) {
-  MatchesTable table;
-  struct Row {
-    Name name;
+  constexpr struct {
+    const char* name;
     bool below, equal, above;
-  };
-  const Row rows[] = {{"Greater", false, false, true},
-                      {"GreaterEqual", false, true, true},
-                      {"Less", true, false, false},
-                      {"LessEqual", true, true, false},
-                      {"EqualValue", false, true, false}};
-  for (const Row& row : rows) {
-    table.Add(DWord(4), OnDWord(row.name, DWord(5)), row.below, row.name.GetText());
-    table.Add(DWord(5), OnDWord(row.name, DWord(5)), row.equal, row.name.GetText());
-    table.Add(DWord(6), OnDWord(row.name, DWord(5)), row.above, row.name.GetText());
-    table.Add(DWord(4), OnDWord(row.name, QWord(5)), false, "another kind");
-    table.Add(Text(u"b"), OnText(row.name, Text(u"a")), row.above, "texts");
+  } kPredicates[] = {{"Greater", false, false, true},
+                     {"GreaterEqual", false, true, true},
+                     {"Less", true, false, false},
+                     {"LessEqual", true, true, false},
+                     {"EqualValue", false, true, false}};
+  for (const auto& [text, below, equal, above] : kPredicates) {
+    const Name name = Name::FromUtf8(text);
+    Check({
+        {DWord(4), OnDWord(name, DWord(5)), below, text},
+        {DWord(5), OnDWord(name, DWord(5)), equal, text},
+        {DWord(6), OnDWord(name, DWord(5)), above, text},
+        {DWord(4), OnDWord(name, QWord(5)), false, text},
+        {DWord(4), OnDWord(name, Word(3)), false, text},
+        {Text(u"b"), OnText(name, Text(u"a")), above, text},
+    });
   }
-  // The order counts traits where the values are equal, the equality doesn't.
-  table.Add(With(DWord(5), "t", Nil()), OnDWord("Greater", DWord(5)), true);
-  table.Add(With(DWord(5), "t", Nil()), OnDWord("LessEqual", DWord(5)), false);
-  table.Add(With(DWord(5), "t", Nil()), OnDWord("EqualValue", DWord(5)), true);
-  // Anything with a NaN compares as 1.
-  table.Add(Double(1), With(Double(0), "Greater", Double(kNan)), true);
-  table.Add(Double(kNan), With(Double(0), "GreaterEqual", Double(1)), true);
-  table.Add(Double(1), With(Double(0), "LessEqual", Double(kNan)), false);
-  table.Add(Double(kNan), With(Double(0), "EqualValue", Double(kNan)), false);
+  Check({
+      // The order counts traits where the values are equal, the equality doesn't.
+      {Marked(5), OnDWord("Greater", DWord(5)), true},
+      {Marked(5), OnDWord("LessEqual", DWord(5)), false},
+      {Marked(5), OnDWord("EqualValue", DWord(5)), true},
+      // Anything with a NaN compares as 1.
+      {Double(1), With(Double(0), "Greater", Double(kNan)), true},
+      {Double(kNan), With(Double(0), "GreaterEqual", Double(1)), true},
+      {Double(1), With(Double(0), "LessEqual", Double(kNan)), false},
+  });
 }
 
 TEST(Matches, BetweenIncludesBothEnds) {
-  MatchesTable table;
   const auto between = [](OwnedUnit from, OwnedUnit to) {
     return OnDWord("Between", Composite("From", std::move(from), "To", std::move(to)));
   };
-  table.Add(DWord(2), between(DWord(3), DWord(5)), false);
-  table.Add(DWord(3), between(DWord(3), DWord(5)), true);
-  table.Add(DWord(5), between(DWord(3), DWord(5)), true);
-  table.Add(DWord(6), between(DWord(3), DWord(5)), false);
-  table.Add(DWord(4), between(DWord(5), DWord(3)), false, "an empty range");
-  table.Add(DWord(4), between(QWord(3), QWord(5)), false, "another kind");
-  table.Add(DWord(4),
-            OnDWord("Between", Array(Composite("first", Text(u"From"), "second", DWord(3)),
-                                     Composite("first", Text(u"To"), "second", DWord(5)))),
-            true, "the bounds may stand in a map");
+  const auto map = [] {
+    return Array(Composite("first", Text(u"From"), "second", DWord(3)),
+                 Composite("first", Text(u"To"), "second", DWord(5)));
+  };
+  Check({
+      {DWord(2), between(DWord(3), DWord(5)), false},
+      {DWord(3), between(DWord(3), DWord(5)), true},
+      {DWord(5), between(DWord(3), DWord(5)), true},
+      {DWord(6), between(DWord(3), DWord(5)), false},
+      {DWord(4), between(DWord(5), DWord(3)), false, "an empty range"},
+      {DWord(4), between(QWord(3), QWord(5)), false, "another kind"},
+      {DWord(4), OnDWord("Between", map()), true, "the bounds may stand in a map"},
+  });
 }
 
 TEST(Matches, InclusionIsByUnitOrByValue) {
-  MatchesTable table;
-  const auto marked = [](unsigned int value) { return With(DWord(value), "t", Nil()); };
-  table.Add(DWord(2), OnDWord("In", Array(DWord(1), DWord(2))), true);
-  table.Add(DWord(3), OnDWord("In", Array(DWord(1), DWord(2))), false);
-  table.Add(DWord(2), OnDWord("In", Array(QWord(2))), false);
-  table.Add(marked(2), OnDWord("In", Array(DWord(2))), false, "traits count");
-  table.Add(marked(2), OnDWord("In", Array(DWord(2), marked(2))), true);
-  table.Add(marked(2), OnDWord("ValueIn", Array(DWord(2))), true, "traits don't count");
-  table.Add(DWord(2), OnDWord("In", DWord(2)), false, "no array has no elements");
-  table.Add(DWord(2), OnDWord("ValueIn", Array()), false);
+  Check({
+      {DWord(2), OnDWord("In", Array(DWord(1), DWord(2))), true},
+      {DWord(3), OnDWord("In", Array(DWord(1), DWord(2))), false},
+      {DWord(2), OnDWord("In", Array(QWord(2))), false},
+      {Marked(2), OnDWord("In", Array(DWord(2))), false, "traits count"},
+      {Marked(2), OnDWord("In", Array(DWord(2), Marked(2))), true},
+      {Marked(2), OnDWord("ValueIn", Array(DWord(2))), true, "traits don't count"},
+      {DWord(2), OnDWord("In", DWord(2)), false, "no array has no elements"},
 
-  table.Add(Array(DWord(1), DWord(2)), OnArray("IncludedInArray", DWord(2)), true);
-  table.Add(Array(DWord(1), marked(2)), OnArray("IncludedInArray", DWord(2)), false);
-  table.Add(Array(DWord(1), marked(2)), OnArray("ValueIncludedInArray", DWord(2)), true);
-  table.Add(Array(), OnArray("ValueIncludedInArray", DWord(2)), false);
-  table.Add(DWord(2), OnDWord("IncludedInArray", DWord(2)), false);
+      {Array(DWord(1), DWord(2)), OnArray("IncludedInArray", DWord(2)), true},
+      {Array(DWord(1), Marked(2)), OnArray("IncludedInArray", DWord(2)), false},
+      {Array(DWord(1), Marked(2)), OnArray("ValueIncludedInArray", DWord(2)), true},
+      {DWord(2), OnDWord("IncludedInArray", DWord(2)), false},
 
-  table.Add(Array(DWord(1), marked(2)), OnArray("HasIntersection", Array(DWord(3), DWord(2))), true,
-            "by value");
-  table.Add(Array(DWord(1)), OnArray("HasIntersection", Array(DWord(3), QWord(1))), false);
-  table.Add(Array(), OnArray("HasIntersection", Array(DWord(3))), false);
-  table.Add(Array(DWord(3)), OnArray("HasIntersection", Array()), false);
+      {Array(DWord(1), Marked(2)), OnArray("HasIntersection", Array(DWord(3), DWord(2))), true},
+      {Array(DWord(1)), OnArray("HasIntersection", Array(DWord(3), QWord(1))), false},
+      {Array(DWord(3)), OnArray("HasIntersection", Array()), false},
+  });
 }
 
 TEST(Matches, TextPredicates) {
-  MatchesTable table;
-  const auto searchable = [](OwnedUnit array) {
-    return With(std::move(array), "Searchable", Nil());
-  };
-  table.Add(Text(u"backup"), OnText("Like", Text(u"b%_p")), true);
-  table.Add(Text(u"abab"), OnText("Like", Text(u"%ab")), false, "no way back");
-  table.Add(Text(u"backup"), OnText("Like", Text(u"")), true);
-  table.Add(DWord(1), OnDWord("Like", Text(u"")), false, "no text");
-  table.Add(searchable(Array(DWord(1), Text(u"x"), Text(u"ab"))), OnArray("Like", Text(u"a%")),
-            true, "elements that are no texts are skipped");
-  table.Add(searchable(Array(Text(u"x"))), OnArray("Like", Text(u"a%")), false);
-  table.Add(searchable(Array()), OnArray("Like", Text(u"%")), false);
-  table.Add(Array(Text(u"ab")), OnArray("Like", Text(u"a%")), false, "not searchable");
-  table.Add(With(Text(u"ab"), "Searchable", Nil()), OnText("Like", Text(u"a%")), true);
+  const auto searchable = [](OwnedUnit unit) { return With(std::move(unit), "Searchable", Nil()); };
+  Check({
+      {Text(u"backup"), OnText("Like", Text(u"b%_p")), true},
+      {Text(u"backup"), OnText("Like", Text(u"")), true},
+      {DWord(1), OnDWord("Like", Text(u"")), false, "no text"},
+      {searchable(Array(DWord(1), Text(u"x"), Text(u"ab"))), OnArray("Like", Text(u"a%")), true},
+      {searchable(Array(Text(u"x"))), OnArray("Like", Text(u"a%")), false},
+      {searchable(Array()), OnArray("Like", Text(u"%")), false},
+      {Array(Text(u"ab")), OnArray("Like", Text(u"a%")), false, "not searchable"},
+      {searchable(Text(u"ab")), OnText("Like", Text(u"a%")), true, "no array"},
 
-  table.Add(Text(u"/vol/a"), OnText("DirectRelative", Text(u"/vol")), true);
-  table.Add(Text(u"/vo"), OnText("DirectRelative", Text(u"/vol")), false, "the source is shorter");
-  table.Add(Text(u""), OnText("DirectRelative", Text(u"")), true);
-  table.Add(DWord(1), OnDWord("DirectRelative", Text(u"")), false, "no text");
+      {Text(u"/vol/a"), OnText("DirectRelative", Text(u"/vol")), true},
+      {Text(u"/vo"), OnText("DirectRelative", Text(u"/vol")), false, "the source is shorter"},
+      {Text(u""), OnText("DirectRelative", Text(u"")), true},
+      {DWord(1), OnDWord("DirectRelative", Text(u"")), false, "no text"},
+  });
 }
 
 TEST(Matches, TraitPredicates) {
-  MatchesTable table;
   for (const Name& name : {Name("Is"), Name("PrimaryKey"), Name("ForeignKey"), Name("Source")}) {
     const auto source = [&] { return With(With(DWord(1), name, Text(u"A")), name, Text(u"B")); };
-    table.Add(source(), OnDWord(name, Text(u"B")), true, name.GetText());
-    table.Add(source(), OnDWord(name, With(Text(u"B"), "t", Nil())), true, "by value");
-    table.Add(source(), OnDWord(name, Text(u"C")), false, name.GetText());
-    table.Add(DWord(1), OnDWord(name, Text(u"B")), false, name.GetText());
-    table.Add(source(), OnDWord(name, With(Text(u"C"), "AnyValue", Nil())), name == "Source",
-              "any value will do for Source alone");
-    table.Add(With(DWord(1), "Other", Nil()), OnDWord(name, With(Nil(), "AnyValue", Nil())), false,
-              name.GetText());
+    const auto any = [](OwnedUnit unit) { return With(std::move(unit), "AnyValue", Nil()); };
+    Check({
+        {source(), OnDWord(name, Text(u"B")), true, name.GetText()},
+        {source(), OnDWord(name, With(Text(u"B"), "t", Nil())), true, "by value"},
+        {source(), OnDWord(name, Text(u"C")), false, name.GetText()},
+        {DWord(1), OnDWord(name, Text(u"B")), false, name.GetText()},
+        {source(), OnDWord(name, any(Text(u"C"))), name == "Source",
+         "any will do for Source alone"},
+        {With(DWord(1), "Other", Nil()), OnDWord(name, any(Nil())), false, name.GetText()},
+    });
   }
 }
 
 TEST(Matches, NotAndOrHoldPatterns) {
-  MatchesTable table;
-  table.Add(DWord(1), OnDWord("Not", DWord(2)), true);
-  table.Add(DWord(2), OnDWord("Not", DWord(2)), false);
-  table.Add(DWord(2), OnDWord("Not", QWord(2)), true, "another kind doesn't match");
-  table.Add(DWord(2), OnDWord("Not", Nil()), false, "nil matches anything");
+  Check({
+      {DWord(1), OnDWord("Not", DWord(2)), true},
+      {DWord(2), OnDWord("Not", DWord(2)), false},
+      {DWord(2), OnDWord("Not", QWord(2)), true, "another kind doesn't match"},
+      {DWord(2), OnDWord("Not", Nil()), false, "nil matches anything"},
 
-  table.Add(DWord(2), OnDWord("Or", Array(DWord(1), DWord(2))), true);
-  table.Add(DWord(3), OnDWord("Or", Array(DWord(1), DWord(2))), false);
-  table.Add(DWord(3), OnDWord("Or", Array(DWord(1), OnDWord("Greater", DWord(2)))), true);
-  table.Add(DWord(3), OnDWord("Or", Array()), true, "no elements");
-  table.Add(DWord(3), OnDWord("Or", DWord(4)), true, "no array");
-  table.Add(DWord(3), OnDWord("Or", Array(DWord(3), OnDWord("NoSuch", Nil()))), true,
-            "the first true ends it");
-}
-
-struct Failure {
-  std::uint32_t code;
-  std::string message;
-  std::string function;
-  bool is_module_error;
-};
-
-Failure Fail(OwnedUnit source, OwnedUnit pattern) {
-  try {
-    Util::Matches(*source, *pattern);
-  } catch (const Common::Error& error) {
-    std::string message;
-    Common::ToUtf8(message, error.GetMessage().c_str());
-    return {error.GetCode(), message, error.GetLineTag().function,
-            typeid(error) == typeid(ModuleError)};
-  }
-  ADD_FAILURE() << "nothing was thrown";
-  return {};
+      {DWord(2), OnDWord("Or", Array(DWord(1), DWord(2))), true},
+      {DWord(3), OnDWord("Or", Array(DWord(1), DWord(2))), false},
+      {DWord(3), OnDWord("Or", Array(DWord(1), OnDWord("Greater", DWord(2)))), true},
+      {DWord(3), OnDWord("Or", Array()), true, "no elements"},
+      {DWord(3), OnDWord("Or", DWord(4)), true, "no array"},
+      {DWord(3), OnDWord("Or", Array(DWord(3), OnDWord("NoSuch", Nil()))), true,
+       "the first true ends it"},
+  });
 }
 
 TEST(Matches, IllFormedPatternsThrowWhereTheWalkMeetsThem) {
-  const auto expect = [](const Failure& failure, std::uint32_t code, const char* message,
-                         const char* function, bool is_module_error = false) {
-    EXPECT_EQ(failure.code, code);
-    EXPECT_EQ(failure.message, message);
-    EXPECT_EQ(failure.function, function);
-    EXPECT_EQ(failure.is_module_error, is_module_error);
+  constexpr char kMismatch[] = "Error fa000e: POR: Object internal structure mismatch.";
+  const struct {
+    OwnedUnit source;
+    OwnedUnit pattern;
+    const char* error;
+    const char* function;
+  } kRefused[] = {
+      {DWord(1), OnDWord("anyvalue", Nil()),
+       "Error fa000e: POR: Name 'anyvalue' of the trait is not registered for pattern.",
+       "GetPatternByName"},
+      {DWord(1), OnDWord("Between", Composite("From", DWord(1), "To", QWord(2))),
+       "Error fa000e: POR: Failed to check range inclusion.", "ValidateBetweenPattern"},
+      {QWord(1), With(QWord(0), "Between", Composite("From", DWord(1))),
+       "ModuleError fa0020: POR: Element 'To' cannot be found.", "EnsureUnitIsValid"},
+      {DWord(1), OnDWord("Between", DWord(1)),
+       "ModuleError fa0020: POR: Element 'From' cannot be found.", "EnsureUnitIsValid"},
+      {DWord(1), OnDWord("Like", DWord(1)), kMismatch, "ValidateLikePattern"},
+      {Array(), OnArray("HasIntersection", DWord(1)), kMismatch, "HasIntersectionPattern"},
+      {DWord(1), OnDWord("HasIntersection", Array()), kMismatch, "HasIntersectionPattern"},
+      {Text(u"a"), OnText("DirectRelative", Nil()), kMismatch, "DirectRelativePattern"},
   };
-  expect(Fail(DWord(1), OnDWord("anyvalue", Nil())), 0xFA000E,
-         "POR: Name 'anyvalue' of the trait is not registered for pattern.", "GetPatternByName");
-  expect(Fail(DWord(1), OnDWord("Between", Composite("From", DWord(1), "To", QWord(2)))), 0xFA000E,
-         "POR: Failed to check range inclusion.", "ValidateBetweenPattern");
-  expect(Fail(QWord(1), With(QWord(0), "Between", Composite("From", DWord(1)))), 0xFA0020,
-         "POR: Element 'To' cannot be found.", "EnsureUnitIsValid", true);
-  expect(Fail(DWord(1), OnDWord("Between", DWord(1))), 0xFA0020,
-         "POR: Element 'From' cannot be found.", "EnsureUnitIsValid", true);
-  constexpr char kMismatch[] = "POR: Object internal structure mismatch.";
-  expect(Fail(DWord(1), OnDWord("Like", DWord(1))), 0xFA000E, kMismatch, "ValidateLikePattern");
-  expect(Fail(Array(), OnArray("HasIntersection", DWord(1))), 0xFA000E, kMismatch,
-         "HasIntersectionPattern");
-  expect(Fail(DWord(1), OnDWord("HasIntersection", Array())), 0xFA000E, kMismatch,
-         "HasIntersectionPattern");
-  expect(Fail(Text(u"a"), OnText("DirectRelative", Nil())), 0xFA000E, kMismatch,
-         "DirectRelativePattern");
+  for (const auto& row : kRefused) {
+    const Thrown thrown = Catch([&] { Util::Matches(*row.source, *row.pattern); });
+    EXPECT_EQ(thrown.error, row.error);
+    EXPECT_EQ(thrown.place.substr(thrown.place.find(' ') + 1), row.function);
+  }
   // Not met: behind a trait or a property that does not hold.
-  EXPECT_FALSE(Util::Matches(*DWord(1), *With(OnDWord("Less", DWord(1)), "NoSuch", Nil())));
-  EXPECT_FALSE(Util::Matches(*Composite("a", DWord(1), "b", DWord(1)),
-                             *Composite("a", DWord(2), "b", OnDWord("NoSuch", Nil()))));
+  Check({{DWord(1), With(OnDWord("Less", DWord(1)), "NoSuch", Nil()), false},
+         {Composite("a", DWord(1), "b", DWord(1)),
+          Composite("a", DWord(2), "b", OnDWord("NoSuch", Nil())), false}});
 }
 
 TEST(Matches, AllocatesNothingAndSurvivesTheDeepestPattern) {

@@ -2,14 +2,13 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <memory>
-#include <typeinfo>
+#include <string>
 
 #include "enterprise/common/por/unit_helpers.h"
 #include "enterprise/common/por/unit_operations.h"
 #include "tests/enterprise/common/por/make_unit.h"
-#include "tests/support/text.h"
+#include "tests/enterprise/common/por/thrown.h"
 
 namespace Por::Test {
 namespace {
@@ -20,43 +19,36 @@ class TestObject : public BaseObject {
   using BaseObject::GetErrorHandler;
 };
 
-void ExpectError(const std::function<void()>& call, unsigned int code, const char* message,
-                 const char* function, unsigned int line) {
-  try {
-    call();
-    ADD_FAILURE() << message;
-  } catch (const Common::Error& error) {
-    EXPECT_EQ(typeid(error), typeid(Common::Error));
-    EXPECT_EQ(error.GetCode(), code);
-    EXPECT_EQ(TestSupport::Utf8(error.GetMessage()), message);
-    EXPECT_STREQ(error.GetLineTag().function, function);
-    EXPECT_EQ(error.GetLineTag().line, line);
-  }
+template <class Call>
+void ExpectError(Call call, const std::string& error, const char* place) {
+  const Thrown thrown = Catch(call);
+  EXPECT_EQ(thrown.error, "Error " + error);
+  EXPECT_EQ(thrown.place, std::string("enterprise/common/por/").append(place));
 }
 
-constexpr char kUninitialized[] = "POR: There was an attempt to access an uninitialized object.";
-
 TEST(PlainObject, WhatItDoesNotHaveIsAnError) {
+  constexpr char kUninitialized[] =
+      "fa0001: POR: There was an attempt to access an uninitialized object.";
   const TestObject empty(nullptr);
-  ExpectError([&] { empty.Factory(); }, 0xFA0001, kUninitialized, "Factory", 245);
-  ExpectError([&] { empty.Branch(); }, 0xFA0001, kUninitialized, "Branch", 252);
-  ExpectError([&] { empty.CreateUnit(); }, 0xFA0001, kUninitialized, "Branch", 252);
-  ExpectError([&] { empty.DefaultValue(); }, 0xFA0001, "POR: An internal error has occurred.",
-              "DefaultValue", 330);
+  ExpectError([&] { empty.Factory(); }, kUninitialized, "plain_object:245 Factory");
+  ExpectError([&] { empty.Branch(); }, kUninitialized, "plain_object:252 Branch");
+  ExpectError([&] { empty.CreateUnit(); }, kUninitialized, "plain_object:252 Branch");
+  ExpectError([&] { empty.DefaultValue(); }, "fa0001: POR: An internal error has occurred.",
+              "plain_object:330 DefaultValue");
 }
 
 TEST(PlainObject, PropertyFailuresAreThrownUnlessAHandlerTakesThem) {
   ErrorHandler& errors = TestObject(nullptr).GetErrorHandler();
-  ExpectError([&] { errors.PropertyNotFound("Size"); }, 0xFA000D,
-              "POR: Property 'Size' cannot be found.", "PropertyNotFound", 52);
-  ExpectError([&] { errors.PropertyTypeMismatch("Size", 8, 13); }, 0xFA000A,
-              "POR: There is a mismatch in object property 'Size'. Expected property type is "
-              "'qword', actual property type is 'string'.",
-              "MakePropertyTypeMismatchError", 69);
+  ExpectError([&] { errors.PropertyNotFound("Size"); },
+              "fa000d: POR: Property 'Size' cannot be found.", "plain_object:52 PropertyNotFound");
+  ExpectError([&] { errors.PropertyTypeMismatch("Size", 8, 13); },
+              "fa000a: POR: There is a mismatch in object property 'Size'. Expected property type "
+              "is 'qword', actual property type is 'string'.",
+              "types_mismatch:69 MakePropertyTypeMismatchError");
   const Common::Error reason(7, "Too big.", {});
   const auto process = [&] { errors.PropertyProcessingError("Size", reason); };
-  ExpectError(process, 0xFA0001, "POR: Property 'Size' processing error has occurred.",
-              "PropertyProcessingError", 62);
+  ExpectError(process, "fa0001: POR: Property 'Size' processing error has occurred.",
+              "plain_object:62 PropertyProcessingError");
   try {
     process();
   } catch (const Common::Error& error) {

@@ -24,22 +24,18 @@ TEST(StaticInstance, GivesAllThreadsTheSameUnit) {
   for (int round = 0; round < 200; ++round) {
     const StaticInstance instance(&MakeText);
     std::atomic<int> waiting{kThreads};
-    const View::Unit* seen[kThreads] = {};
-    unsigned int kinds[kThreads] = {};
+    std::vector<const View::Unit*> seen(kThreads);
     std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i) {
-      threads.emplace_back([&, i] {
+    for (const View::Unit*& unit : seen) {
+      threads.emplace_back([&] {
         --waiting;
         while (waiting != 0) std::this_thread::yield();
-        seen[i] = &instance.Get();
-        kinds[i] = GetValueTypeIndex(*seen[i]);
+        unit = &instance.Get();
+        EXPECT_EQ(kStringIndex, GetValueTypeIndex(*unit));
       });
     }
     for (std::thread& thread : threads) thread.join();
-    for (int i = 0; i < kThreads; ++i) {
-      EXPECT_EQ(&instance.Get(), seen[i]);
-      EXPECT_EQ(kStringIndex, kinds[i]);
-    }
+    EXPECT_EQ(std::vector<const View::Unit*>(kThreads, &instance.Get()), seen);
   }
 }
 

@@ -3,20 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <typeinfo>
 #include <utility>
 
-#include "core/common/error.h"
-#include "enterprise/common/por/unit_factory.h"
-#include "enterprise/common/por/unit_helpers.h"
 #include "enterprise/common/por/unit_value_access.h"
+#include "tests/enterprise/common/por/make_unit.h"
+#include "tests/enterprise/common/por/thrown.h"
 
-namespace Por {
+namespace Por::Test {
 namespace {
-
-OwnedUnit MakeNumber(unsigned int value) {
-  return GetStaticUnitFactory()->CreateDWord(value);
-}
 
 unsigned int GetNumber(const View::Unit& unit) {
   return Util::GetValue<unsigned int>(unit);
@@ -27,18 +21,10 @@ TEST(UnitHandle, NamesAPlaceThatNeedNotBeThereYet) {
   MutableUnit place = root["a"]["b.c"];
   EXPECT_EQ(place.GetShared(), nullptr);
   EXPECT_EQ(place.Clone(), nullptr);
-  try {
-    place.GetUnit();
-    FAIL();
-  } catch (const Common::Error& error) {
-    EXPECT_EQ(typeid(error), typeid(Common::Error));
-    EXPECT_EQ(error.GetCode(), 0xFA0001u);
-    EXPECT_EQ(error.GetMessage(), u"POR: Cannot access property by path '.a.b&d;c'.");
-    EXPECT_STREQ(error.GetLineTag().file, "enterprise/common/por/const_unit");
-    EXPECT_STREQ(error.GetLineTag().function, "UnitMissingPropertyAccess");
-    EXPECT_EQ(error.GetLineTag().line, 89u);
-  }
-  place.Assign(MakeNumber(5));
+  const Thrown missing = Catch([&] { place.GetUnit(); });
+  EXPECT_EQ(missing.error, "Error fa0001: POR: Cannot access property by path '.a.b&d;c'.");
+  EXPECT_EQ(missing.place, "enterprise/common/por/const_unit:89 UnitMissingPropertyAccess");
+  place.Assign(DWord(5));
   EXPECT_EQ(GetNumber(root["a"]["b.c"].GetUnit()), 5u);
   EXPECT_EQ(GetNumber(*place.Clone()), 5u);
   EXPECT_THROW(place.Assign(nullptr), Common::Error);
@@ -47,11 +33,9 @@ TEST(UnitHandle, NamesAPlaceThatNeedNotBeThereYet) {
 TEST(UnitHandle, AReplacedRootIsSeenByAllOfItsCell) {
   MutableUnit root;
   MutableUnit child = root["a"];
-  child.Assign(MakeNumber(1));
+  child.Assign(DWord(1));
   const std::shared_ptr<Construction::Unit> old = child.GetShared();
-  OwnedUnit other = GetStaticUnitFactory()->CreateComposite();
-  Util::AddProperty(*other, "a", MakeNumber(2), *GetStaticUnitFactory());
-  root.Assign(std::move(other));
+  root.Assign(Composite("a", DWord(2)));
   EXPECT_EQ(GetNumber(child.GetUnit()), 2u);
   EXPECT_EQ(GetNumber(*old), 1u);  // keeps the old root
 
@@ -61,19 +45,17 @@ TEST(UnitHandle, AReplacedRootIsSeenByAllOfItsCell) {
 }
 
 TEST(UnitHandle, ReadsSharedTrees) {
-  OwnedUnit tree = GetStaticUnitFactory()->CreateComposite();
-  Util::AddProperty(*tree, "a", MakeNumber(1), *GetStaticUnitFactory());
-  const ConstUnit root(SharedUnit(std::move(tree)), *GetStaticUnitFactory());
+  const ConstUnit root(SharedUnit(Composite("a", DWord(1))), Factory());
   SharedUnit shared;
   {
     const ConstUnit place = root["a"];
     shared = place.GetShared();
-    EXPECT_EQ(place.GetFactory(), GetStaticUnitFactory());
+    EXPECT_EQ(place.GetFactory(), &Factory());
   }
   EXPECT_EQ(GetNumber(*shared), 1u);
   EXPECT_EQ(root["b"].GetShared(), nullptr);
-  EXPECT_EQ(ConstUnit(nullptr, *GetStaticUnitFactory())["a"].GetShared(), nullptr);
+  EXPECT_EQ(ConstUnit(nullptr, Factory())["a"].GetShared(), nullptr);
 }
 
 }  // namespace
-}  // namespace Por
+}  // namespace Por::Test
