@@ -21,6 +21,7 @@ namespace Async {
 // which sees every access to a state word and every lock; it is a friend of the control.
 struct ThreadAtomics {
   using Word = std::atomic<std::uintptr_t>;
+  using Counter = std::atomic<std::uintptr_t>;
   using Mutex = Common::Mutex;
   using MutexLock = Common::MutexLock;
   using StaticMutex = Common::StaticMutex;

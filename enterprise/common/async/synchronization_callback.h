@@ -74,6 +74,8 @@ class ScopedSynchronizationCallback : public SynchronizationCallback {
 
   // Asserts that there was no next callback, then stores.
   void SetNext(SynchronizationCallback* callback) override;
+  // Whether a new callback would go to the same chain: not if a service came or went meanwhile.
+  bool IsOnCurrentChain() const { return storage_ == GetSynchronizationCallbackStorage(); }
 
  private:
   // Pushed here and popped here, also when a service comes or goes meanwhile.

@@ -17,9 +17,10 @@ namespace Async {
 // thread continues the loop there. A thread that blocks or stalls while the next step could start
 // hands the loop to a thread of the async service.
 //
-// Without a service nobody but that thread can take the next step, so a step that ends in the loop
-// is only marked in the pass that stands on the thread's stack: no lock, no reference is taken. A
-// thread that blocks behind such a step publishes the mark first.
+// As long as there is no service, and no other thread in the loop that may come back to take the
+// next step, a step that ends in the loop is only marked in the pass that stands on the thread's
+// stack: no lock, no reference is taken. A thread that blocks behind such a step publishes the mark
+// first.
 //
 //   available  owner      meaning
 //   true       any        a step has ended, the next one may begin
@@ -45,6 +46,7 @@ class BasicTailRecursionController : public Common::NonCopyable {
 
  private:
   class ProcessingDetachment;
+  class LoopCount;
 
   // The short way of a step that has ended inside the loop of this thread. False: not possible.
   bool MarkStepEnded();
@@ -54,6 +56,8 @@ class BasicTailRecursionController : public Common::NonCopyable {
   // loop.
   bool Release(ProcessingDetachment*& detachment);
 
+  // Who may take a step: threads in the loop, and forked work until it has ended.
+  typename Atomics::Counter loops_{0};
   typename Atomics::Mutex mutex_;  // guards changes of the fields below
   bool available_ = true;
   std::atomic<std::thread::id> owner_thread_;   // started the current step, while in the loop

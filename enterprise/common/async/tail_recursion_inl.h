@@ -7,6 +7,22 @@
 
 namespace Async {
 
+// Counts a loop, or work that will run one, while it lives.
+template <class Atomics>
+class BasicTailRecursionController<Atomics>::LoopCount : public Common::NonCopyable {
+ public:
+  explicit LoopCount(BasicTailRecursionController& controller,
+                     std::shared_ptr<void> keep_alive = nullptr)
+      : keep_alive_(std::move(keep_alive)), controller_(controller) {
+    controller_.loops_.fetch_add(1);
+  }
+  ~LoopCount() { controller_.loops_.fetch_sub(1); }
+
+ private:
+  const std::shared_ptr<void> keep_alive_;
+  BasicTailRecursionController& controller_;
+};
+
 // Stands on the stack of each pass of the loop, so that a thread that blocks or stalls in a step
 // doesn't hold up the next one.
 template <class Atomics>
@@ -37,7 +53,8 @@ class BasicTailRecursionController<Atomics>::ProcessingDetachment
   // told a new detachment from this one.
   bool TakeEndedStep() {
     if (!step_ended_) return false;
-    if (this->CallCount.load() != 0 || this->SuppressCount.load() != 0) {
+    if (this->CallCount.load() != 0 || this->SuppressCount.load() != 0 ||
+        !this->IsOnCurrentChain()) {
       PublishEndedStep();
       return false;
     }
@@ -48,7 +65,7 @@ class BasicTailRecursionController<Atomics>::ProcessingDetachment
   std::unique_ptr<Work> CreateWork() override {
     auto process = [controller = &controller_] { controller->Process(); };
     return std::make_unique<SilentWorkAdaptor<decltype(process), std::shared_ptr<void>>>(
-        process, controller_.GetKeepAlive());
+        process, std::make_shared<LoopCount>(controller_, controller_.GetKeepAlive()));
   }
 
  private:
@@ -71,6 +88,7 @@ template <class Atomics>
 void BasicTailRecursionController<Atomics>::Process() {
   bool recursing = false;
   std::shared_ptr<void> keep_alive;  // declared first: outlives the detachment of every pass
+  const LoopCount count(*this);
   for (;;) {
     ProcessingDetachment detachment(*this);
     recursing = TryAcquire(recursing, &detachment);
@@ -101,7 +119,7 @@ bool BasicTailRecursionController<Atomics>::MarkStepEnded() {
   // Whoever started the step wrote both fields before it, so a thread that finds itself in the
   // first one also sees the second.
   if (owner_thread_.load(std::memory_order_relaxed) != std::this_thread::get_id()) return false;
-  if (detachment_ == nullptr) return false;
+  if (detachment_ == nullptr || loops_.load() != 1) return false;
   Service* service = nullptr;
   GetAsyncService(&service);
   if (service != nullptr) return false;  // a metronome is to watch this thread

@@ -76,6 +76,9 @@ class ModelObject : public Common::NonCopyable {
   void NoteGlance(bool seen) const {
     if (explorer != nullptr) explorer->Glance(seen ? InterleavingExplorer::Mix(id_, history_) : 0);
   }
+  void NoteRead() const {
+    if (explorer != nullptr) explorer->Remember(history_);
+  }
   void NoteWrite() {
     if (explorer == nullptr) return;
     explorer->Remember(history_);
@@ -126,6 +129,27 @@ struct ModelAtomics {
       NoteWrite();
       return true;
     }
+
+   private:
+    std::uintptr_t value_;
+  };
+
+  // What is read decides what the reader does from there on.
+  class Counter : ModelObject {
+   public:
+    explicit Counter(std::uintptr_t value) : value_(value) {}
+
+    std::uintptr_t load() const {
+      Enter();
+      NoteRead();
+      return value_;
+    }
+    void fetch_add(std::uintptr_t change) {
+      Enter();
+      value_ += change;
+      NoteWrite();
+    }
+    void fetch_sub(std::uintptr_t change) { fetch_add(0 - change); }
 
    private:
     std::uintptr_t value_;
