@@ -46,6 +46,10 @@ bool ElementReader::Read() {
         builder_.CloseText();
         if (!ReadOpeningTag()) return false;
         break;
+      case Token::Closed:
+        builder_.CloseText();
+        CloseTag();
+        break;
       case Token::CloseTag:
         builder_.CloseText();
         if (!ReadClosingTag()) return false;
@@ -60,6 +64,10 @@ bool ElementReader::Read() {
 bool ElementReader::ReadOpeningTag() {
   builder_.OpenTag(builder_.Intern(tokenizer_.GetWord()));
   tokenizer_.SetSingle(false);
+  if (tokenizer_.SkipTagEnd()) {
+    Next();
+    return true;
+  }
   Next();
   while (token_ == Token::AttributeName) {
     if (!ReadAttribute()) return false;

@@ -223,6 +223,19 @@ bool XmlTokenizer::ReadContent() {
   return ReadText<kContent>();
 }
 
+// Passes the current tag's closing tag, if it is there whole and without white space.
+inline bool XmlTokenizer::PassClosingTag() {
+  const XmlTag* const tag = builder_.GetCurrent();
+  if (tag == nullptr) return false;
+  const std::string_view name = tag->GetName();
+  if (static_cast<std::size_t>(end_ - cursor_) < name.size() + 3) return false;
+  const char* const at = cursor_ + 2;
+  if (at[name.size()] != '>' || std::memcmp(at, name.data(), name.size()) != 0) return false;
+  cursor_ += name.size() + 3;
+  pending_ = PendingSpace::Matters;
+  return true;
+}
+
 bool XmlTokenizer::ReadMarkup() {
   const auto pay_blank = [this] {
     if (pending_ != PendingSpace::Owed) return false;
@@ -232,6 +245,7 @@ bool XmlTokenizer::ReadMarkup() {
   Fill(2);
   switch (cursor_[1]) {
     case '/':
+      if (PassClosingTag()) return SetToken(Token::Closed);
       Fill(3);
       if (!Is(cursor_[2], kNameStart)) return Fail(cursor_);
       cursor_ += 2;

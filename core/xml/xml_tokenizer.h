@@ -34,12 +34,20 @@ class XmlTokenizer : public Common::NonCopyable {
     AttributeValue = 7,  // "=" and the opening quote
     Text = 8,
     BinaryMagic = 9,  // "BXML"; nothing behind it was read
+    Closed = 10,      // CloseTag with the current tag's name, and TagEnd, in one
   };
 
   XmlTokenizer(i_file& file, XmlDetail::TreeBuilder& builder) : file_(file), builder_(builder) {}
 
   // The next token. Behind the end and an error there is none.
   Token Next();
+  // Behind OpenTag: passes a TagEnd that stands right there. False, and nothing done, elsewhere.
+  bool SkipTagEnd() {
+    if (*cursor_ != '>') return false;
+    ++cursor_;
+    state_ = State::Content;
+    return true;
+  }
   // The name of the last token, until the next one.
   std::string_view GetWord() const { return word_; }
 
@@ -110,6 +118,7 @@ class XmlTokenizer : public Common::NonCopyable {
   bool ReadStart();
   bool ReadContent();
   bool ReadMarkup();
+  bool PassClosingTag();
   bool ReadTag();
   template <char kQuote>
   bool ReadValue();
