@@ -18,6 +18,7 @@ struct FileFailure {
 inline constexpr FileFailure kReadFailure{0x40001, Common::MessageRow::FileRead};
 inline constexpr FileFailure kWriteFailure{0x40003, Common::MessageRow::FileWrite};
 inline constexpr FileFailure kDiskFullFailure{0x40004, Common::MessageRow::FileDiskFull};
+inline constexpr FileFailure kSeekFailure{0x40005, Common::MessageRow::FileSeek};
 inline constexpr FileFailure kMemoryFailure{0x40006, Common::MessageRow::FileNoMemory};
 inline constexpr FileFailure kOpenFailure{0x40007, Common::MessageRow::FileOpen};
 inline constexpr FileFailure kCreateFailure{0x4000A, Common::MessageRow::FileCreate};

@@ -13,8 +13,8 @@
 #include "core/common/string.h"
 #include "platform/store/is_index.h"
 
-// An object store for reading, whatever holds its rows. What a report needs and no more: the rest
-// of the post office is the same for every kind of store.
+// An object store for reading, whatever holds its rows. What reports and subscriptions need and no
+// more: the rest of the post office is the same for every kind of store.
 
 namespace Platform::Store {
 
@@ -25,6 +25,13 @@ struct StoredObject {
   std::size_t size = 0;
 };
 
+// A place between two changes of a store.
+struct ChangePosition {
+  std::string store;     // tells the store from another one that takes its place
+  long long number = 0;  // of the change before; 0 for none
+  long long total = 0;   // what the log says at that change: tells it from another of that number
+};
+
 // A walk over objects, in the order in which they first came into the store. All of it sees the
 // store at one moment. One thread at a time.
 class ObjectCursor : public Common::NonCopyable {
@@ -32,6 +39,50 @@ class ObjectCursor : public Common::NonCopyable {
   virtual ~ObjectCursor() = default;
   // False at the end. Throws Common::Error; 0xF90002 when stopped.
   virtual bool Next(StoredObject& object) = 0;
+  // That moment: behind it come the changes that the walk doesn't see. Throws as Next.
+  virtual ChangePosition GetPosition() const = 0;
+};
+
+// A change of one object with its state on both sides of it: `has_before` alone for a deletion,
+// `has_after` alone for a creation, both for an update. Valid until the next step of its log.
+struct StoredChange {
+  long long number = 0;
+  long long total = 0;
+  long long object = 0;  // place in the store's order; a later object may get that of a deleted one
+  Common::Guid id;
+  bool has_before = false;
+  bool has_after = false;
+  const unsigned char* before = nullptr;
+  std::size_t before_size = 0;
+  const unsigned char* after = nullptr;
+  std::size_t after_size = 0;
+};
+
+// The changes that a store still knows, all seen at one moment. One thread at a time. Throws
+// Common::Error; 0xF90002 when stopped, 0x4000D when the log contradicts itself.
+class ChangeLog : public Common::NonCopyable {
+ public:
+  virtual ~ChangeLog() = default;
+  // The number of the last change, 0 before the first.
+  virtual long long GetLast() const = 0;
+  // Throws 0x40005 when the log doesn't lead on from `position`: changes behind it are no longer
+  // known, or the store was replaced by another one, or by an older state of itself.
+  virtual void Check(const ChangePosition& position) = 0;
+  // Goes to a place that Check has accepted.
+  virtual void Seek(const ChangePosition& position) = 0;
+  // The next change, in the order of their commits. False at the end.
+  virtual bool Next(StoredChange& change) = 0;
+};
+
+// Looks at the log again and again for what is new. Nothing stays open or locked between two looks.
+// One thread at a time.
+class ChangeWatch : public Common::NonCopyable {
+ public:
+  virtual ~ChangeWatch() = default;
+  // The log as it is now. Null when nothing can have changed since the last look, unless `always`.
+  // Meant for every few milliseconds: costs microseconds then. `stop` is borrowed by the log and
+  // ends its steps and this call, waits for locks included. Throws as ChangeLog.
+  virtual std::unique_ptr<ChangeLog> Look(bool always, const std::atomic<bool>& stop) = 0;
 };
 
 struct ObjectSummary {
@@ -66,6 +117,8 @@ class ObjectStore : public Common::NonCopyable {
   // borrowed by the cursor and ends its steps, waits for locks included.
   virtual std::unique_ptr<ObjectCursor> Select(const std::vector<IsKey>& demanded,
                                                const std::atomic<bool>& stop) const = 0;
+  // The store must outlive the watch.
+  virtual std::unique_ptr<ChangeWatch> Watch() const = 0;
   // In order.
   virtual void List(const std::function<void(const ObjectSummary&)>& process) const = 0;
   virtual StoreStatistics GetStatistics() const = 0;

@@ -19,7 +19,7 @@ namespace Platform::Store {
 // - An object that can't be decoded is dropped like one whose reader raised.
 // - A pattern that raises ends the report with that error.
 // - Cancel works at any moment; the report ends with 0xF90002 before the next object.
-class ReportJob final : public Async::BaseJob {
+class ReportJob : public Async::BaseJob {
  public:
   // `reader` may be null; it, `handler` and `factory` are borrowed until the handler is told. At
   // most `limit` objects are read.
@@ -32,6 +32,15 @@ class ReportJob final : public Async::BaseJob {
   // Once, on any thread: reads all and tells the handler. Nothing that was borrowed is touched
   // after that.
   void Run();
+
+ protected:
+  const Dml::ViewSpec& GetSpec() const { return spec_; }
+  std::optional<unsigned int> GetLimit() const { return limit_; }
+
+  // What more there is to do, on the thread of the report; what these throw ends it. `cursor` is
+  // behind the last object.
+  virtual void OnRead(const StoredObject&) {}
+  virtual void OnAllRead(const ObjectCursor&) {}
 
  private:
   void ReadAll();

@@ -5,12 +5,18 @@
 #include <thread>
 #include <utility>
 
+#include "core/common/line_tag.h"
 #include "enterprise/common/async/async_error.h"
+#include "platform/store/file_codes.h"
+#include "platform/store/sqlite_change_log.h"
+#include "platform/store/sqlite_change_watch.h"
 #include "platform/store/sqlite_schema.h"
 
 namespace Platform::Store {
 
 namespace {
+
+constexpr Common::SourceFile kSource{"platform/store/sqlite_store"};
 
 // Between two tries to read a store whose files another process is just making or removing.
 constexpr std::chrono::milliseconds kFirstPause{1};
@@ -18,8 +24,10 @@ constexpr std::chrono::milliseconds kLastPause{10};
 
 class SqliteCursor final : public ObjectCursor {
  public:
-  SqliteCursor(std::unique_ptr<SqliteDatabase> database, const std::vector<IsKey>& demanded)
+  SqliteCursor(std::unique_ptr<SqliteDatabase> database, std::string identity,
+               const std::vector<IsKey>& demanded)
       : database_(std::move(database)),
+        identity_(std::move(identity)),
         demanded_(demanded),
         statement_(*database_, SqliteStore::MakeSelectQuery(demanded.size()).c_str()) {
     int place = 1;
@@ -33,8 +41,11 @@ class SqliteCursor final : public ObjectCursor {
     return true;
   }
 
+  ChangePosition GetPosition() const override { return GetLastPosition(*database_, identity_); }
+
  private:
   const std::unique_ptr<SqliteDatabase> database_;
+  const std::string identity_;
   const std::vector<IsKey> demanded_;
   SqliteStatement statement_;
 };
@@ -46,10 +57,12 @@ SqliteStore::SqliteStore(std::string path, unsigned int lock_wait_milliseconds)
   Open(nullptr);
 }
 
-std::unique_ptr<SqliteDatabase> SqliteStore::Open(const std::atomic<bool>* stop) const {
+std::unique_ptr<SqliteDatabase> SqliteStore::Open(const std::atomic<bool>* stop,
+                                                  std::string* identity) const {
   using Clock = std::chrono::steady_clock;
   const auto end = Clock::now() + std::chrono::milliseconds(lock_wait_milliseconds_);
   for (auto pause = kFirstPause;; pause = std::min(2 * pause, kLastPause)) {
+    if (identity != nullptr) *identity = IdentifyFile(path_);
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
     auto database = SqliteDatabase::OpenForReading(
         path_, {static_cast<unsigned int>(std::max<long long>(left, 0)), stop});
@@ -58,13 +71,17 @@ std::unique_ptr<SqliteDatabase> SqliteStore::Open(const std::atomic<bool>* stop)
       // is its first read, and the only one that can meet unfinished files.
       database->Execute("BEGIN");
       CheckSchema(*database);
-      return database;
-    } catch (const Common::Error&) {
-      if (!database->MetUnfinishedFiles()) throw;
-      if (stop != nullptr && stop->load(std::memory_order_relaxed)) {
-        throw Common::Error(Async::canceled_error.Get());
+      // What lay there before the opening and behind it is what was opened.
+      if (identity == nullptr || *identity == IdentifyFile(path_)) return database;
+      if (Clock::now() >= end) {
+        throw MakeFileError(kOpenFailure, path_, "The file was replaced while it was opened.",
+                            kSource.At("Open", 10));
       }
-      if (Clock::now() >= end) throw;
+    } catch (const Common::Error&) {
+      if (!database->MetUnfinishedFiles() || Clock::now() >= end) throw;
+    }
+    if (stop != nullptr && stop->load(std::memory_order_relaxed)) {
+      throw Common::Error(Async::canceled_error.Get());
     }
     database.reset();
     std::this_thread::sleep_for(pause);
@@ -85,7 +102,19 @@ std::string SqliteStore::MakeSelectQuery(std::size_t count) {
 
 std::unique_ptr<ObjectCursor> SqliteStore::Select(const std::vector<IsKey>& demanded,
                                                   const std::atomic<bool>& stop) const {
-  return std::make_unique<SqliteCursor>(Open(&stop), demanded);
+  std::string identity;
+  auto database = Open(&stop, &identity);
+  return std::make_unique<SqliteCursor>(std::move(database), std::move(identity), demanded);
+}
+
+std::unique_ptr<ChangeWatch> SqliteStore::Watch() const {
+  return std::make_unique<SqliteChangeWatch>(*this);
+}
+
+std::unique_ptr<ChangeLog> SqliteStore::ReadChanges(const std::atomic<bool>& stop) const {
+  std::string identity;
+  auto database = Open(&stop, &identity);
+  return std::make_unique<SqliteChangeLog>(std::move(database), std::move(identity));
 }
 
 void SqliteStore::List(const std::function<void(const ObjectSummary&)>& process) const {

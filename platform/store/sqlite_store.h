@@ -19,14 +19,21 @@ class SqliteStore final : public ObjectStore {
   const std::string& GetPath() const override { return path_; }
   std::unique_ptr<ObjectCursor> Select(const std::vector<IsKey>& demanded,
                                        const std::atomic<bool>& stop) const override;
+  std::unique_ptr<ChangeWatch> Watch() const override;
   void List(const std::function<void(const ObjectSummary&)>& process) const override;
   StoreStatistics GetStatistics() const override;
+
+  // The log as it is now. Borrows `stop`.
+  std::unique_ptr<ChangeLog> ReadChanges(const std::atomic<bool>& stop) const;
 
   // The query of a Select that demands `count` keys.
   static std::string MakeSelectQuery(std::size_t count);
 
  private:
-  std::unique_ptr<SqliteDatabase> Open(const std::atomic<bool>* stop) const;
+  // A connection in the middle of its transaction. `identity`, if not null, gets what tells the
+  // file from another one in its place.
+  std::unique_ptr<SqliteDatabase> Open(const std::atomic<bool>* stop,
+                                       std::string* identity = nullptr) const;
 
   const std::string path_;
   const unsigned int lock_wait_milliseconds_;

@@ -7,10 +7,13 @@
 #include <utility>
 
 #include "core/common/line_tag.h"
+#include "platform/store/change_follower.h"
 #include "platform/store/file_codes.h"
 #include "platform/store/limit_option.h"
 #include "platform/store/object_store.h"
 #include "platform/store/report_threads.h"
+#include "platform/store/store_subscription.h"
+#include "platform/store/subscribe_job.h"
 
 namespace Platform::Store {
 
@@ -31,33 +34,44 @@ class StorePostOffice final : public Dml::PostOffice {
  public:
   StorePostOffice(std::shared_ptr<const ObjectStore> store,
                   const Por::Construction::UnitFactory& factory)
-      : store_(std::move(store)), factory_(&factory) {}
+      : store_(std::move(store)),
+        factory_(&factory),
+        follower_(std::make_shared<ChangeFollower>(store_, factory)) {}
+  ~StorePostOffice() override { follower_->Stop(MakeClosingError()); }
 
-  // A store doesn't tell of its changes.
-  std::shared_ptr<Async::Job> Subscribe(const Core::EntryPoint&, const Dml::ViewSpec&,
-                                        std::shared_ptr<Dml::ReportReader>,
-                                        std::unique_ptr<Dml::Subscription>&,
+  std::shared_ptr<Async::Job> Subscribe(const Core::EntryPoint&, const Dml::ViewSpec& spec,
+                                        std::shared_ptr<Dml::ReportReader> reader,
+                                        std::unique_ptr<Dml::Subscription>& subscription,
                                         Async::ActionHandler& handler) override {
-    handler.Completed(MakeFileError(kUnsupportedFailure, store_->GetPath(),
-                                    "A local store has no subscriptions, only reports.",
-                                    kSource.At("Subscribe", 10)));
-    return nullptr;
+    return Start(handler, [&] {
+      return std::make_shared<SubscribeJob>(follower_, store_, spec, GetLimit(spec.options.get()),
+                                            reader.get(), subscription, handler, *factory_);
+    });
   }
 
   std::shared_ptr<Async::Job> Report(const Core::EntryPoint&, const Dml::ViewSpec& spec,
                                      std::shared_ptr<Dml::ReportReader> reader,
                                      Async::ActionHandler& handler) override {
+    return Start(handler, [&] {
+      return std::make_shared<ReportJob>(store_, spec, GetLimit(spec.options.get()), reader.get(),
+                                         handler, *factory_);
+    });
+  }
+
+ private:
+  // A failure to start is told to the handler; there is no job then.
+  template <class MakeJob>
+  std::shared_ptr<Async::Job> Start(Async::ActionHandler& handler, const MakeJob& make_job) {
     Common::Error error;
     try {
-      auto job = std::make_shared<ReportJob>(store_, spec, GetLimit(spec.options.get()),
-                                             reader.get(), handler, *factory_);
+      auto job = make_job();
       threads_.Start(job);
       return job;
     } catch (const Common::Error& failure) {
       error = failure;
     } catch (const std::system_error& failure) {
       error = MakeSystemError(kReadFailure, store_->GetPath(), failure.code().value(),
-                              kSource.At("Report", 20));
+                              kSource.At("Start", 20));
     } catch (const std::bad_alloc&) {
       error = Common::Error::OutOfMemory();
     }
@@ -65,9 +79,9 @@ class StorePostOffice final : public Dml::PostOffice {
     return nullptr;
   }
 
- private:
   const std::shared_ptr<const ObjectStore> store_;
   const Por::Construction::UnitFactory* const factory_;
+  const std::shared_ptr<ChangeFollower> follower_;
   ReportThreads threads_;
 };
 
@@ -114,7 +128,7 @@ void DML_Create(const Common::String& connection_string, Dml::StoreCustomizer* c
   }
 }
 
-// Nothing stays open between two reports: closing can't fail.
+// Nothing stays open between two reports, or two looks of subscriptions: closing can't fail.
 void DML_Delete(Dml::CoreDispatcher** dispatcher, Common::Error&) {
   delete static_cast<Platform::Store::StoreDispatcher*>(*dispatcher);
   *dispatcher = nullptr;

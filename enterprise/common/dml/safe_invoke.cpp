@@ -36,25 +36,27 @@ void ReadObjects(const std::vector<Por::SharedUnit>& units, ReportReader& reader
   }
 }
 
+void ReadUpdate(const ViewManagement::ViewUpdate& update, SubscriptionReader& reader) {
+  SafeInvoke([&] {
+    switch (update.type) {
+      case ViewManagement::kUpdateCreated:
+        reader.OnCreated(NotNull(update.key));
+        break;
+      case ViewManagement::kUpdateUpdated:
+        reader.OnUpdated(NotNull(update.key), NotNull(update.packed_update));
+        break;
+      case ViewManagement::kUpdateDeleted:
+        reader.OnDeleted(NotNull(update.key));
+        break;
+      default:
+        break;
+    }
+  });
+}
+
 void ReadUpdates(const std::vector<ViewManagement::ViewUpdate>& updates,
                  SubscriptionReader& reader) {
-  for (const ViewManagement::ViewUpdate& update : updates) {
-    SafeInvoke([&] {
-      switch (update.type) {
-        case ViewManagement::kUpdateCreated:
-          reader.OnCreated(NotNull(update.key));
-          break;
-        case ViewManagement::kUpdateUpdated:
-          reader.OnUpdated(NotNull(update.key), NotNull(update.packed_update));
-          break;
-        case ViewManagement::kUpdateDeleted:
-          reader.OnDeleted(NotNull(update.key));
-          break;
-        default:
-          break;
-      }
-    });
-  }
+  for (const ViewManagement::ViewUpdate& update : updates) ReadUpdate(update, reader);
 }
 
 }  // namespace Dml

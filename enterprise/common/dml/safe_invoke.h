@@ -31,8 +31,10 @@ void SafeInvoke(Function&& call) {
 // Calls Read for each unit in order. A null unit counts as an object whose reader raised.
 void ReadObjects(const std::vector<Por::SharedUnit>& units, ReportReader& reader);
 
-// Calls the operation of each update's kind in order; other kinds are skipped in silence. An update
-// without a unit that its operation takes counts as one whose reader raised.
+// Calls the operation of the update's kind; other kinds are skipped in silence. An update without a
+// unit that its operation takes counts as one whose reader raised.
+void ReadUpdate(const ViewManagement::ViewUpdate& update, SubscriptionReader& reader);
+// The same for each in order.
 void ReadUpdates(const std::vector<ViewManagement::ViewUpdate>& updates,
                  SubscriptionReader& reader);
 

@@ -123,16 +123,6 @@ TEST_F(StoreReport, RaisingPatternEndsTheReport) {
   EXPECT_TRUE(reader.numbers.empty());
 }
 
-TEST_F(StoreReport, SubscribingIsRefused) {
-  StoreNumbered(1);
-  const auto office = Open();
-  ToldOnce handler;
-  std::unique_ptr<Dml::Subscription> subscription;
-  EXPECT_EQ(office->Subscribe(Core::EntryPoint(), {}, nullptr, subscription, handler), nullptr);
-  EXPECT_EQ(handler.Wait().GetCode(), 0x4000EU);
-  EXPECT_EQ(subscription, nullptr);
-}
-
 TEST_F(StoreReport, CancelFromTheReader) {
   StoreNumbered(50);
   const auto office = Open();

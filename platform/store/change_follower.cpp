@@ -1,0 +1,229 @@
+#include "platform/store/change_follower.h"
+
+#include <algorithm>
+#include <exception>
+#include <new>
+#include <utility>
+
+#include "platform/store/guarded_call.h"
+
+namespace Platform::Store {
+
+// What a look brings to a view that is behind.
+struct ChangeFollower::Reading {
+  View view;
+  FollowedView::Updates updates;
+  Common::Error failure;
+};
+
+class ChangeFollower::Delivery final : public PoolTask {
+ public:
+  explicit Delivery(View view) : view_(std::move(view)) {}
+  void Run() override { view_->Deliver(); }
+
+ private:
+  const View view_;
+};
+
+ChangeFollower::ChangeFollower(std::shared_ptr<const ObjectStore> store,
+                               const Por::Construction::UnitFactory& factory)
+    : store_(std::move(store)), factory_(&factory), watch_(store_->Watch()) {}
+
+ChangeFollower::~ChangeFollower() = default;
+
+bool ChangeFollower::Serve(const View& view) {
+  const std::lock_guard lock(mutex_);
+  if (stop_.load(std::memory_order_relaxed)) return false;
+  waiting_.insert(view);
+  try {
+    if (pool_ == nullptr) pool_ = std::make_shared<ElasticPool>();
+    if (!thread_.joinable()) thread_ = std::thread([this] { Run(); });
+  } catch (...) {
+    waiting_.erase(view);
+    throw;
+  }
+  has_arrival_ = true;
+  work_.notify_one();
+  return true;
+}
+
+void ChangeFollower::Stop(const Common::Error& result) {
+  std::thread thread;
+  {
+    const std::lock_guard lock(mutex_);
+    stop_.store(true, std::memory_order_relaxed);
+    thread = std::move(thread_);
+    work_.notify_one();
+  }
+  if (thread.joinable()) thread.join();
+  std::set<View> waiting;
+  std::shared_ptr<ElasticPool> pool;
+  {
+    const std::lock_guard lock(mutex_);
+    waiting.swap(waiting_);
+    pool.swap(pool_);
+  }
+  for (const View& view : waiting) view->End(result);
+  if (pool == nullptr) return;
+  if (!pool->IsOwnThread()) {
+    pool->Stop();
+    return;
+  }
+  // This is inside a delivery, for which the pool would wait.
+  try {
+    std::thread([pool] { pool->Stop(); }).detach();
+  } catch (const std::exception&) {
+    // Its threads end by themselves when there is nothing to do; it must not go before them.
+    static_cast<void>(new (std::nothrow) std::shared_ptr<ElasticPool>(pool));
+  }
+}
+
+void ChangeFollower::Run() {
+  changed_ = Clock::now();
+  std::unique_lock lock(mutex_);
+  while (!stop_.load(std::memory_order_relaxed)) {
+    if (waiting_.empty()) {
+      work_.wait(lock);
+      continue;
+    }
+    has_arrival_ = false;
+    lock.unlock();
+    bool has_more = false;
+    try {
+      has_more = Look();
+    } catch (const std::bad_alloc&) {
+      // The next look tries again.
+    }
+    lock.lock();
+    if (has_more) continue;
+    work_.wait_for(lock, GetPause(),
+                   [this] { return has_arrival_ || stop_.load(std::memory_order_relaxed); });
+  }
+}
+
+ChangeFollower::Clock::duration ChangeFollower::GetPause() const {
+  return std::clamp<Clock::duration>((Clock::now() - changed_) / 8, kShortestPause, kLongestPause);
+}
+
+// Drops the views whose reads were ended: a new read serves them anew.
+ChangeFollower::Views ChangeFollower::GetWaiting() {
+  const std::lock_guard lock(mutex_);
+  std::erase_if(waiting_, [](const View& view) { return !view->IsWaiting(); });
+  return {waiting_.begin(), waiting_.end()};
+}
+
+bool ChangeFollower::Look() {
+  const Views waiting = GetWaiting();
+  Views views;
+  bool has_new_place = false;
+  for (const View& view : waiting) {
+    // Of a read that was ended too late, or for which there was no thread.
+    if (view->HasOutcome()) continue;
+    views.push_back(view);
+    if (view->position.number != last_) has_new_place = true;
+  }
+  bool has_more = false;
+  if (!views.empty()) {
+    const Common::Error failure = RunGuarded(u"Follow", [&] {
+      const auto log = watch_->Look(has_new_place, stop_);
+      if (log == nullptr) return;
+      if (last_ != log->GetLast()) changed_ = Clock::now();
+      last_ = log->GetLast();
+      has_more = ReadLog(*log, views);
+    });
+    if (stop_.load(std::memory_order_relaxed)) return false;
+    if (failure.IsFailure()) {
+      for (const View& view : views) {
+        if (!view->HasOutcome()) view->SetFailure(failure);
+      }
+    }
+  }
+  for (const View& view : waiting) {
+    if (view->HasOutcome()) Post(view);
+  }
+  return has_more;
+}
+
+bool ChangeFollower::ReadLog(ChangeLog& log, const Views& views) {
+  std::vector<Reading> readings;
+  for (const View& view : views) {
+    Common::Error failure = RunGuarded(u"Follow", [&] { log.Check(view->position); });
+    if (failure.IsFailure()) {
+      view->SetFailure(failure);
+    } else if (view->position.number < log.GetLast()) {
+      readings.push_back({view, {}, {}});
+    }
+  }
+  if (readings.empty()) return false;
+  const auto first =
+      std::min_element(readings.begin(), readings.end(), [](const Reading& a, const Reading& b) {
+        return a.view->position.number < b.view->position.number;
+      });
+  long long reached = first->view->position.number;
+  const Common::Error failure = RunGuarded(u"Follow", [&] {
+    log.Seek(ChangePosition(first->view->position));
+    ApplyChanges(log, readings, reached, *factory_);
+  });
+  bool has_more = false;
+  for (Reading& reading : readings) {
+    FollowedView& view = *reading.view;
+    // What made the walk end doesn't concern those who stand farther on.
+    if (failure.IsFailure() && view.position.number == reached) reading.failure = failure;
+    if (!reading.updates.empty()) {
+      view.AddUpdates(std::move(reading.updates));
+    } else if (reading.failure.IsFailure()) {
+      view.SetFailure(reading.failure);
+    } else if (view.position.number < log.GetLast()) {
+      has_more = true;
+    }
+  }
+  return has_more;
+}
+
+// `reached` is the number of the change up to which all of them, but for those that failed, have
+// come at least.
+void ChangeFollower::ApplyChanges(ChangeLog& log, std::vector<Reading>& readings,
+                                  long long& reached,
+                                  const Por::Construction::UnitFactory& factory) {
+  StoredChange stored;
+  std::size_t bytes = 0;
+  for (std::size_t count = 0; count < kBatchChanges && bytes < kBatchBytes; ++count) {
+    if (!log.Next(stored)) return;
+    bytes += stored.before_size + stored.after_size;
+    DecodedChange change(stored, factory);
+    for (Reading& reading : readings) {
+      FollowedView& view = *reading.view;
+      if (view.position.number >= stored.number || reading.failure.IsFailure()) continue;
+      reading.failure = RunGuarded(u"Follow", [&] { view.filter.Apply(change, reading.updates); });
+      if (reading.failure.IsFailure()) continue;
+      view.position.number = stored.number;
+      view.position.total = stored.total;
+    }
+    reached = stored.number;
+  }
+}
+
+// A view whose delivery can't be posted goes on waiting: the next look tries again.
+void ChangeFollower::Post(const View& view) {
+  auto delivery = std::make_shared<Delivery>(view);
+  std::shared_ptr<ElasticPool> pool;
+  std::set<View>::node_type place;
+  {
+    // Before the delivery, in which the next read may begin.
+    const std::lock_guard lock(mutex_);
+    place = waiting_.extract(view);
+    pool = pool_;
+  }
+  if (place.empty()) return;
+  bool is_posted = false;
+  try {
+    is_posted = pool->Post(std::move(delivery));
+  } catch (const std::exception&) {
+    // No memory, or no thread to be had.
+  }
+  if (is_posted) return;
+  const std::lock_guard lock(mutex_);
+  waiting_.insert(std::move(place));
+}
+
+}  // namespace Platform::Store

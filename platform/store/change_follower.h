@@ -1,0 +1,88 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "core/common/error.h"
+#include "core/common/non_copyable.h"
+#include "enterprise/common/por/unit_factory.h"
+#include "platform/async_service/elastic_pool.h"
+#include "platform/store/followed_view.h"
+#include "platform/store/object_store.h"
+
+namespace Platform::Store {
+
+// Follows a store for all subscriptions of one post office: one thread that looks for changes while
+// any read waits, and otherwise sleeps, and a pool on which their readers and handlers are called,
+// so that none of them holds another one up.
+//
+// The pause between two looks is an eighth of the time since the last change, within kShortestPause
+// and kLongestPause.
+//
+// Threads: any, but for the constructor and Stop, which belong to the owner.
+class ChangeFollower : public Common::NonCopyable {
+ public:
+  static constexpr std::chrono::milliseconds kShortestPause{2};
+  static constexpr std::chrono::milliseconds kLongestPause{20};
+  // What is made of the log at once: so many changes, or fewer with so many bytes of objects.
+  static constexpr std::size_t kBatchChanges = 1000;
+  static constexpr std::size_t kBatchBytes = 4 * 1024 * 1024;
+
+  // The factory is borrowed until Stop has returned.
+  ChangeFollower(std::shared_ptr<const ObjectStore> store,
+                 const Por::Construction::UnitFactory& factory);
+  // Stop was called, unless nothing was ever served.
+  ~ChangeFollower();
+
+  // Gives the waiting read of `view` its outcome and delivers it. False after Stop. Throws
+  // std::bad_alloc or std::system_error when there can't be a thread; the view isn't served then.
+  bool Serve(const std::shared_ptr<FollowedView>& view);
+  // Ends all waiting reads with `result`, inside the call, and waits for those that are being
+  // delivered, but for one that makes this call.
+  void Stop(const Common::Error& result);
+
+  const ObjectStore& GetStore() const { return *store_; }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  using View = std::shared_ptr<FollowedView>;
+  using Views = std::vector<View>;
+
+  struct Reading;
+  class Delivery;
+
+  void Run();
+  Clock::duration GetPause() const;
+  // These return whether there is more to do at once.
+  bool Look();
+  bool ReadLog(ChangeLog& log, const Views& views);
+  static void ApplyChanges(ChangeLog& log, std::vector<Reading>& readings, long long& reached,
+                           const Por::Construction::UnitFactory& factory);
+  Views GetWaiting();
+  void Post(const View& view);
+
+  const std::shared_ptr<const ObjectStore> store_;
+  const Por::Construction::UnitFactory* const factory_;
+  std::atomic<bool> stop_{false};
+
+  // Of the following thread.
+  const std::unique_ptr<ChangeWatch> watch_;
+  long long last_ = -1;        // number of the last change at the last look
+  Clock::time_point changed_;  // when a look last found another one
+
+  std::mutex mutex_;  // guards the fields below; locked before a view's mutex, never after
+  std::condition_variable work_;
+  std::set<View> waiting_;  // not yet posted
+  bool has_arrival_ = false;
+  std::thread thread_;
+  std::shared_ptr<ElasticPool> pool_;
+};
+
+}  // namespace Platform::Store

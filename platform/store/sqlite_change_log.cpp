@@ -1,0 +1,186 @@
+#include "platform/store/sqlite_change_log.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <unordered_map>
+#include <utility>
+
+#include "core/common/line_tag.h"
+#include "enterprise/common/dml_view_common/view_records.h"
+#include "platform/store/file_codes.h"
+
+namespace Platform::Store {
+
+namespace {
+
+constexpr Common::SourceFile kSource{"platform/store/sqlite_change_log"};
+
+// Numbers are never given twice, also when the rows are gone.
+long long GetLastNumber(SqliteDatabase& database) {
+  SqliteStatement statement(database, "SELECT seq FROM sqlite_sequence WHERE name = 'changes'");
+  return statement.Step() ? statement.GetInteger(0) : 0;
+}
+
+}  // namespace
+
+std::string IdentifyFile(const std::string& path) {
+  struct statx status {};
+  if (::statx(AT_FDCWD, path.c_str(), 0, STATX_INO | STATX_BTIME, &status) != 0) {
+    throw MakeSystemError(kOpenFailure, path, errno, kSource.At("IdentifyFile", 10));
+  }
+  // Numbers of removed files are given again; the birth time, where it is known, tells them apart.
+  std::string identity;
+  for (const unsigned long long part :
+       {static_cast<unsigned long long>(status.stx_dev_major),
+        static_cast<unsigned long long>(status.stx_dev_minor),
+        static_cast<unsigned long long>(status.stx_ino),
+        static_cast<unsigned long long>(status.stx_btime.tv_sec),
+        static_cast<unsigned long long>(status.stx_btime.tv_nsec)}) {
+    identity.append(std::to_string(part)).append(1, ':');
+  }
+  return identity;
+}
+
+ChangePosition GetLastPosition(SqliteDatabase& database, const std::string& identity) {
+  ChangePosition position;
+  position.store = identity;
+  position.number = GetLastNumber(database);
+  SqliteStatement total(database, "SELECT total FROM changes ORDER BY number DESC LIMIT 1");
+  if (total.Step()) position.total = total.GetInteger(0);
+  return position;
+}
+
+struct SqliteChangeLog::Statements {
+  explicit Statements(SqliteDatabase& database)
+      : next(database,
+             "SELECT number, total - coalesce(length(before), 0) FROM changes"
+             " WHERE number > ?1 ORDER BY number LIMIT 1"),
+        total(database, "SELECT total FROM changes WHERE number = ?1"),
+        list(database, "SELECT number, seq FROM changes WHERE number > ?1 ORDER BY number"),
+        walk(database,
+             "SELECT number, kind, seq, id, total, before FROM changes"
+             " WHERE number > ?1 ORDER BY number"),
+        before(database, "SELECT kind, before FROM changes WHERE number = ?1"),
+        object(database, "SELECT data FROM objects WHERE seq = ?1") {}
+
+  SqliteStatement next;
+  SqliteStatement total;
+  SqliteStatement list;
+  SqliteStatement walk;
+  SqliteStatement before;
+  SqliteStatement object;
+};
+
+SqliteChangeLog::SqliteChangeLog(std::unique_ptr<SqliteDatabase> database, std::string identity)
+    : database_(std::move(database)),
+      identity_(std::move(identity)),
+      last_(GetLastNumber(*database_)) {}
+
+SqliteChangeLog::~SqliteChangeLog() = default;
+
+void SqliteChangeLog::Check(const ChangePosition& position) {
+  const auto refuse = [this](const std::string& reason, std::uint32_t line) {
+    return MakeFileError(kSeekFailure, database_->GetPath(), reason, kSource.At("Check", line));
+  };
+  if (position.store != identity_) throw refuse("Another file has taken the store's place.", 20);
+  if (position.number > last_) {
+    throw refuse("The store has gone back behind change " + std::to_string(position.number) + ".",
+                 30);
+  }
+  if (position.number == last_) return;
+  if (statements_ == nullptr) statements_ = std::make_unique<Statements>(*database_);
+  SqliteStatement& next = statements_->next;
+  next.Reset();
+  next.Bind(1, position.number);
+  const long long oldest = next.Step() ? next.GetInteger(0) : last_ + 1;
+  const long long expected = position.number + 1;
+  if (oldest == expected && next.GetInteger(1) == position.total) return;
+  SqliteStatement& total = statements_->total;
+  total.Reset();
+  total.Bind(1, position.number);
+  const bool is_known = total.Step();
+  if (is_known && total.GetInteger(0) == position.total) ThrowCorrupted(expected);
+  if (is_known || oldest == expected) {
+    throw refuse("Another store has taken the store's place.", 40);
+  }
+  throw refuse("The reader has fallen behind: it waits for change " + std::to_string(expected) +
+                   ", and the log begins with change " + std::to_string(oldest) + ".",
+               50);
+}
+
+void SqliteChangeLog::Seek(const ChangePosition& position) {
+  entries_.clear();
+  place_ = 0;
+  total_ = position.total;
+  if (position.number == last_) return;
+  if (statements_ == nullptr) statements_ = std::make_unique<Statements>(*database_);
+  // What an object was after a change is what it was before its next one, so that is looked up
+  // first, for all of them.
+  std::unordered_map<long long, std::size_t> latest;  // by object
+  SqliteStatement& list = statements_->list;
+  list.Reset();
+  list.Bind(1, position.number);
+  while (list.Step()) {
+    const std::size_t place = entries_.size();
+    entries_.push_back({list.GetInteger(0), 0});
+    const auto [entry, is_new] = latest.try_emplace(list.GetInteger(1), place);
+    if (!is_new) entries_[std::exchange(entry->second, place)].next = place;
+  }
+  list.Reset();
+  statements_->walk.Reset();
+  statements_->walk.Bind(1, position.number);
+}
+
+bool SqliteChangeLog::Next(StoredChange& change) {
+  if (place_ == entries_.size()) return false;
+  const Entry entry = entries_[place_];
+  SqliteStatement& walk = statements_->walk;
+  change = {};
+  change.number = entry.number;
+  if (!walk.Step() || walk.GetInteger(0) != entry.number ||
+      (place_ > 0 && entry.number != entries_[place_ - 1].number + 1)) {
+    ThrowCorrupted(entry.number);
+  }
+  const long long kind = walk.GetInteger(1);
+  if (kind < 0 || kind > Dml::ViewManagement::kUpdateDeleted) ThrowCorrupted(entry.number);
+  change.object = walk.GetInteger(2);
+  change.total = walk.GetInteger(4);
+  std::size_t id_size = 0;
+  const unsigned char* id = walk.GetBlob(3, id_size);
+  if (id_size != change.id.bytes.size()) ThrowCorrupted(entry.number);
+  std::copy_n(id, id_size, change.id.bytes.begin());
+  change.has_before = kind != Dml::ViewManagement::kUpdateCreated;
+  change.has_after = kind != Dml::ViewManagement::kUpdateDeleted;
+  change.before = walk.GetBlob(5, change.before_size);
+  // Without overflow, whatever the numbers are.
+  if (static_cast<unsigned long long>(change.total) - static_cast<unsigned long long>(total_) !=
+      change.before_size) {
+    ThrowCorrupted(entry.number);
+  }
+  if (change.has_after) {
+    const bool is_last = entry.next == 0;
+    SqliteStatement& source = is_last ? statements_->object : statements_->before;
+    source.Reset();
+    source.Bind(1, is_last ? change.object : entries_[entry.next].number);
+    if (!source.Step() ||
+        (!is_last && source.GetInteger(0) == Dml::ViewManagement::kUpdateCreated)) {
+      ThrowCorrupted(entry.number);
+    }
+    change.after = source.GetBlob(is_last ? 0 : 1, change.after_size);
+  }
+  total_ = change.total;
+  ++place_;
+  return true;
+}
+
+void SqliteChangeLog::ThrowCorrupted(long long number) const {
+  throw MakeFileError(
+      kCorruptedFailure, database_->GetPath(),
+      "The log of changes doesn't fit together at change " + std::to_string(number) + ".",
+      kSource.At("ThrowCorrupted", 60));
+}
+
+}  // namespace Platform::Store

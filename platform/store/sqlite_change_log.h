@@ -1,0 +1,50 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/store/object_store.h"
+#include "platform/store/sqlite_database.h"
+
+namespace Platform::Store {
+
+// The position behind the last change that the transaction of `database` sees.
+ChangePosition GetLastPosition(SqliteDatabase& database, const std::string& identity);
+
+// Tells a file from another one that takes its place under the same path. Throws 0x40011 and the
+// like when there is none.
+std::string IdentifyFile(const std::string& path);
+
+// The table of changes in one transaction.
+class SqliteChangeLog final : public ChangeLog {
+ public:
+  // The connection has begun its transaction.
+  SqliteChangeLog(std::unique_ptr<SqliteDatabase> database, std::string identity);
+  ~SqliteChangeLog() override;
+
+  long long GetLast() const override { return last_; }
+  void Check(const ChangePosition& position) override;
+  void Seek(const ChangePosition& position) override;
+  bool Next(StoredChange& change) override;
+
+ private:
+  struct Statements;
+  struct Entry {
+    long long number;
+    std::size_t next;  // place of the object's next change, 0 for none
+  };
+
+  [[noreturn]] void ThrowCorrupted(long long number) const;
+
+  const std::unique_ptr<SqliteDatabase> database_;
+  const std::string identity_;
+  long long last_ = 0;
+  std::unique_ptr<Statements> statements_;
+  std::vector<Entry> entries_;  // from the place of the last Seek to the end
+  std::size_t place_ = 0;
+  long long total_ = 0;  // of the change before `place_`
+};
+
+}  // namespace Platform::Store

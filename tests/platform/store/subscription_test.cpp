@@ -1,0 +1,879 @@
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <map>
+#include <random>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include "enterprise/common/async/action_adaptor.h"
+#include "enterprise/common/async/async_error.h"
+#include "enterprise/common/async/cyclic_runner.h"
+#include "enterprise/common/async/waiting_handler.h"
+#include "enterprise/common/dml/get_object_key.h"
+#include "enterprise/common/dml/subscribe_without_report.h"
+#include "enterprise/common/por/unit_operations.h"
+#include "platform/store/report_threads.h"
+#include "platform/store/sqlite_change_watch.h"
+#include "platform/store/sqlite_store.h"
+#include "platform/store/store_subscription.h"
+#include "platform/store/subscribe_job.h"
+#include "tests/platform/store/store_fixture.h"
+#include "tests/support/run_program.h"
+#include "tests/support/text.h"
+#include "tests/support/trace_recorder.h"
+
+namespace Platform::Store {
+
+namespace {
+
+using Events = std::vector<std::string>;
+using Numbers = std::vector<unsigned int>;
+
+std::string MakeVersion(int number, unsigned int version, const std::string& type = "Thing") {
+  return MakeObject(number, type, ".Property(\"V\").DWord(" + std::to_string(version) + ").End()");
+}
+
+std::string GetVersion(const Por::View::Unit& unit) {
+  const Por::View::Property* version = Por::Util::FindProperty(unit, "V");
+  std::string text;
+  if (version != nullptr) {
+    text.append("v").append(std::to_string(Por::Util::GetValue<unsigned int>(version->GetValue())));
+  }
+  return text;
+}
+
+std::string MakeEvent(char kind, long long number, const std::string& version = "") {
+  return std::string(1, kind).append(std::to_string(number)).append(version);
+}
+
+// The number of an object, from its identification in any form.
+std::string GetNumberText(const Common::String& id) {
+  return std::to_string(std::stoul(TestSupport::Utf8(id).substr(0, 8), nullptr, 16));
+}
+
+// Notes what comes: "+1v2" created, "~1v3" updated, "-1" deleted. Then lets `on_event` do more.
+class EventReader final : public Dml::SubscriptionReader {
+ public:
+  explicit EventReader(std::function<void(const std::string&)> on_event = nullptr)
+      : on_event_(std::move(on_event)) {}
+  void OnCreated(const Por::View::Unit& object) override {
+    Add('+', Dml::GetObjectKey(object), GetVersion(object));
+  }
+  void OnUpdated(const Por::View::Unit& key, const Por::View::Unit& diff) override {
+    Add('~', Dml::GetObjectKeyFromKey(key), GetVersion(diff));
+  }
+  void OnDeleted(const Por::View::Unit& key) override {
+    Add('-', Dml::GetObjectKeyFromKey(key), "");
+  }
+
+  Events events;
+
+ private:
+  void Add(char kind, const Common::String& id, const std::string& version) {
+    events.push_back(std::string(1, kind).append(GetNumberText(id)).append(version));
+    if (on_event_) on_event_(events.back());
+  }
+
+  const std::function<void(const std::string&)> on_event_;
+};
+
+class VersionReader final : public Dml::ReportReader {
+ public:
+  void Read(const Por::View::Unit& object) override {
+    versions[GetNumberText(Dml::GetObjectKey(object))] = GetVersion(object);
+  }
+  std::map<std::string, std::string> versions;
+};
+
+class StoreSubscribe : public StoreTest {
+ protected:
+  using Owned = std::unique_ptr<Dml::Subscription>;
+
+  static Common::Error Subscribe(Dml::PostOffice& office, const Dml::ViewSpec& spec,
+                                 Dml::ReportReader& reader, Owned& subscription) {
+    Dml::Actions::Subscribe action(Core::EntryPoint(), spec, reader, subscription, office);
+    ToldOnce handler;
+    Async::JobControl control;
+    control.Run(action, handler, nullptr);
+    return handler.Wait();
+  }
+  // A subscription that must come about.
+  static Owned Subscribe(Dml::PostOffice& office, const std::string& pattern = "",
+                         const std::string& options = "", Numbers* snapshot = nullptr) {
+    NumberReader reader;
+    Owned subscription;
+    EXPECT_EQ(Subscribe(office, MakeSpec(pattern, options), reader, subscription).GetCode(), 0U);
+    EXPECT_NE(subscription, nullptr);
+    if (snapshot != nullptr) *snapshot = reader.numbers;
+    return subscription;
+  }
+
+  static Common::Error Read(Dml::Subscription& subscription, EventReader& reader) {
+    ToldOnce handler;
+    const auto job = subscription.Read(reader, handler);
+    return handler.Wait();
+  }
+  // Reads until so many events have come.
+  static Events ReadEvents(Dml::Subscription& subscription, std::size_t count) {
+    EventReader reader;
+    while (reader.events.size() < count) {
+      const Common::Error error = Read(subscription, reader);
+      EXPECT_EQ(error.GetCode(), 0U) << TestSupport::Utf8(error.ToString());
+      if (error.IsFailure()) break;
+    }
+    return reader.events;
+  }
+  static void ExpectRefused(Dml::Subscription& subscription, unsigned int code,
+                            const std::string& reason) {
+    EventReader reader;
+    const Common::Error error = Read(subscription, reader);
+    EXPECT_EQ(error.GetCode(), code);
+    EXPECT_EQ(reader.events, Events());
+    const std::string text = TestSupport::Utf8(error.ToString());
+    EXPECT_NE(text.find(reason), std::string::npos) << text;
+  }
+
+  // objprobe-store, as a process.
+  void Tool(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), "objprobe-store");
+    const auto result = TestSupport::RunProgram(OBJPROBE_STORE, arguments);
+    EXPECT_EQ(result.status, 0) << result.err;
+  }
+  void Put(const std::string& object) {
+    std::ofstream(folder_ + "/object") << object;
+    Tool({"put", path_, folder_ + "/object"});
+  }
+  void Delete(int number) { Tool({"delete", path_, MakeId(number)}); }
+};
+
+TEST_F(StoreSubscribe, ChangesOfOtherProgramsComeInOrder) {
+  StoreNumbered(2);
+  const auto office = Open();
+  Numbers snapshot;
+  const Owned subscription = Subscribe(*office, "", "", &snapshot);
+  EXPECT_EQ(snapshot, (Numbers{1, 2}));
+  Put(MakeVersion(3, 1));
+  EXPECT_EQ(ReadEvents(*subscription, 1), (Events{"+3v1"}));
+  // What happened between two reads comes with the next ones; what changed nothing doesn't.
+  Put(MakeVersion(3, 2));
+  Put(MakeVersion(3, 2));
+  Delete(1);
+  std::ofstream(folder_ + "/several")
+      << ".Array()" + MakeVersion(4, 1) + MakeVersion(3, 3) + MakeVersion(4, 2) + ".End()";
+  Tool({"import", path_, folder_ + "/several"});
+  Put(MakeVersion(1, 7));
+  EXPECT_EQ(ReadEvents(*subscription, 6), (Events{"~3v2", "-1", "+4v1", "~3v3", "~4v2", "+1v7"}));
+}
+
+TEST_F(StoreSubscribe, ReadWaitsForAChange) {
+  StoreNumbered(1);
+  const auto office = Open();
+  const Owned subscription = Subscribe(*office);
+  EventReader reader;
+  ToldOnce handler;
+  const auto job = subscription->Read(reader, handler);
+  ASSERT_NE(job, nullptr);
+  // A second one is refused and disturbs nothing.
+  EventReader second;
+  ToldOnce refused;
+  EXPECT_EQ(subscription->Read(second, refused), nullptr);
+  EXPECT_EQ(refused.Wait().GetCode(), 0xFC000CU);
+  EXPECT_FALSE(handler.IsTold());
+  // One that is not the view's doesn't end it.
+  const Owned other = Subscribe(*office, ".Composite().Trait(\"Is\").String(\"No\").End().End()");
+  EventReader nothing;
+  ToldOnce cancelled;
+  const auto other_job = other->Read(nothing, cancelled);
+  Put(MakeVersion(2, 1));
+  EXPECT_EQ(handler.Wait().GetCode(), 0U);
+  EXPECT_EQ(reader.events, (Events{"+2v1"}));
+  EXPECT_EQ(second.events, Events());
+  other_job->Cancel();
+  EXPECT_EQ(cancelled.Wait().GetCode(), Async::kCanceledCode);
+  EXPECT_EQ(nothing.events, Events());
+}
+
+TEST_F(StoreSubscribe, OnlyTheViewsObjectsAreSeen) {
+  Store({MakeVersion(1, 1, "A"), MakeVersion(2, 1, "B")});
+  const auto office = Open();
+  const std::string a = ".Composite().Trait(\"Is\").String(\"A\").End().End()";
+  Numbers snapshot;
+  const Owned subscription = Subscribe(*office, a, "", &snapshot);
+  EXPECT_EQ(snapshot, (Numbers{1}));
+  Put(MakeVersion(2, 2, "B"));
+  Put(MakeVersion(2, 3, "A"));
+  Put(MakeVersion(2, 4, "A"));
+  Put(MakeVersion(1, 5, "B"));
+  Put(MakeVersion(1, 6, "B"));
+  Delete(1);
+  Delete(2);
+  Put(MakeVersion(1, 7, "A"));
+  EXPECT_EQ(ReadEvents(*subscription, 5), (Events{"+2v3", "~2v4", "-1", "-2", "+1v7"}));
+}
+
+// At most two objects are in the view; a third one finds room when another one has gone.
+TEST_F(StoreSubscribe, LimitBoundsTheView) {
+  StoreNumbered(3);
+  const auto office = Open();
+  Numbers snapshot;
+  const Owned subscription = Subscribe(
+      *office, "", ".Composite().Property(\"LimitOptions\").DWord(2).End().End()", &snapshot);
+  EXPECT_EQ(snapshot, (Numbers{1, 2}));
+  Put(MakeVersion(3, 1));
+  Put(MakeVersion(4, 1));
+  Put(MakeVersion(2, 1));
+  Delete(4);
+  Delete(1);
+  Put(MakeVersion(5, 1));
+  Put(MakeVersion(3, 2));
+  Delete(2);
+  Put(MakeVersion(3, 3));
+  Put(MakeVersion(3, 4));
+  EXPECT_EQ(ReadEvents(*subscription, 6), (Events{"~2v1", "-1", "+5v1", "-2", "+3v3", "~3v4"}));
+}
+
+TEST_F(StoreSubscribe, FailuresToSubscribe) {
+  StoreNumbered(1);
+  const auto office = Open();
+  NumberReader reader;
+  Owned subscription;
+  EXPECT_TRUE(
+      Subscribe(*office, MakeSpec("", ".Array().End()"), reader, subscription).HoldsCode(0xFA000A));
+  const auto unknown = MakeSpec(".Composite().Trait(\"Unknown\").Nil().End().End()");
+  EXPECT_TRUE(Subscribe(*office, unknown, reader, subscription).HoldsCode(0xFA000E));
+  std::filesystem::remove(path_);
+  EXPECT_EQ(Subscribe(*office, {}, reader, subscription).GetCode(), 0x40011U);
+  EXPECT_EQ(subscription, nullptr);
+}
+
+// One that the matching meets later ends the read that meets it, and every later one.
+TEST_F(StoreSubscribe, RaisingPatternEndsTheRead) {
+  Store({MakeVersion(1, 1, "A")});
+  const auto office = Open();
+  const Owned subscription = Subscribe(
+      *office, ".Composite().Property(\"W\").DWord(1).Trait(\"Unknown\").Nil().End().End().End()");
+  const Owned other = Subscribe(*office);
+  Put(MakeObject(2, "A", ".Property(\"W\").DWord(1).End()"));
+  for (int i = 0; i < 2; ++i) {
+    EventReader reader;
+    EXPECT_TRUE(Read(*subscription, reader).HoldsCode(0xFA000E));
+    EXPECT_EQ(reader.events, Events());
+  }
+  EXPECT_EQ(ReadEvents(*other, 1), (Events{"+2"}));
+}
+
+TEST_F(StoreSubscribe, FailuresOfReadersLoseNothing) {
+  StoreNumbered(1);
+  const auto office = Open();
+  const Owned subscription = Subscribe(*office);
+  Store({MakeVersion(2, 1), MakeVersion(3, 1), MakeVersion(4, 1)});
+  EventReader raising([](const std::string& event) {
+    if (event == "+2v1") throw Common::Error(0x77, u"No.", Common::LineTag());
+    if (event == "+3v1") throw std::runtime_error("broken");
+  });
+  const TestSupport::TraceRecorder traces;
+  EXPECT_EQ(Read(*subscription, raising).GetCode(), 0xF90007U);
+  EXPECT_EQ(raising.events, (Events{"+2v1", "+3v1"}));
+  EXPECT_EQ(traces.Codes(), "1 fc 1\n");
+  // The events behind the one that broke off the read.
+  EXPECT_EQ(ReadEvents(*subscription, 1), (Events{"+4v1"}));
+}
+
+TEST_F(StoreSubscribe, ObjectsThatCanNotBeDecodedCountAsAbsent) {
+  StoreNumbered(1);
+  const auto office = Open();
+  const Owned subscription = Subscribe(*office);
+  Store({MakeVersion(2, 1), MakeVersion(3, 1), MakeVersion(4, 1)});
+  Execute(path_, "UPDATE objects SET data = x'45' WHERE seq = 3");
+  EXPECT_EQ(ReadEvents(*subscription, 2), (Events{"+2v1", "+4v1"}));
+  Store({MakeVersion(3, 2)});
+  EXPECT_EQ(ReadEvents(*subscription, 1), (Events{"+3v2"}));
+}
+
+// More than is read of the log at once, in number and in size, in one transaction and in many.
+TEST_F(StoreSubscribe, LargeAndManyChanges) {
+  StoreNumbered(1);
+  const auto office = Open();
+  const Owned subscription = Subscribe(*office);
+  Events expected;
+  const int count = static_cast<int>(ChangeFollower::kBatchChanges) * 2 + 1;
+  {
+    SqliteStoreWriter writer(path_);
+    writer.Begin();
+    for (int i = 2; i < count + 2; ++i) {
+      writer.Put(*Parse(MakeVersion(i, 1)));
+      expected.push_back(MakeEvent('+', i, "v1"));
+    }
+    writer.Commit();
+    const std::string large(ChangeFollower::kBatchBytes / 4, 'x');  // half of it, in UTF-16
+    for (unsigned int version = 2; version < 8; ++version) {
+      writer.Begin();
+      writer.Put(*Parse(MakeObject(2, "Thing",
+                                   ".Property(\"V\").DWord(" + std::to_string(version) +
+                                       ").End().Property(\"Text\").String(\"" + large +
+                                       std::to_string(version) + "\").End()")));
+      writer.Commit();
+      expected.push_back(std::string("~2v").append(std::to_string(version)));
+    }
+  }
+  EXPECT_EQ(ReadEvents(*subscription, expected.size()), expected);
+}
+
+// What the writers of the next tests do. Versions of an object are counted without a gap.
+bool ChangeObjects(const std::string& path, int first, int rounds) {
+  std::mt19937 random(static_cast<unsigned int>(first));
+  std::map<int, unsigned int> versions;
+  std::set<int> present;
+  std::unique_ptr<SqliteStoreWriter> writer;
+  for (int round = 0; round < rounds; ++round) {
+    if (writer == nullptr || random() % 4 == 0) {
+      writer.reset();
+      writer = std::make_unique<SqliteStoreWriter>(path);
+    }
+    writer->Begin();
+    for (unsigned int i = random() % 4; i < 4; ++i) {
+      const int number = first + static_cast<int>(random() % 6);
+      if (present.count(number) != 0 && random() % 4 == 0) {
+        Common::Guid id;
+        id.SetFirst(static_cast<std::uint32_t>(number));
+        if (!writer->Delete(id)) return false;
+        present.erase(number);
+      } else {
+        writer->Put(*Parse(MakeVersion(number, ++versions[number])));
+        present.insert(number);
+      }
+    }
+    writer->Commit();
+    if (random() % 8 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return true;
+}
+
+class StoreWriters : public StoreSubscribe {
+ protected:
+  static constexpr int kLastObject = 0x7000;
+
+  StoreWriters() { StoreNumbered(1); }
+  // Processes that all begin at Go.
+  void Start(int count, int rounds) {
+    for (int i = 0; i < count; ++i) {
+      writers_.push_back(std::make_unique<ChildProcess>([this, i, rounds] {
+        while (!std::filesystem::exists(folder_ + "/go")) {
+          std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        return ChangeObjects(path_, 0x100 * (i + 1), rounds);
+      }));
+    }
+  }
+  void Go() { std::ofstream(folder_ + "/go").close(); }
+  bool IsRunning() {
+    return std::any_of(writers_.begin(), writers_.end(),
+                       [](const auto& writer) { return writer->IsRunning(); });
+  }
+  // Waits for the writers and adds the object behind which nothing comes.
+  void Finish() {
+    for (const auto& writer : writers_) EXPECT_EQ(writer->Wait(), 0);
+    Store({MakeVersion(kLastObject, 1)});
+  }
+  static std::string GetLastEvent() { return MakeEvent('+', kLastObject, "v1"); }
+
+  // What a reader saw fits what the log says and what the store holds. `state` is the snapshot:
+  // the versions by object.
+  void ExpectExact(std::map<std::string, std::string> state, const Events& events) {
+    Events logged;
+    std::istringstream rows(Query(path_, "SELECT kind, hex(id) FROM changes ORDER BY number"));
+    for (std::string row; std::getline(rows, row);) {
+      // "0|34120000...": the first group lies in little-endian order.
+      const std::string number =
+          std::to_string(std::stoul(row.substr(4, 2) + row.substr(2, 2), nullptr, 16));
+      logged.push_back(std::string(1, "+~-"[row[0] - '0']).append(number));
+    }
+    ASSERT_LE(events.size(), logged.size());
+    std::map<std::string, unsigned long> versions;  // also of those that are gone
+    for (const auto& [number, version] : state) {
+      if (!version.empty()) versions[number] = std::stoul(version.substr(1));
+    }
+    for (std::size_t i = 0; i < events.size(); ++i) {
+      const std::string& event = events[i];
+      const std::size_t end = event.find('v');
+      ASSERT_EQ(event.substr(0, end), logged[logged.size() - events.size() + i]) << i;
+      const std::string number = event.substr(1, end - 1);
+      ASSERT_EQ(state.count(number), event[0] == '+' ? 0U : 1U) << event;
+      if (event[0] == '-') {
+        state.erase(number);
+        continue;
+      }
+      const unsigned long version = std::stoul(event.substr(end + 1));
+      if (const auto known = versions.find(number); known != versions.end()) {
+        ASSERT_EQ(version, known->second + 1) << event;
+      }
+      versions[number] = version;
+      state[number] = event.substr(end);
+    }
+    VersionReader reader;
+    EXPECT_EQ(Report(*Open(), {}, reader).GetCode(), 0U);
+    EXPECT_EQ(state, reader.versions);
+  }
+
+  std::vector<std::unique_ptr<ChildProcess>> writers_;
+};
+
+// Readers that subscribe in the middle, while others open, change and close the store.
+TEST_F(StoreWriters, NothingIsLostOrDoubledFromTheSnapshotOn) {
+  Start(3, 150);
+  const auto office = Open();
+  struct Follower {
+    VersionReader snapshot;
+    Owned subscription;
+    EventReader reader;
+    std::thread thread;
+    Common::Error failure;
+  };
+  std::vector<std::unique_ptr<Follower>> followers;
+  Go();
+  while (followers.size() < 2 || (followers.size() < 12 && IsRunning())) {
+    followers.push_back(std::make_unique<Follower>());
+    Follower& self = *followers.back();
+    ASSERT_EQ(Subscribe(*office, {}, self.snapshot, self.subscription).GetCode(), 0U);
+    self.thread = std::thread([&self] {
+      while (self.reader.events.empty() || self.reader.events.back() != GetLastEvent()) {
+        self.failure = Read(*self.subscription, self.reader);
+        if (self.failure.IsFailure()) return;
+      }
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+  }
+  Finish();
+  for (const auto& follower : followers) {
+    follower->thread.join();
+    EXPECT_EQ(follower->failure.GetCode(), 0U) << TestSupport::Utf8(follower->failure.ToString());
+    ExpectExact(follower->snapshot.versions, follower->reader.events);
+  }
+}
+
+TEST_F(StoreWriters, CancelLosesNothing) {
+  Start(2, 150);
+  const auto office = Open();
+  VersionReader snapshot;
+  Owned subscription;
+  ASSERT_EQ(Subscribe(*office, {}, snapshot, subscription).GetCode(), 0U);
+  EventReader reader;
+  Go();
+  std::thread finishing([this] { Finish(); });
+  int cancelled = 0;
+  std::minstd_rand random(1);
+  while (reader.events.empty() || reader.events.back() != GetLastEvent()) {
+    ToldOnce handler;
+    const auto job = subscription->Read(reader, handler);
+    ASSERT_NE(job, nullptr);
+    std::thread canceling([&job, pause = std::chrono::microseconds(random() % 3000)] {
+      std::this_thread::sleep_for(pause);
+      job->Cancel();
+      job->Cancel();
+    });
+    const Common::Error result = handler.Wait();
+    canceling.join();
+    if (result.GetCode() == Async::kCanceledCode) ++cancelled;
+    ASSERT_TRUE(!result.IsFailure() || result.GetCode() == Async::kCanceledCode);
+  }
+  finishing.join();
+  EXPECT_GT(cancelled, 0);
+  ExpectExact(snapshot.versions, reader.events);
+}
+
+// It leaves a log behind that nobody has open, with a part that was never committed.
+TEST_F(StoreWriters, AWriterThatDiesIsFollowed) {
+  writers_.push_back(std::make_unique<ChildProcess>([this]() -> bool {
+    SqliteStoreWriter writer(path_);
+    while (!std::filesystem::exists(folder_ + "/go")) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    writer.Begin();
+    for (int i = 2; i < 1000; ++i) writer.Put(*Parse(MakeVersion(i, 1)));
+    writer.Commit();
+    writer.Begin();
+    writer.Put(*Parse(MakeVersion(2, 2)));
+    return ::raise(SIGKILL) == 0;
+  }));
+  const auto office = Open();
+  const Owned subscription = Subscribe(*office);
+  Go();
+  EXPECT_EQ(ReadEvents(*subscription, 998).back(), "+999v1");
+  EXPECT_EQ(writers_[0]->Wait(), -SIGKILL);
+  EventReader reader;
+  ToldOnce handler;
+  const auto job = subscription->Read(reader, handler);
+  Put(MakeVersion(2, 3));
+  EXPECT_EQ(handler.Wait().GetCode(), 0U);
+  EXPECT_EQ(reader.events, (Events{"~2v3"}));
+}
+
+// A reader never keeps the last writer from moving the log into the store: but for the moment of a
+// look, it holds nothing.
+TEST_F(StoreWriters, AWaitingReadHoldsNothingOpen) {
+  const auto office = Open();
+  const Owned subscription = Subscribe(*office);
+  EventReader reader;
+  ToldOnce handler;
+  const auto job = subscription->Read(reader, handler);
+  bool is_clean = false;
+  for (int i = 2; i < 50 && !is_clean; ++i) {
+    Put(MakeVersion(1, static_cast<unsigned int>(i)));
+    is_clean = ListFolder() == std::set<std::string>{"object", "objects.db"};
+  }
+  EXPECT_TRUE(is_clean);
+  EXPECT_EQ(handler.Wait().GetCode(), 0U);
+}
+
+TEST_F(StoreWriters, EachLookThatFollowsAChangeFindsIt) {
+  const SqliteStore store(path_);
+  SqliteChangeWatch watch(store);
+  const std::atomic<bool> stop{false};
+  ASSERT_NE(watch.Look(false, stop), nullptr);
+  for (long long number = 2; number < 100; ++number) {
+    // Right behind a look that may or may not have been left out.
+    if (number % 3 == 0) watch.Look(false, stop);
+    Store({MakeVersion(static_cast<int>(number), 1)});
+    const auto log = watch.Look(false, stop);
+    ASSERT_NE(log, nullptr) << number;
+    ASSERT_EQ(log->GetLast(), number);
+  }
+  // In the end the files prove that nothing happens.
+  std::unique_ptr<ChangeLog> log = watch.Look(false, stop);
+  for (int i = 0; i < 10000 && log != nullptr; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    log = watch.Look(false, stop);
+  }
+  EXPECT_EQ(log, nullptr);
+  EXPECT_NE(watch.Look(true, stop), nullptr);
+  // Behind a link the log lies beside the file.
+  const std::string link = folder_ + "/link";
+  std::filesystem::create_symlink(path_, link);
+  const SqliteStore linked(link);
+  SqliteChangeWatch linked_watch(linked);
+  linked_watch.Look(true, stop);
+  SqliteStoreWriter writer(path_);
+  for (long long number = 100; number < 120; ++number) {
+    writer.Begin();
+    writer.Put(*Parse(MakeVersion(static_cast<int>(number), 1)));
+    writer.Commit();
+    const auto seen = linked_watch.Look(false, stop);
+    ASSERT_NE(seen, nullptr) << number;
+    ASSERT_EQ(seen->GetLast(), number);
+  }
+}
+
+TEST_F(StoreSubscribe, AReaderThatFellBehindIsTold) {
+  StoreNumbered(3);
+  const auto office = Open();
+  const Owned subscription = Subscribe(*office);
+  const Owned in_time = Subscribe(*office);
+  const auto change = [this](int first, int count) {
+    SqliteStoreWriter writer(path_);
+    writer.Begin();
+    for (int i = first; i < first + count; ++i) writer.Put(*Parse(MakeVersion(i, 1)));
+    writer.Commit();
+  };
+  // The log just reaches back to the next change of those who have seen three.
+  const int kept = static_cast<int>(SqliteStoreWriter::kMaxChanges);
+  change(10, kept);
+  const Events first = ReadEvents(*in_time, 1);
+  EXPECT_EQ(first.front(), "+10v1");
+  change(10 + kept, 1);
+  for (int i = 0; i < 2; ++i) {
+    ExpectRefused(*subscription, 0x40005,
+                  "it waits for change 4, and the log begins with change 5");
+    ExpectRefused(*subscription, 0x40005, path_);
+  }
+  const std::size_t rest = static_cast<std::size_t>(kept) + 1 - first.size();
+  EXPECT_EQ(ReadEvents(*in_time, rest).back(), MakeEvent('+', 10 + kept, "v1"));
+}
+
+TEST_F(StoreSubscribe, ALogThatContradictsItselfIsTold) {
+  const std::pair<const char*, const char*> damages[] = {
+      {"DELETE FROM changes WHERE number = 3", "at change 3"},
+      {"UPDATE changes SET kind = 7 WHERE number = 3", "at change 3"},
+      {"UPDATE changes SET id = x'00' WHERE number = 3", "at change 3"},
+      {"UPDATE changes SET total = 99 WHERE number = 3", "at change 3"},
+      {"UPDATE changes SET kind = 0 WHERE number = 4", "at change 3"},
+      {"DELETE FROM objects WHERE seq = 3", "at change 4"}};
+  for (const auto& [damage, place] : damages) {
+    std::filesystem::remove(path_);
+    StoreNumbered(1);
+    const auto office = Open();
+    const Owned subscription = Subscribe(*office);
+    Store({MakeVersion(2, 1), MakeVersion(3, 1), MakeVersion(3, 2)});
+    Execute(path_, damage);
+    EXPECT_EQ(ReadEvents(*subscription, 1).front(), "+2v1") << damage;
+    EventReader reader;
+    Common::Error error;
+    while (!error.IsFailure()) error = Read(*subscription, reader);
+    EXPECT_EQ(error.GetCode(), 0x4000DU) << damage;
+    EXPECT_NE(TestSupport::Utf8(error.ToString()).find(place), std::string::npos)
+        << damage << TestSupport::Utf8(error.ToString());
+  }
+}
+
+TEST_F(StoreSubscribe, AStoreThatGoesOrIsReplacedIsTold) {
+  StoreNumbered(3);
+  const std::string older = folder_ + "/older";
+  std::filesystem::copy_file(path_, older);
+  Store({MakeVersion(4, 1)});
+  const std::string newer = folder_ + "/newer";
+  std::filesystem::copy_file(path_, newer);
+  const std::string other = folder_ + "/other";
+  SqliteStoreWriter::Create(other);
+  {
+    SqliteStoreWriter writer(other);
+    writer.Begin();
+    for (unsigned int i = 1; i < 10; ++i) writer.Put(*Parse(MakeVersion(1, i)));
+    writer.Commit();
+  }
+  const auto office = Open();
+  // A copy is another file, even with the same content.
+  Owned subscription = Subscribe(*office);
+  EventReader reader;
+  {
+    ToldOnce handler;
+    const auto job = subscription->Read(reader, handler);
+    std::filesystem::rename(newer, path_);
+    EXPECT_EQ(handler.Wait().GetCode(), 0x40005U);
+  }
+  ExpectRefused(*subscription, 0x40005, "Another file has taken the store's place.");
+  // The same file with another content.
+  const auto overwrite = [this](const std::string& from) {
+    std::ifstream source(from, std::ios::binary);
+    std::ofstream(path_, std::ios::binary) << source.rdbuf();
+  };
+  subscription = Subscribe(*office);
+  overwrite(older);
+  ExpectRefused(*subscription, 0x40005, "The store has gone back behind change 4.");
+  subscription = Subscribe(*office);
+  overwrite(other);
+  ExpectRefused(*subscription, 0x40005, "Another store has taken the store's place.");
+  // No store any more, then none at all.
+  subscription = Subscribe(*office);
+  std::filesystem::resize_file(path_, 20000);
+  ExpectRefused(*subscription, 0x4000D, path_);
+  {
+    ToldOnce handler;
+    const auto job = subscription->Read(reader, handler);
+    std::filesystem::remove(path_);
+    const std::uint32_t code = handler.Wait().GetCode();
+    EXPECT_TRUE(code == 0x40011U || code == 0x4000DU) << code;
+  }
+  ExpectRefused(*subscription, 0x40011, path_);
+  EXPECT_EQ(reader.events, Events());
+}
+
+// A subscription on a store that waits for locks as long as it is told.
+class FollowedStore {
+ public:
+  FollowedStore(const std::string& path, unsigned int lock_wait_milliseconds)
+      : store(std::make_shared<SqliteStore>(path, lock_wait_milliseconds)),
+        follower(std::make_shared<ChangeFollower>(store, *Por::GetStaticUnitFactory())) {
+    ToldOnce handler;
+    ReportThreads threads;
+    threads.Start(std::make_shared<SubscribeJob>(follower, store, Dml::ViewSpec(), std::nullopt,
+                                                 nullptr, subscription, handler,
+                                                 *Por::GetStaticUnitFactory()));
+    EXPECT_EQ(handler.Wait().GetCode(), 0U);
+  }
+  ~FollowedStore() { follower->Stop(MakeClosingError()); }
+
+  const std::shared_ptr<SqliteStore> store;
+  const std::shared_ptr<ChangeFollower> follower;
+  std::unique_ptr<Dml::Subscription> subscription;
+};
+
+TEST_F(StoreSubscribe, ALockIsWaitedForButNotForGood) {
+  StoreNumbered(1);
+  FollowedStore followed(path_, 100);
+  auto holder = std::make_unique<LockHolder>(path_);
+  ExpectRefused(*followed.subscription, 0x40017, path_);
+  holder.reset();
+  Put(MakeVersion(2, 1));
+  EXPECT_EQ(ReadEvents(*followed.subscription, 1), (Events{"+2v1"}));
+}
+
+// The locks outlast the test: nothing may wait for them.
+TEST_F(StoreSubscribe, EndsWhileTheStoreIsLocked) {
+  StoreNumbered(1);
+  auto followed = std::make_unique<FollowedStore>(path_, 600000);
+  const LockHolder holder(path_);
+  EventReader reader;
+  ToldOnce cancelled;
+  const auto job = followed->subscription->Read(reader, cancelled);
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  job->Cancel();
+  EXPECT_EQ(cancelled.Wait().GetCode(), Async::kCanceledCode);
+  ToldOnce closed;
+  const auto second = followed->subscription->Read(reader, closed);
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  followed.reset();
+  EXPECT_EQ(closed.Wait().GetCode(), 0xFC000BU);
+}
+
+// Runs a step as it is told the end.
+class ActingHandler final : public Async::ActionHandler {
+ public:
+  explicit ActingHandler(std::function<void()> act) : act_(std::move(act)) {}
+  void Completed(Common::Error result) override {
+    EXPECT_EQ(result.GetCode(), 0U);
+    act_();
+    told.Set();
+  }
+  Common::Event told{true, false};
+
+ private:
+  const std::function<void()> act_;
+};
+
+TEST_F(StoreSubscribe, MayBeDestroyedWhileItIsRead) {
+  StoreNumbered(1);
+  const auto office = Open();
+  Owned subscription = Subscribe(*office);
+  {
+    ActingHandler handler([&] { subscription.reset(); });
+    EventReader reader;
+    const auto job = subscription->Read(reader, handler);
+    Put(MakeVersion(2, 1));
+    EXPECT_TRUE(handler.told.Wait(60000));
+    EXPECT_EQ(reader.events, (Events{"+2v1"}));
+  }
+  {
+    // The batch that is being read comes to its end.
+    subscription = Subscribe(*office);
+    Store({MakeVersion(3, 1), MakeVersion(4, 1)});
+    ToldOnce handler;
+    EventReader reader([&](const std::string&) { subscription.reset(); });
+    const auto job = subscription->Read(reader, handler);
+    EXPECT_EQ(handler.Wait().GetCode(), 0U);
+    EXPECT_EQ(reader.events, (Events{"+3v1", "+4v1"}));
+  }
+  // While it waits.
+  subscription = Subscribe(*office);
+  ToldOnce handler;
+  EventReader reader;
+  const auto job = subscription->Read(reader, handler);
+  subscription.reset();
+  EXPECT_TRUE(handler.IsTold());
+  EXPECT_EQ(handler.Wait().GetCode(), 0xFC000BU);
+  job->Cancel();
+}
+
+TEST_F(StoreSubscribe, ThePostOfficeMayGoFirst) {
+  StoreNumbered(1);
+  auto office = Open();
+  const Owned subscription = Subscribe(*office);
+  const Owned idle = Subscribe(*office);
+  EventReader reader;
+  {
+    ToldOnce handler;
+    const auto job = subscription->Read(reader, handler);
+    office.reset();
+    EXPECT_TRUE(handler.IsTold());
+    EXPECT_EQ(handler.Wait().GetCode(), 0xFC000BU);
+    job->Cancel();
+  }
+  for (const Owned* each : {&subscription, &idle}) {
+    ToldOnce handler;
+    EXPECT_EQ((*each)->Read(reader, handler), nullptr);
+    EXPECT_EQ(handler.Wait().GetCode(), 0xFC0017U);
+  }
+}
+
+TEST_F(StoreSubscribe, ThePostOfficeMayGoInAHandler) {
+  StoreNumbered(1);
+  auto office = Open();
+  Owned subscription = Subscribe(*office);
+  const Owned other = Subscribe(*office, ".Array().End()");
+  EventReader nothing;
+  ToldOnce closed;
+  const auto other_job = other->Read(nothing, closed);
+  ActingHandler handler([&] {
+    office.reset();
+    subscription.reset();
+  });
+  EventReader reader;
+  const auto job = subscription->Read(reader, handler);
+  Put(MakeVersion(2, 1));
+  EXPECT_TRUE(handler.told.Wait(60000));
+  EXPECT_EQ(reader.events, (Events{"+2v1"}));
+  EXPECT_EQ(closed.Wait().GetCode(), 0xFC000BU);
+}
+
+// Each of these readers waits in the middle until the others have got there: more than there are
+// processors.
+TEST_F(StoreSubscribe, AReaderThatBlocksHoldsNoOtherUp) {
+  StoreNumbered(1);
+  const auto office = Open();
+  constexpr int kReaders = 6;
+  std::atomic<int> inside{0};
+  Common::Event all_inside(true, false);
+  struct Follower {
+    Owned subscription;
+    std::unique_ptr<EventReader> reader;
+    ToldOnce handler;
+    std::shared_ptr<Async::Job> job;
+  };
+  std::vector<std::unique_ptr<Follower>> followers;
+  for (int i = 0; i < kReaders; ++i) {
+    auto follower = std::make_unique<Follower>();
+    follower->subscription = Subscribe(*office);
+    follower->reader = std::make_unique<EventReader>([&](const std::string&) {
+      if (++inside == kReaders) all_inside.Set();
+      EXPECT_TRUE(all_inside.Wait(60000));
+    });
+    follower->job = follower->subscription->Read(*follower->reader, follower->handler);
+    followers.push_back(std::move(follower));
+  }
+  Put(MakeVersion(2, 1));
+  for (const auto& follower : followers) {
+    EXPECT_EQ(follower->handler.Wait().GetCode(), 0U);
+    EXPECT_EQ(follower->reader->events, (Events{"+2v1"}));
+  }
+}
+
+// The whole way of a listen: the snapshot as created objects, then what the processes change.
+TEST_F(StoreSubscribe, IsFollowedByACycle) {
+  StoreNumbered(2);
+  const auto office = Open();
+  Owned subscription;
+  {
+    ToldOnce subscribed;
+    const auto job = Dml::SubscribeWithoutReport(
+        Core::EntryPoint(), *office, *Por::GetStaticUnitFactory(), {}, subscription, subscribed);
+    ASSERT_EQ(subscribed.Wait().GetCode(), 0U);
+  }
+  Common::Event came(false, false);
+  std::atomic<std::size_t> count{0};
+  EventReader reader([&](const std::string&) {
+    ++count;
+    came.Set();
+  });
+  const auto wait_for = [&](std::size_t expected) {
+    while (count < expected) ASSERT_TRUE(came.Wait(60000));
+  };
+  Async::WaitingHandler ended(true);
+  const auto read = [&](Async::ActionHandler& handler) {
+    return subscription->Read(reader, handler);
+  };
+  const auto cycle = Async::RunCyclic(Async::MakeAction(read), ended);
+  wait_for(2);
+  Put(MakeVersion(3, 1));
+  wait_for(3);
+  Delete(1);
+  wait_for(4);
+  cycle->Cancel();
+  EXPECT_TRUE(ended.Wait(nullptr).HoldsCode(Async::kCanceledCode));
+  EXPECT_EQ(reader.events, (Events{"+1", "+2", "+3v1", "-1"}));
+}
+
+}  // namespace
+
+}  // namespace Platform::Store
