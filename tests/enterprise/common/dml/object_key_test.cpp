@@ -81,6 +81,7 @@ TEST(ObjectKey, NoKeyIsAnErrorButNoneOfTheUnitModel) {
       EXPECT_EQ(dynamic_cast<const Por::ModuleError*>(&error), nullptr);
       EXPECT_EQ(error.GetCode(), 0xFC000Au);
       EXPECT_EQ(Utf8(error.GetMessage()), "DML: Object identification cannot be found.");
+      EXPECT_EQ(Utf8(error.ToString()).find("TraceLevel"), std::string::npos);
     }
   }
 }

@@ -242,6 +242,7 @@ TEST(Matches, IllFormedPatternsThrowWhereTheWalkMeetsThem) {
     const Thrown thrown = Catch([&] { Util::Matches(*row.source, *row.pattern); });
     EXPECT_EQ(thrown.error, row.error);
     EXPECT_EQ(thrown.place.substr(thrown.place.find(' ') + 1), row.function);
+    EXPECT_TRUE(thrown.is_traced);
   }
   // Not met: behind a trait or a property that does not hold.
   Check({{DWord(1), With(OnDWord("Less", DWord(1)), "NoSuch", Nil()), false},

@@ -66,6 +66,7 @@ TEST(TypeMismatch, NamesBothKindsItsPlaceAndItsType) {
             "Error fa000a: POR: There is a mismatch in object internal structure. Expected object "
             "type is 'array', actual object type is 'word'.");
   EXPECT_EQ(visit.place, read.place);
+  EXPECT_TRUE(read.is_traced && write.is_traced && visit.is_traced);
 
   const Thrown property =
       Catch([] { throw Util::Detail::MakePropertyTypeMismatchError("Size", 9, 17); });

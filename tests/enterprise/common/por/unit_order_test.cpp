@@ -17,6 +17,7 @@
 #include "enterprise/common/por/value.h"
 #include "enterprise/common/por/visit_value.h"
 #include "tests/enterprise/common/por/make_unit.h"
+#include "tests/enterprise/common/por/stream_support.h"
 
 namespace Por::Util {
 namespace {
@@ -365,6 +366,13 @@ TEST(Copy, EqualsItsSourceAtEveryLevel) {
     const OwnedUnit unit = trees.Make(4);
     ASSERT_TRUE(UnitEqual(*unit, *CopyUnit(*unit, Factory())));
   }
+  // All of it comes from the factory that is given: 17 elements, their array, the trait with its
+  // value, the property and the composite.
+  OwnedUnit kinds = Array();
+  for (OwnedUnit& unit : OneOfEachKind()) AppendToArray(*kinds, std::move(unit));
+  const Por::Streams::PlainFactory factory;
+  CopyUnit(*Composite("a", With(std::move(kinds), "t", Nil())), factory);
+  EXPECT_EQ(factory.made, 22u);
   // A NaN makes a copy that is not equal, but is there.
   const OwnedUnit nan = CopyUnit(*With(Nil(), "t", Double(kNaN)), Factory());
   EXPECT_TRUE(std::isnan(GetValue<double>(GetUniqueTraitByName(*nan, "t"))));
@@ -454,6 +462,22 @@ TEST(Cost, OfTheLeastUnmatchedTraitIsNotExponential) {
     const auto visits = CountVisits([&] { EXPECT_NE(0, Compare(*a, *b)); });
     EXPECT_LE(visits, 230'000u);  // a quarter of the square of the 962 units
   }
+}
+
+// A group of traits whose partners all stand one place further, asked for again on each level.
+TEST(Cost, OfMovedGroupsIsNoSearchForEachTrait) {
+  constexpr unsigned int kTraits = 100, kDepth = 100;
+  const auto make = [](unsigned int first) {
+    OwnedUnit unit = Counted(0);
+    for (unsigned int i = 0; i < kTraits; ++i)
+      unit = With(std::move(unit), "t", Counted(first + i));
+    for (unsigned int i = 0; i < kDepth; ++i) unit = With(Counted(0), "x", std::move(unit));
+    return unit;
+  };
+  const auto a = make(1), b = make(2);
+  // The trait without a partner meets all others, on both sides; each other one meets two.
+  constexpr unsigned int kMeetings = 2 * kTraits + 2 * kTraits + kDepth;
+  EXPECT_LE(CountVisits([&] { EXPECT_EQ(-1, Compare(*a, *b)); }), 2 * kMeetings * kDepth);
 }
 
 // The trees that come in are at most 1,000 levels deep, and whoever compares or copies them may be

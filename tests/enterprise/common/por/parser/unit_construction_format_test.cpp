@@ -142,6 +142,7 @@ TEST(UnitText, FailuresHavePlainCodesAndLeaveTheEchoOpen) {
   for (const auto& item : kRefused) {
     const TextOutcome outcome = ReadText(item.text);
     EXPECT_EQ(outcome.thrown.error, std::string("Error ").append(item.error)) << item.text;
+    EXPECT_FALSE(outcome.thrown.is_traced);
     EXPECT_EQ(outcome.echo, std::string(kPrefix) + item.echo) << item.text;
   }
 }
