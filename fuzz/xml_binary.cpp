@@ -71,7 +71,16 @@ class BinaryWriter {
   }
   void PutText(std::u16string_view text) {
     std::string bytes;
-    Common::ToUtf8(bytes, text.data(), text.size());
+    std::string run;
+    for (;;) {
+      Common::ToUtf8(run, text.data(), text.size());
+      bytes += run;
+      const std::size_t zero = text.find(u'\0');
+      if (zero == text.npos) break;
+      // Written in one byte it would end the text.
+      bytes.append("\xC0\x80");
+      text.remove_prefix(zero + 1);
+    }
     PutNumber(static_cast<std::uint32_t>(bytes.size()) * (new_ ? 2 : 1));
     out_ += bytes;
   }

@@ -3,6 +3,7 @@
 #include <sys/mman.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <limits>
 #include <new>
 
@@ -12,10 +13,26 @@ namespace {
 
 constexpr std::size_t kSmallest = std::size_t{4} << 10;
 constexpr std::size_t kHugePage = std::size_t{2} << 20;
-constexpr std::align_val_t kHugeAlignment{kHugePage};
 
 bool IsLarge(std::size_t size) {
   return size >= kHugePage;
+}
+
+// Whole huge pages. They come from the system and go back to it: the heap would be torn by blocks
+// of such an alignment. Throws std::bad_alloc.
+void* MapHugePages(std::size_t size) {
+  const std::size_t mapped_size = size + kHugePage;
+  void* const mapping =
+      ::mmap(nullptr, mapped_size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (mapping == MAP_FAILED) throw std::bad_alloc();
+  // What is too much on both sides goes back at once.
+  char* const begin = static_cast<char*>(mapping);
+  const std::size_t before = -reinterpret_cast<std::uintptr_t>(begin) % kHugePage;
+  if (before != 0) ::munmap(begin, before);
+  ::munmap(begin + before + size, mapped_size - before - size);
+  // A wish: without huge pages everything works the same.
+  ::madvise(begin + before, size, MADV_HUGEPAGE);
+  return begin + before;
 }
 
 }  // namespace
@@ -35,15 +52,12 @@ Chunk* MakeChunk(std::size_t size, Chunk* former) {
     return new (::operator new(wanted)) Chunk{former, wanted, total + wanted};
   }
   wanted = (wanted + kHugePage - 1) / kHugePage * kHugePage;
-  void* const memory = ::operator new(wanted, kHugeAlignment);
-  // A wish: without huge pages everything works the same.
-  ::madvise(memory, wanted, MADV_HUGEPAGE);
-  return new (memory) Chunk{former, wanted, total + wanted};
+  return new (MapHugePages(wanted)) Chunk{former, wanted, total + wanted};
 }
 
 void ReleaseChunk(Chunk* chunk) noexcept {
   if (IsLarge(chunk->size)) {
-    ::operator delete(chunk, kHugeAlignment);
+    ::munmap(chunk, chunk->size);
   } else {
     ::operator delete(chunk);
   }

@@ -114,7 +114,7 @@ bool XmlTokenizer::Refill() {
     if (kept != 0) std::memcpy(buffer.get(), token_start_, kept);
     buffer_ = std::move(buffer);
     capacity_ = capacity;
-  } else if (kept != 0) {
+  } else if (kept != 0 && token_start_ != buffer_.get()) {
     std::memmove(buffer_.get(), token_start_, kept);
   }
   char* const end = buffer_.get() + kept;
@@ -320,7 +320,7 @@ bool XmlTokenizer::ReadTag() {
 template <char kQuote>
 bool XmlTokenizer::ReadValue() {
   const unsigned char byte = Peek();
-  if (byte == kQuote) {
+  if (*cursor_ == kQuote) {
     ++cursor_;
     state_ = State::Tag;
     pending_ = PendingSpace::Dropped;
@@ -380,7 +380,7 @@ bool XmlTokenizer::ReadText() {
       PutUnit(place, u' ');
     } else if (byte == '&') {
       if (!ReadReference(place)) return true;
-    } else if (byte < ' ' || byte == '<' || byte == kQuote) {
+    } else if (byte < ' ' || byte == '<' || *cursor_ == kQuote) {
       break;
     } else {
       for (;;) {
