@@ -18,7 +18,7 @@
 namespace Async {
 
 // What the job machinery uses between threads. Tests put a scheduler of their own in its place,
-// which sees every access to a state word and every lock; it is a friend of the control.
+// which sees every access to a state word and every lock.
 struct ThreadAtomics {
   using Word = std::atomic<std::uintptr_t>;
   using Counter = std::atomic<std::uintptr_t>;
@@ -88,8 +88,6 @@ class BasicJobControl : public ActionHandler, public JobControlDescriptions {
   JobState State() const { return static_cast<JobState>(state_.load()); }
 
  private:
-  friend Atomics;
-
   // The one place that changes the state. False if it was not `From`.
   template <JobState From, JobState To>
   bool Change();
