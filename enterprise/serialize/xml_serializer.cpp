@@ -325,8 +325,6 @@ class XMLPacketDeserializer final : public Deserializer {
   void BeginElement(const MetaInfo& meta) override {
     if (meta.name.empty()) return;
     const Core::XmlTag& tag = FindChild(meta);
-    // In this order a failure for lack of memory changes nothing but the place in the range.
-    ranges_.reserve(ranges_.size() + 1);
     versions_.push_back(FindVersion(tag));
     ranges_.emplace_back(tag);
     current_tag_ = &tag;
