@@ -1,0 +1,64 @@
+#include <gtest/gtest.h>
+
+#include <thread>
+#include <vector>
+
+#include "enterprise/common/ipc/component_info.h"
+
+// The components of a program that names none of them.
+
+namespace Core {
+namespace {
+
+TEST(RegisteredComponents, DescribeTheirInterfaces) {
+  const struct {
+    std::uint32_t id;
+    std::uint32_t version;
+    int methods;
+    const char* file;
+  } cases[] = {
+      {271, 2, 9, "enterprise/common/dml_view_common/view_manager"},
+      {274, 1, 3, "enterprise/common/dml_object_registry_common/object_registry"},
+  };
+  for (const auto& expected : cases) {
+    SCOPED_TRACE(expected.id);
+    const ComponentInfo* const component = FindComponent(expected.id);
+    ASSERT_NE(component, nullptr);
+    EXPECT_EQ(component->GetVersion(), expected.version);
+    EXPECT_EQ(component->GetFirstConstant() + component->GetSecondConstant() +
+                  component->GetThirdConstant(),
+              3u);
+    for (const int index : {1, expected.methods}) {
+      MethodRecord record{7, 7};
+      EXPECT_FALSE(component->GetMethodInfo(index, record).IsFailure());
+      EXPECT_EQ(record.first, 0u);
+      EXPECT_EQ(record.second, 2u);
+    }
+    for (const int index : {0, expected.methods + 1}) {
+      MethodRecord record{7, 7};
+      const Common::Error error = component->GetMethodInfo(index, record);
+      EXPECT_EQ(error.GetCode(), 0xB9000Cu);
+      EXPECT_STREQ(error.GetLineTag().file, expected.file);
+    }
+  }
+  MethodRecord record;
+  EXPECT_EQ(FindComponent(274)->GetMethodInfo(4, record).GetLineTag().line, 40u);
+  EXPECT_EQ(FindComponent(272), nullptr);
+}
+
+TEST(RegisteredComponents, AreEnteredAndFoundOnAnyThread) {
+  ComponentInfo* const views = FindComponent(271);
+  ComponentInfo* const objects = FindComponent(274);
+  std::vector<std::thread> threads;
+  for (ComponentInfo* const component : {views, objects, views, objects}) {
+    threads.emplace_back([=] {
+      RegisterComponent(component);
+      EXPECT_EQ(FindComponent(271), views);
+      EXPECT_EQ(FindComponent(274), objects);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+}
+
+}  // namespace
+}  // namespace Core
