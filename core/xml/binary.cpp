@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <utility>
 
 #include "core/common/text.h"
 #include "core/common/unix/safe_assert.h"
@@ -123,7 +124,9 @@ bool xml_reader_binary_new::OpenElement() {
     const std::string* const name = ReadName(true);
     if (name == nullptr) break;
     const std::uint32_t length = ReadNumber();
-    if ((length & 1) != 0) Common::SafeAssert("(textLength & 1) == 0", kPath, 194);
+    if ((length & 1) != 0 && !std::exchange(asserted_length_, true)) {
+      Common::SafeAssert("(textLength & 1) == 0", kPath, 194);
+    }
     Receiver.Attribute(*name, ReadText(length / 2));
   }
   return true;
@@ -190,7 +193,8 @@ void binary_reader::Text(const Common::String& text) {
 
 bool ReadBinaryDocument(i_file& file, xml_reader_interface& receiver) {
   unsigned char head[2] = {};
-  Read(file, head, sizeof(head));
+  Read(file, &head[0], 1);
+  Read(file, &head[1], 1);
   std::unique_ptr<xml_reader_core> reader;
   switch (head[0]) {
     case kOldForm:

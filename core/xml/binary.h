@@ -28,7 +28,11 @@
 //             is no element. A piece is a number and half as many bytes: UTF-8 if the number is
 //             even, 8-bit text if it is odd.
 //
-// A file that ends too early gets the failure 0x40002, and nothing more is read.
+// A text ends at its first zero byte. An odd count of an attribute's text in form 2 is asserted,
+// the first one of a document, and rounded down.
+//
+// A file that ends too early gets the failure 0x40002; what is being read asks on in vain, and no
+// further element is.
 
 namespace Core {
 
@@ -68,8 +72,8 @@ class binary_reader final : public xml_reader_interface {
   XmlDetail::NameRecord* Intern(const std::string& name);
 
   XmlDetail::TreeBuilder& builder_;
-  // Names are compared once and told apart by their addresses from then on: a document may refer to
-  // a long one very often.
+  // A name is compared where it is spelled out and told from others by its address from then on: a
+  // document may refer to a long one very often.
   std::unordered_map<const std::string*, XmlDetail::NameRecord*> names_;
 };
 
@@ -122,6 +126,8 @@ class xml_reader_binary_new final : public xml_reader_core {
   // Up to the first piece. False: there is no element.
   bool OpenElement();
   void ReadPiece();
+
+  bool asserted_length_ = false;
 };
 
 // Reads what follows the magic. True when the document was read and the file has not failed; a

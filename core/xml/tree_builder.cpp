@@ -87,10 +87,6 @@ bool TreeBuilder::AddAttribute(NameRecord* name) {
 
 void TreeBuilder::FinishAttributes() {
   if (attributes_.empty()) return;
-  std::sort(attributes_.begin(), attributes_.end(),
-            [](const XmlAttribute& left, const XmlAttribute& right) {
-              return left.GetName() < right.GetName();
-            });
   const std::size_t count = attributes_.size();
   auto* const record = new (Allocate(sizeof(XmlTag::Attributes) + count * sizeof(XmlAttribute)))
       XmlTag::Attributes{count};

@@ -1,6 +1,5 @@
 #include "core/xml/xml_tag.h"
 
-#include <algorithm>
 #include <utility>
 
 #include "core/xml/tree_memory.h"
@@ -13,11 +12,10 @@ XmlTag::AttributeRange XmlTag::GetAttributes() const {
 }
 
 const XmlAttribute* XmlTag::FindAttribute(std::string_view name) const {
-  const AttributeRange attributes = GetAttributes();
-  const XmlAttribute* const found = std::lower_bound(
-      attributes.begin(), attributes.end(), name,
-      [](const XmlAttribute& left, std::string_view right) { return left.GetName() < right; });
-  return found != attributes.end() && found->GetName() == name ? found : nullptr;
+  for (const XmlAttribute& attribute : GetAttributes()) {
+    if (attribute.GetName() == name) return &attribute;
+  }
+  return nullptr;
 }
 
 XmlDocument::XmlDocument(XmlDocument&& other) noexcept

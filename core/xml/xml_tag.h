@@ -95,7 +95,8 @@ class XmlTag : public Common::NonCopyable {
     ChildIterator end() const { return ChildIterator(); }
     const XmlTag* first;
   };
-  // In the order of their names, byte by byte.
+  // In the order of the document. Not by name: a binary document spells a long name once and uses
+  // it in many tags, and each order would compare it again.
   struct AttributeRange {
     const XmlAttribute* begin() const { return first; }
     const XmlAttribute* end() const { return first + count; }

@@ -23,8 +23,15 @@ std::string ReadUpTo(i_file& file, std::uint64_t size) {
   return text;
 }
 
-std::unique_ptr<ri_file> MakeFile(bool owning) {
-  if (!owning) return std::make_unique<buf_ifile<char>>("abcdef", 6);
+enum Owner { kNobody, kTextFile, kBlockFile };
+
+std::unique_ptr<ri_file> MakeFile(Owner owner) {
+  if (owner == kNobody) return std::make_unique<buf_ifile<char>>("abcdef", 6);
+  if (owner == kTextFile) {
+    std::unique_ptr<char[]> text(new char[6]);
+    std::memcpy(text.get(), "abcdef", 6);
+    return std::make_unique<buf_ifile<char>>(std::move(text), 6);
+  }
   std::unique_ptr<unsigned char[]> block(new unsigned char[6]);
   std::memcpy(block.get(), "abcdef", 6);
   return std::make_unique<MemoryFile>(std::move(block), 6);
@@ -33,8 +40,8 @@ std::unique_ptr<ri_file> MakeFile(bool owning) {
 const Common::Error kBroken(0x40001, Common::LineTag{});
 
 TEST(MemoryFiles, ReadFromAnyPositionWithoutLeavingTheBlock) {
-  for (const bool owning : {false, true}) {
-    const std::unique_ptr<ri_file> file = MakeFile(owning);
+  for (const Owner owner : {kNobody, kTextFile, kBlockFile}) {
+    const std::unique_ptr<ri_file> file = MakeFile(owner);
     EXPECT_EQ(ReadUpTo(*file, 4), "abcd");
     EXPECT_EQ(ReadUpTo(*file, 4), "ef");
     EXPECT_EQ(ReadUpTo(*file, 4), "");
@@ -55,11 +62,12 @@ TEST(MemoryFiles, ReadFromAnyPositionWithoutLeavingTheBlock) {
     EXPECT_FALSE(file->HasFailed());
   }
   EXPECT_EQ(MemoryFile(nullptr, 5).GetSize(), 0u);
+  EXPECT_EQ(buf_ifile<char>(std::unique_ptr<char[]>(), 5).GetSize(), 0u);
 }
 
 TEST(MemoryFiles, DifferInWhatAFailureStops) {
   for (const bool owning : {false, true}) {
-    const std::unique_ptr<ri_file> file = MakeFile(owning);
+    const std::unique_ptr<ri_file> file = MakeFile(owning ? kBlockFile : kTextFile);
     file->SetError(kBroken);
     EXPECT_EQ(ReadUpTo(*file, 2), owning ? "" : "ab");
     EXPECT_EQ(file->Seek(1), 1);
@@ -83,7 +91,7 @@ TEST(StickyError, KeepsTheFirstFailure) {
       [](ri_file& file) { file.Unlock(0, 0); },
   };
   for (const auto& call : kUnsupported) {
-    const std::unique_ptr<ri_file> file = MakeFile(true);
+    const std::unique_ptr<ri_file> file = MakeFile(kBlockFile);
     call(*file);
     EXPECT_EQ(file->GetError().GetCode(), 0x4000Eu);
     EXPECT_EQ(file->GetError().GetMessage(), u"The operation is not supported.");
@@ -94,7 +102,7 @@ TEST(StickyError, KeepsTheFirstFailure) {
 }
 
 TEST(ExactRead, MakesAShortOneAFailure) {
-  const std::unique_ptr<ri_file> file = MakeFile(true);
+  const std::unique_ptr<ri_file> file = MakeFile(kBlockFile);
   char buffer[8] = "-------";
   Read(*file, buffer, 6);
   EXPECT_FALSE(file->HasFailed());

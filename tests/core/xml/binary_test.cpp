@@ -133,9 +133,9 @@ TEST(BinaryXml, BrokenRulesAreAsserted) {
   PieceFile file(no_texts, std::string::npos);
   EXPECT_FALSE(ReadXml(file).good);
   EXPECT_FALSE(file.HasFailed());
-  // An odd length of a value: rounded down.
-  EXPECT_EQ(ReadXml(kNew + "\x01\x01" + "a\x02\x01k\x03v\x00\x00\x00"s).ToString(),
-            "<a k=\"v\"></a>");
+  // Odd lengths of values: rounded down, and the first one asserted.
+  EXPECT_EQ(ReadXml(kNew + "\x01\x01" + "a\x02\x01k\x03v\x03\x01l\x03w\x00\x00\x00"s).ToString(),
+            "<a k=\"v\" l=\"w\"></a>");
   // Calls without a tag, and an end with one.
   XmlDocument document;
   XmlDetail::TreeBuilder builder(document);
@@ -197,14 +197,14 @@ TEST(BinaryXml, DepthHasNoLimit) {
   EXPECT_TRUE(ReadXml(new_form).ToString() == expected);
 }
 
+// Copied or compared in each of the elements, the names would be hours.
 TEST(BinaryXml, ALongNameIsStoredAndComparedOnce) {
-  // 100,000 elements with two attributes each, of names that differ in their last byte: copied or
-  // compared each time it would be 30 GB.
-  const std::string long_name(100'000, 'n');
-  const std::string size = "\xA1\x8D\x06";  // 100,001
+  constexpr std::size_t kSize = 8'000'000, kElements = 500'000;
+  const std::string long_name(kSize - 1, 'n');
+  const std::string size = "\x80\xA4\xE8\x03";  // 8,000,000
   std::string bytes = kNew + "\x01" + size + long_name + "a\x02" + size + long_name + "b\x00\x03"s +
                       size + long_name + "c\x00\x00\x00"s;
-  for (int i = 0; i < 100'000; ++i) bytes += "\x01\x02\x00\x03\x00\x00\x00\x00\x00"s;
+  for (std::size_t i = 0; i < kElements; ++i) bytes += "\x01\x02\x00\x03\x00\x00\x00\x00\x00"s;
   bytes += '\0';
   XmlDocument document;
   unsigned int line = 0;
@@ -212,12 +212,18 @@ TEST(BinaryXml, ALongNameIsStoredAndComparedOnce) {
   PieceFile file(bytes, std::string::npos);
   ASSERT_TRUE(ReadDocument(document, file, line, column));
   const XmlTag& root = *document.GetRoot();
+  ASSERT_EQ(root.GetAttributes().count, 2u);
   std::size_t count = 0;
   for (const XmlTag& child : root.GetChildren()) {
     ++count;
     ASSERT_EQ(child.GetName().data(), root.GetName().data());
+    ASSERT_EQ(child.GetAttributes().count, 2u);
+    for (std::size_t i = 0; i < 2; ++i) {
+      ASSERT_EQ(child.GetAttributes().first[i].GetName().data(),
+                root.GetAttributes().first[i].GetName().data());
+    }
   }
-  EXPECT_EQ(count, 100'000u);
+  EXPECT_EQ(count, kElements);
 }
 
 TEST(BinaryXml, FlippedBytesDoNoHarm) {

@@ -247,8 +247,10 @@ TEST(XmlDocuments, TakeThePlaceOfTheFormerTree) {
   XmlDocument document;
   unsigned int line = 0;
   unsigned int column = 0;
-  buf_ifile<char> good("<a><b/></a>", 11);
+  buf_ifile<char> good("<a>\n<b/></a>\n\t", 14);
   ASSERT_TRUE(ReadDocument(document, good, line, column));
+  EXPECT_EQ(line, 3u);
+  EXPECT_EQ(column, 9u);
   EXPECT_EQ(document.GetRoot()->GetFirstChild()->GetParent(), document.GetRoot());
   buf_ifile<char> empty("", 0);
   EXPECT_FALSE(ReadDocument(document, empty, line, column));
@@ -312,21 +314,28 @@ TEST(XmlSize, LongTextsAndTokensAreRead) {
 }
 
 TEST(XmlMemory, RunningOutLeavesNothingBehind) {
-  const std::string text = "<a b='1' cc='2'>" + std::string(9000, 'x') + "<d>y</d> z</a>";
-  for (unsigned long long successes = 0;; ++successes) {
-    PieceFile file(text, 1000);
-    XmlDocument document;
-    unsigned int line = 0;
-    unsigned int column = 0;
-    TestSupport::AllocationWatch watch(successes, 1);
-    bool thrown = false;
-    try {
-      ReadDocument(document, file, line, column);
-    } catch (const std::bad_alloc&) {
-      thrown = true;
+  using std::string_literals::operator""s;
+  for (const std::string& text : {"<a b='1' cc='2'>" + std::string(9000, 'x') + "<d>y</d> z</a>",
+                                  "BXML\x02\x00\x01\x01"s + "a\x02\x01" + "b\x02" +
+                                      "1\x00\xA0\x8D\x01"s + std::string(9040, 'x') + "\x00"s}) {
+    for (unsigned long long successes = 0;; ++successes) {
+      PieceFile file(text, 65536);
+      XmlDocument document;
+      unsigned int line = 0;
+      unsigned int column = 0;
+      TestSupport::AllocationWatch watch(successes, 1);
+      bool thrown = false;
+      bool good = false;
+      try {
+        good = ReadDocument(document, file, line, column);
+      } catch (const std::bad_alloc&) {
+        thrown = true;
+      }
+      ASSERT_EQ(thrown, watch.HasFailed()) << successes;
+      if (thrown) continue;
+      EXPECT_TRUE(good);
+      break;
     }
-    ASSERT_EQ(thrown, watch.HasFailed()) << successes;
-    if (!thrown) break;
   }
 }
 

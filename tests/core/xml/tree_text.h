@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <map>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -67,9 +68,13 @@ class TreeWriter {
 
   void Open(const Core::XmlTag& tag) {
     out_.append("<").append(tag.GetName());
+    std::map<std::string_view, std::u16string_view> attributes;
     for (const Core::XmlAttribute& attribute : tag.GetAttributes()) {
-      out_.append(" ").append(attribute.GetName()).append("=\"");
-      PutText(attribute.GetValue());
+      attributes.emplace(attribute.GetName(), attribute.GetValue());
+    }
+    for (const auto& [name, value] : attributes) {
+      out_.append(" ").append(name).append("=\"");
+      PutText(value);
       out_.append("\"");
     }
     out_.append(">");
