@@ -354,17 +354,17 @@ class RecordLoader {
   String decoded_;
 };
 
-// Whether the parameters take no more than `size` bytes in the byte form, roughly.
+// Whether the parameters take no more than `size` bytes or units when written or printed, roughly.
 bool FitIn(const ErrorRecord& record, std::size_t size) {
   const ErrorRecordOperations& operations = *record.operations;
   ParameterNames names(record);
   for (std::string name; names.Next(name);) {
-    std::size_t needed = name.size();
-    if (const char* ansi = operations.GetAnsi(&record, name.c_str())) {
-      needed += std::strlen(ansi);
-    } else if (const char16_t* wide = operations.GetWide(&record, name.c_str())) {
-      needed += std::char_traits<char16_t>::length(wide);
-    }
+    // Of two texts of one name the 8-bit one is written, the other one printed.
+    const char* ansi = operations.GetAnsi(&record, name.c_str());
+    const char16_t* wide = operations.GetWide(&record, name.c_str());
+    const std::size_t needed =
+        name.size() + std::max(ansi != nullptr ? std::strlen(ansi) : 0,
+                               wide != nullptr ? std::char_traits<char16_t>::length(wide) : 0);
     if (needed > size) return false;
     size -= needed;
   }
