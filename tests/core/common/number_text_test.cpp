@@ -73,6 +73,11 @@ TEST(ParseNumber, OtherRadixesTakeNoMarks) {
   ExpectParsed({u"0", 0}, 0, false);
 }
 
+TEST(NumberText, IsWrittenWithoutASign) {
+  EXPECT_EQ(NumberToDecimal(18446744073709551615u), "18446744073709551615");
+  EXPECT_EQ(NumberToHex(0xFEDCBA9876543210), "0xfedcba9876543210");
+}
+
 TEST(Base64Encode, WritesThePublishedVectors) {
   const struct {
     std::string bytes;

@@ -438,8 +438,8 @@ TEST_F(StoreFile, CreateTakesWhatACreateLeftThatDied) {
     if (cut) std::filesystem::resize_file(path_, 0);
     // The journal stands beside the real file, not beside a link to it.
     const std::string link = folder_ + "/link";
-    if (cut) std::filesystem::create_symlink(path_, link);
-    SqliteStoreWriter::Create(cut ? link : path_);
+    std::filesystem::create_symlink(path_, link);
+    SqliteStoreWriter::Create(link);
     std::filesystem::remove(link);
     EXPECT_EQ(Match(""), Numbers());
     EXPECT_EQ(ListFolder(), (std::set<std::string>{"objects.db"}));

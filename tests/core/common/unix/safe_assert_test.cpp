@@ -93,6 +93,7 @@ TEST(SafeAssertSettings, ComeFromWordsOrANumber) {
       {"0", false, false},
       {"0x", false, false},
       {"0x4 ", false, false},
+      {"-4", false, false},
       {"10000000000000004", false, false},
       // 127 characters count.
       {"log  " + blanks + "abort", true, true},

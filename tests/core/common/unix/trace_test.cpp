@@ -5,10 +5,15 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "core/common/error.h"
+#include "core/common/trace.h"
+#include "core/common/unix/event.h"
+#include "tests/support/allocation_watch.h"
 #include "tests/support/trace_recorder.h"
 
 namespace {
@@ -74,6 +79,63 @@ TEST(Trace, RegistryRefusesASinkTwiceAndTellsWhenItIsFull) {
 }
 
 // A sink may die as soon as it is taken out, whatever other threads trace.
+// Who takes a sink out waits for the threads in that sink, not for those in one that comes
+// meanwhile, and its place is not given away before.
+TEST(Trace, ASinkIsTakenOutThoughAnotherOneBlocks) {
+  constexpr std::uint32_t kLong = 20000;
+  Common::Event entered[2] = {{true, false}, {true, false}};
+  Common::Event leave[2] = {{true, false}, {true, false}};
+  const auto block = [&](int i) {
+    return [&, i] {
+      entered[i].Set();
+      leave[i].Wait();
+    };
+  };
+  CallingSink first(block(0)), second(block(1));
+  Common::Event is_out(true, false);
+  ASSERT_TRUE(Common::RegisterTraceSink(first));
+  std::thread in_first([] { Trace(4, 1, 1, "first"); });
+  EXPECT_TRUE(entered[0].Wait(kLong));
+  std::thread remover([&] {
+    Common::UnregisterTraceSink(first);
+    is_out.Set();
+  });
+  while (IsTraced(5)) std::this_thread::yield();
+  EXPECT_TRUE(Common::RegisterTraceSink(second));
+  std::thread in_second([] { Trace(4, 1, 1, "second"); });
+  EXPECT_TRUE(entered[1].Wait(kLong));
+  EXPECT_FALSE(is_out.Wait(0));
+  leave[0].Set();
+  EXPECT_TRUE(is_out.Wait(kLong));
+  leave[1].Set();
+  in_first.join();
+  in_second.join();
+  remover.join();
+  Common::UnregisterTraceSink(second);
+}
+
+// Whoever traces a failure must go on.
+TEST(TraceOfAnError, IsDroppedWithoutMemoryOrByASinkThatThrows) {
+  struct ThrowingSink final : CallingSink {
+    void Write(unsigned int, std::uint32_t, std::uint32_t, const char16_t*) override {
+      ++calls;
+      throw std::runtime_error("broken");
+    }
+    int calls = 0;
+  } sink;
+  ASSERT_TRUE(Common::RegisterTraceSink(sink));
+  const Common::Error error(0x1234, u"a text that does not fit into a small string", {});
+  Trace(4, error);
+  EXPECT_EQ(sink.calls, 1);
+  {
+    const TestSupport::AllocationWatch watch(0, 1);
+    Trace(4, error);
+    EXPECT_TRUE(watch.HasFailed());
+  }
+  EXPECT_EQ(sink.calls, 1);
+  Common::UnregisterTraceSink(sink);
+}
+
 TEST(Trace, SinksComeAndGoWhileOthersTrace) {
   std::atomic<bool> stop{false};
   std::atomic<int> count{0};

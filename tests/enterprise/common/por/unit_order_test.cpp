@@ -478,6 +478,7 @@ TEST(Cost, OfMovedGroupsIsNoSearchForEachTrait) {
   // The trait without a partner meets all others, on both sides; each other one meets two.
   constexpr unsigned int kMeetings = 2 * kTraits + 2 * kTraits + kDepth;
   EXPECT_LE(CountVisits([&] { EXPECT_EQ(-1, Compare(*a, *b)); }), 2 * kMeetings * kDepth);
+  EXPECT_LE(CountVisits([&] { EXPECT_EQ(1, Compare(*b, *a)); }), 2 * kMeetings * kDepth);
 }
 
 // The trees that come in are at most 1,000 levels deep, and whoever compares or copies them may be
