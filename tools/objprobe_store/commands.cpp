@@ -154,6 +154,7 @@ void RefuseFileOfStore(const std::string& store, const std::string& file) {
   std::error_code ignored;  // what can't be looked at is told when it is opened
   const std::filesystem::path real =
       std::filesystem::canonical(Platform::Store::GetStorePath(store), ignored);
+  if (real.empty()) return;
   for (const char* ending : {"", "-wal", "-shm"}) {
     if (std::filesystem::equivalent(real.native() + ending, file, ignored)) {
       throw CommandFailure(file + ": The file belongs to the store itself.");
