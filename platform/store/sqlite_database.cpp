@@ -204,6 +204,11 @@ bool SqliteDatabase::MetUnfinishedFiles() const {
   return ::access(journal, F_OK) != 0;
 }
 
+bool SqliteDatabase::MetOwnReaders() const {
+  return writing_ && sqlite3_extended_errcode(handle_) == SQLITE_READONLY &&
+         sqlite3_db_readonly(handle_, "main") == 0;
+}
+
 void SqliteDatabase::Execute(const char* sql) {
   const int result = sqlite3_exec(handle_, sql, nullptr, nullptr, nullptr);
   if (result != SQLITE_OK) throw MakeError(result);

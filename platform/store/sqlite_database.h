@@ -58,6 +58,10 @@ class SqliteDatabase : public Common::NonCopyable {
   // journal, while another process was making or removing it. SQLite doesn't wait for that; a new
   // connection may find it done.
   bool MetUnfinishedFiles() const;
+  // The last operation of this connection for writing failed because readers of this process had
+  // the log's index mapped before it: SQLite keeps one mapping for a process, and theirs can't be
+  // written. A new connection may find them gone.
+  bool MetOwnReaders() const;
 
  private:
   friend class SqliteStatement;

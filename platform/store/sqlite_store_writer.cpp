@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 #include "core/common/line_tag.h"
 #include "core/common/unix/safe_close.h"
@@ -29,7 +30,7 @@ constexpr Common::SourceFile kSource{"platform/store/sqlite_store_writer"};
 // The log is trimmed each time so many changes, or so many bytes, have come on top.
 constexpr long long kTrimStep = 1000;
 constexpr long long kTrimBytes = 1024 * 1024;
-constexpr std::chrono::milliseconds kSwitchPause{5};
+constexpr std::chrono::milliseconds kPause{5};
 
 // - A log reaches the main file at the last close only, see read_only_vfs.h.
 // - The cache holds the index of identifications, which come in no order, for a million objects.
@@ -69,7 +70,7 @@ void SwitchToLog(SqliteDatabase& database, unsigned int lock_wait_milliseconds) 
     } catch (const Common::Error& error) {
       if (error.GetCode() != kLockFailure.code || Clock::now() >= end) throw;
     }
-    std::this_thread::sleep_for(kSwitchPause);
+    std::this_thread::sleep_for(kPause);
   }
 }
 
@@ -139,11 +140,17 @@ void SqliteStoreWriter::Create(const std::string& path) {
 }
 
 SqliteStoreWriter::SqliteStoreWriter(const std::string& path, unsigned int lock_wait_milliseconds)
-    : database_(SqliteDatabase::OpenForWriting(path, {lock_wait_milliseconds, nullptr})) {
-  CheckSchema(*database_);
-  database_->Execute(kWriterPragmas);
-  SwitchToLog(*database_, lock_wait_milliseconds);
-  statements_ = std::make_unique<Statements>(*database_);
+    : path_(path), lock_wait_milliseconds_(lock_wait_milliseconds) {
+  Open();
+}
+
+void SqliteStoreWriter::Open() {
+  auto database = SqliteDatabase::OpenForWriting(path_, {lock_wait_milliseconds_, nullptr});
+  CheckSchema(*database);
+  database->Execute(kWriterPragmas);
+  SwitchToLog(*database, lock_wait_milliseconds_);
+  statements_ = std::make_unique<Statements>(*database);
+  database_ = std::move(database);
 }
 
 SqliteStoreWriter::~SqliteStoreWriter() {
@@ -157,7 +164,20 @@ SqliteStoreWriter::~SqliteStoreWriter() {
 }
 
 void SqliteStoreWriter::Begin() {
-  database_->Execute("BEGIN IMMEDIATE");
+  using Clock = std::chrono::steady_clock;
+  const auto end = Clock::now() + std::chrono::milliseconds(lock_wait_milliseconds_);
+  for (;;) {
+    if (database_ == nullptr) Open();
+    try {
+      database_->Execute("BEGIN IMMEDIATE");
+      break;
+    } catch (const Common::Error&) {
+      if (!database_->MetOwnReaders() || Clock::now() >= end) throw;
+    }
+    statements_.reset();
+    database_.reset();
+    std::this_thread::sleep_for(kPause);
+  }
   open_ = true;
   change_bytes_ = statements_->last_total.Step() ? statements_->last_total.GetInteger(0) : 0;
   statements_->last_total.Reset();

@@ -37,7 +37,8 @@ class SqliteStoreWriter : public Common::NonCopyable {
   // Changes that were not committed are dropped.
   ~SqliteStoreWriter();
 
-  // Throws 0x40017 when another writer goes on for too long.
+  // Throws 0x40017 when another writer goes on for too long, 0x4000C when a reader of this process
+  // does that was there first.
   void Begin();
   void Commit();
 
@@ -58,6 +59,7 @@ class SqliteStoreWriter : public Common::NonCopyable {
  private:
   struct Statements;
 
+  void Open();
   bool Find(const Common::Guid& id, long long& number, std::vector<unsigned char>& data);
 
   void AddChange(unsigned int kind, long long number, const Common::Guid& id,
@@ -66,7 +68,9 @@ class SqliteStoreWriter : public Common::NonCopyable {
   void RemoveIsKeys(long long number);
   void TrimChanges();
 
-  const std::unique_ptr<SqliteDatabase> database_;
+  const std::string path_;
+  const unsigned int lock_wait_milliseconds_;
+  std::unique_ptr<SqliteDatabase> database_;  // null only when Begin has failed to open it again
   std::unique_ptr<Statements> statements_;
   std::vector<unsigned char> data_;    // kept between calls
   std::vector<unsigned char> before_;  // likewise

@@ -195,6 +195,13 @@ TEST_F(StoreSubscribe, ReadWaitsForAChange) {
   other_job->Cancel();
   EXPECT_EQ(cancelled.Wait().GetCode(), Async::kCanceledCode);
   EXPECT_EQ(nothing.events, Events());
+  // The job of a read that has ended is no concern of the next one.
+  ToldOnce next;
+  const auto next_job = other->Read(nothing, next);
+  other_job->Cancel();
+  EXPECT_FALSE(next.IsTold());
+  next_job->Cancel();
+  next.Wait();
 }
 
 TEST_F(StoreSubscribe, OnlyTheViewsObjectsAreSeen) {
@@ -438,11 +445,11 @@ TEST_F(StoreWriters, NothingIsLostOrDoubledFromTheSnapshotOn) {
   while (followers.size() < 2 || (followers.size() < 12 && IsRunning())) {
     followers.push_back(std::make_unique<Follower>());
     Follower& self = *followers.back();
-    ASSERT_EQ(Subscribe(*office, {}, self.snapshot, self.subscription).GetCode(), 0U);
-    self.thread = std::thread([&self] {
-      while (self.reader.events.empty() || self.reader.events.back() != GetLastEvent()) {
+    self.thread = std::thread([&] {
+      self.failure = Subscribe(*office, {}, self.snapshot, self.subscription);
+      while (!self.failure.IsFailure() &&
+             (self.reader.events.empty() || self.reader.events.back() != GetLastEvent())) {
         self.failure = Read(*self.subscription, self.reader);
-        if (self.failure.IsFailure()) return;
       }
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
@@ -512,6 +519,36 @@ TEST_F(StoreWriters, AWriterThatDiesIsFollowed) {
   EXPECT_EQ(reader.events, (Events{"~2v3"}));
 }
 
+// The index that a reader has mapped can't be written by its process.
+TEST_F(StoreWriters, AWriterWaitsForReadersOfItsOwnProcess) {
+  ChildProcess keeping([this]() -> bool {
+    SqliteStoreWriter writer(path_);
+    writer.Begin();
+    writer.Put(*Parse(MakeVersion(2, 1)));
+    writer.Commit();
+    Go();
+    for (;;) ::pause();
+  });
+  while (!std::filesystem::exists(folder_ + "/go") && keeping.IsRunning()) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  const SqliteStore store(path_);
+  const std::atomic<bool> stop{false};
+  auto reading = store.Select({}, stop);
+  SqliteStoreWriter writer(path_, 50);
+  try {
+    writer.Begin();
+    ADD_FAILURE() << "The writer has begun.";
+  } catch (const Common::Error& error) {
+    EXPECT_EQ(error.GetCode(), 0x4000CU);
+  }
+  reading.reset();
+  writer.Begin();
+  writer.Put(*Parse(MakeVersion(3, 1)));
+  writer.Commit();
+  EXPECT_EQ(store.ReadChanges(stop)->GetLast(), 3);
+}
+
 // A reader never keeps the last writer from moving the log into the store: but for the moment of a
 // look, it holds nothing.
 TEST_F(StoreWriters, AWaitingReadHoldsNothingOpen) {
@@ -534,7 +571,7 @@ TEST_F(StoreWriters, EachLookThatFollowsAChangeFindsIt) {
   SqliteChangeWatch watch(store);
   const std::atomic<bool> stop{false};
   ASSERT_NE(watch.Look(false, stop), nullptr);
-  for (long long number = 2; number < 100; ++number) {
+  for (long long number = 2; number < 50; ++number) {
     // Right behind a look that may or may not have been left out.
     if (number % 3 == 0) watch.Look(false, stop);
     Store({MakeVersion(static_cast<int>(number), 1)});
@@ -542,13 +579,16 @@ TEST_F(StoreWriters, EachLookThatFollowsAChangeFindsIt) {
     ASSERT_NE(log, nullptr) << number;
     ASSERT_EQ(log->GetLast(), number);
   }
-  // In the end the files prove that nothing happens.
-  std::unique_ptr<ChangeLog> log = watch.Look(false, stop);
-  for (int i = 0; i < 10000 && log != nullptr; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    log = watch.Look(false, stop);
-  }
-  EXPECT_EQ(log, nullptr);
+  // A time stamp proves that nothing has changed only when the clock has left it behind.
+  const auto now = std::filesystem::file_time_type::clock::now();
+  std::filesystem::last_write_time(path_, now + std::chrono::hours(1));
+  EXPECT_NE(watch.Look(false, stop), nullptr);
+  EXPECT_NE(watch.Look(false, stop), nullptr);
+  std::filesystem::last_write_time(path_, now - std::chrono::hours(1));
+  EXPECT_NE(watch.Look(false, stop), nullptr);
+  bool is_quiet = false;
+  for (int i = 0; i < 100 && !is_quiet; ++i) is_quiet = watch.Look(false, stop) == nullptr;
+  EXPECT_TRUE(is_quiet);
   EXPECT_NE(watch.Look(true, stop), nullptr);
   // Behind a link the log lies beside the file.
   const std::string link = folder_ + "/link";
@@ -557,7 +597,7 @@ TEST_F(StoreWriters, EachLookThatFollowsAChangeFindsIt) {
   SqliteChangeWatch linked_watch(linked);
   linked_watch.Look(true, stop);
   SqliteStoreWriter writer(path_);
-  for (long long number = 100; number < 120; ++number) {
+  for (long long number = 50; number < 60; ++number) {
     writer.Begin();
     writer.Put(*Parse(MakeVersion(static_cast<int>(number), 1)));
     writer.Commit();
@@ -565,6 +605,32 @@ TEST_F(StoreWriters, EachLookThatFollowsAChangeFindsIt) {
     ASSERT_NE(seen, nullptr) << number;
     ASSERT_EQ(seen->GetLast(), number);
   }
+}
+
+// A writer makes a change visible some time after it has written it.
+TEST_F(StoreWriters, AChangeBehindItsTimeStampsIsFound) {
+  const SqliteStore store(path_);
+  SqliteChangeWatch watch(store);
+  const std::atomic<bool> stop{false};
+  SqliteStoreWriter writer(path_);
+  // Takes up the room in the log that the change will have.
+  Execute(path_,
+          "PRAGMA wal_autocheckpoint = 0; PRAGMA cache_size = 1; BEGIN;"
+          "UPDATE objects SET data = zeroblob(1000000); DELETE FROM object_is; ROLLBACK");
+  const std::string log = path_ + "-wal";
+  const auto written = std::filesystem::file_time_type::clock::now() - std::chrono::hours(1);
+  std::filesystem::last_write_time(log, written);
+  const auto size = std::filesystem::file_size(log);
+  watch.Look(true, stop);
+  ASSERT_EQ(watch.Look(true, stop)->GetLast(), 1);
+  writer.Begin();
+  writer.Put(*Parse(MakeVersion(2, 1)));
+  writer.Commit();
+  std::filesystem::last_write_time(log, written);
+  ASSERT_EQ(std::filesystem::file_size(log), size);
+  const auto seen = watch.Look(false, stop);
+  ASSERT_NE(seen, nullptr);
+  EXPECT_EQ(seen->GetLast(), 2);
 }
 
 TEST_F(StoreSubscribe, AReaderThatFellBehindIsTold) {
