@@ -1,0 +1,184 @@
+// How soon a reader that follows a store is told of a change of another process, and what the
+// following costs while nothing changes. No arguments; prints "name value unit" lines.
+//
+// A delay counts from the return of the writer's commit to the call of the reader, so that a writer
+// that takes long to get back from its commit may show one below zero.
+
+#include <stdlib.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bench/workload.h"
+#include "core/common/text.h"
+#include "enterprise/common/async/action_adaptor.h"
+#include "enterprise/common/async/cyclic_runner.h"
+#include "enterprise/common/async/waiting_handler.h"
+#include "enterprise/common/dml/local_post_office.h"
+#include "enterprise/common/por/unit_factory.h"
+#include "enterprise/common/por/unit_helpers.h"
+#include "enterprise/common/por/unit_value_access.h"
+#include "platform/store/sqlite_store_writer.h"
+
+namespace {
+
+using Platform::Store::SqliteStoreWriter;
+
+constexpr unsigned int kChanges = 300;
+constexpr std::chrono::seconds kIdleTime{5};
+
+// Shared with the writing process.
+struct Times {
+  double committed[kChanges];
+};
+
+Por::OwnedUnit MakeObject(unsigned int number) {
+  const Por::Construction::UnitFactory& factory = *Por::GetStaticUnitFactory();
+  Common::Guid id;
+  id.SetFirst(number + 1);
+  Por::OwnedUnit object = factory.CreateComposite();
+  Por::Util::AddTrait(*object, "PrimaryKey", factory.CreateGuid(id), factory);
+  Por::Util::AddProperty(*object, "N", factory.CreateDWord(number), factory);
+  return object;
+}
+
+// The process that changes the store: by a writer for each change, or by one for all of them.
+pid_t StartWriter(const std::string& path, Times& times, bool keeps_open,
+                  std::chrono::microseconds pause) {
+  const pid_t child = ::fork();
+  if (child != 0) return child;
+  std::unique_ptr<SqliteStoreWriter> writer;
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  for (unsigned int i = 0; i < kChanges; ++i) {
+    // Out of step with whatever looks regularly.
+    std::this_thread::sleep_for(pause + pause * ((i * 7) % 13) / 13);
+    if (writer == nullptr) writer = std::make_unique<SqliteStoreWriter>(path);
+    writer->Begin();
+    writer->Put(*MakeObject(i));
+    writer->Commit();
+    times.committed[i] = Bench::Now();
+    if (!keeps_open) writer.reset();
+  }
+  ::_exit(0);
+}
+
+class TimeReader final : public Dml::SubscriptionReader {
+ public:
+  void OnCreated(const Por::View::Unit& object) override {
+    const auto number =
+        Por::Util::GetValue<unsigned int>(Por::Util::GetProperty(object, "N").GetValue());
+    seen[number] = Bench::Now();
+    ++count;
+  }
+  void OnUpdated(const Por::View::Unit&, const Por::View::Unit&) override {}
+  void OnDeleted(const Por::View::Unit&) override {}
+
+  std::vector<double> seen = std::vector<double>(kChanges);
+  std::atomic<unsigned int> count{0};
+};
+
+// A store and a reader that follows it until this goes.
+class Following {
+ public:
+  explicit Following(const std::string& path)
+      : office_(Dml::CreatePostOffice(Common::Utf8ToString(path.c_str()))) {
+    Async::WaitingHandler subscribed(true);
+    const auto job = office_->Subscribe(Core::EntryPoint(), {}, nullptr, subscription_, subscribed);
+    const Common::Error error = subscribed.Wait(job.get());
+    if (error.IsFailure()) throw Common::Error(error);
+    cycle_ = Async::RunCyclic(Async::MakeAction([this](Async::ActionHandler& handler) {
+                                return subscription_->Read(reader, handler);
+                              }),
+                              ended_);
+  }
+  ~Following() {
+    cycle_->Cancel();
+    ended_.Wait(nullptr);
+  }
+
+  TimeReader reader;
+
+ private:
+  const std::unique_ptr<Dml::PostOffice> office_;
+  std::unique_ptr<Dml::Subscription> subscription_;
+  Async::WaitingHandler ended_{true};
+  std::shared_ptr<Async::Job> cycle_;
+};
+
+double GetProcessorSeconds() {
+  rusage usage{};
+  ::getrusage(RUSAGE_SELF, &usage);
+  const auto seconds = [](const timeval& time) {
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) * 1e-6;
+  };
+  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+void ReportIdle(const char* name) {
+  std::this_thread::sleep_for(std::chrono::seconds(3));  // until the pauses are at their longest
+  const double before = GetProcessorSeconds();
+  std::this_thread::sleep_for(kIdleTime);
+  Bench::Report(name, (GetProcessorSeconds() - before) / kIdleTime.count() * 100, "%");
+}
+
+void ReportDelays(const std::string& folder, const std::string& name, bool keeps_open,
+                  std::chrono::microseconds pause) {
+  void* const memory =
+      ::mmap(nullptr, sizeof(Times), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (memory == MAP_FAILED) return;
+  Times& times = *new (memory) Times();
+  const std::string path = folder + "/" + name;
+  SqliteStoreWriter::Create(path);
+  const pid_t writer = StartWriter(path, times, keeps_open, pause);
+  std::vector<double> delays;
+  {
+    const Following following(path);
+    ::waitpid(writer, nullptr, 0);
+    for (int i = 0; i < 1000 && following.reader.count < kChanges; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    if (following.reader.count != kChanges) std::printf("%s: changes are missing\n", name.c_str());
+    for (unsigned int i = 0; i < kChanges; ++i) {
+      delays.push_back((following.reader.seen[i] - times.committed[i]) * 1e3);
+    }
+  }
+  std::sort(delays.begin(), delays.end());
+  Bench::Report(name + "-delay-median", delays[delays.size() / 2], "ms");
+  Bench::Report(name + "-delay-p99", delays[delays.size() * 99 / 100], "ms");
+  Bench::Report(name + "-delay-max", delays.back(), "ms");
+  ::munmap(memory, sizeof(Times));
+}
+
+}  // namespace
+
+int main() {
+  char folder[] = "/tmp/objprobe_follow.XXXXXX";
+  if (::mkdtemp(folder) == nullptr) return 1;
+  ReportDelays(folder, "objprobe-follow-sessions", false, std::chrono::milliseconds(60));
+  ReportDelays(folder, "objprobe-follow-rare", true, std::chrono::milliseconds(60));
+  ReportDelays(folder, "objprobe-follow-burst", true, std::chrono::microseconds(100));
+  {
+    const std::string path = folder + std::string("/idle");
+    SqliteStoreWriter::Create(path);
+    const Following following(path);
+    ReportIdle("objprobe-follow-idle-closed-store");
+    SqliteStoreWriter writer(path);
+    writer.Begin();
+    writer.Put(*MakeObject(1));
+    writer.Commit();
+    ReportIdle("objprobe-follow-idle-open-store");
+  }
+  std::filesystem::remove_all(folder);
+  return 0;
+}
