@@ -96,18 +96,11 @@ class WorkJob final : public Async::BaseJob, public PoolTask {
 
  private:
   Common::Error Execute() noexcept {
-    Async::JobControl::PerformExceptionDescription operation;
-    Async::SafeOperationDescription description(operation);
     try {
       return work_->Execute();
-    } catch (const Common::Error& error) {
-      return error;
-    } catch (const std::bad_alloc&) {
-      return Common::Error::OutOfMemory();
-    } catch (const std::exception& exception) {
-      return description.DescribeStdException(exception);
     } catch (...) {
-      return description.DescribeUnknownException();
+      Async::JobControl::PerformExceptionDescription operation;
+      return Async::DescribeCaughtException(operation);
     }
   }
 

@@ -1,7 +1,5 @@
 #include "platform/store/guarded_call.h"
 
-#include <exception>
-#include <new>
 #include <utility>
 
 #include "core/common/trace.h"
@@ -10,17 +8,8 @@
 namespace Platform::Store {
 
 Common::Error DescribeException(const char16_t* operation) noexcept {
-  try {
-    throw;
-  } catch (const Common::Error& error) {
-    return error;
-  } catch (const std::bad_alloc&) {
-    return Common::Error::OutOfMemory();
-  } catch (const std::exception& failure) {
-    return Async::NamedOperationDescription(operation).DescribeStdException(failure);
-  } catch (...) {
-    return Async::NamedOperationDescription(operation).DescribeUnknownException();
-  }
+  Async::NamedOperationDescription description(operation);
+  return Async::DescribeCaughtException(description);
 }
 
 void TellEnd(Async::ActionHandler& handler, Common::Error result) {

@@ -6,6 +6,7 @@
 
 #include "enterprise/common/async/async_error.h"
 #include "enterprise/common/async/job_control.h"
+#include "enterprise/common/async/safe_action.h"
 #include "enterprise/common/async/tail_recursion.h"
 
 namespace Async {
@@ -42,13 +43,16 @@ class ActionSequence::ActionSequenceJob : public BaseJob,
   }
 
   std::shared_ptr<void> GetKeepAlive() override { return shared_from_this(); }
-  void Iterate() override { control_.Run(*(*actions_)[position_], *this, this); }
+  void Iterate() override {
+    SafeAction step(*(*actions_)[position_]);
+    control_.Run(step, *this, this);
+  }
 
  private:
   ActionHandler* const handler_;
   const std::shared_ptr<std::deque<std::shared_ptr<Action>>> actions_;
   const bool repeat_;
-  std::size_t position_ = 0;  // an index: an iterator would not survive an append
+  std::size_t position_ = 0;  // an index: an iterator would not survive an append by a step
   JobControl control_;
 };
 

@@ -1,12 +1,13 @@
 #include "enterprise/common/async/cyclic_runner.h"
 
+#include <atomic>
 #include <new>
-#include <thread>
 #include <utility>
 
 #include "core/common/line_tag.h"
 #include "core/common/message_table.h"
 #include "enterprise/common/async/action_adaptor.h"
+#include "enterprise/common/async/safe_action.h"
 #include "enterprise/common/async/service.h"
 
 namespace Async {
@@ -42,26 +43,23 @@ class CyclicRunner::Resumption : public ActionHandler {
   static bool Run(Service& service, std::shared_ptr<CyclicRunner> runner) {
     const auto resumption = std::make_shared<Resumption>(std::move(runner));
     resumption->self_ = resumption;
-    resumption->starter_ = std::this_thread::get_id();
     ActionRefAdaptor perform([&service, &resumption](ActionHandler& handler) {
       return service.PerformWork(resumption->work_, handler);
     });
-    resumption->control_.Run(perform, *resumption, nullptr);
-    return !resumption->refused_;
+    SafeAction safe_perform(perform);
+    resumption->control_.Run(safe_perform, *resumption, nullptr);
+    return !resumption->met_.exchange(true);
   }
 
   explicit Resumption(std::shared_ptr<CyclicRunner> runner) : work_(std::move(runner)) {}
 
-  void Completed(Common::Error result) override {
+  void Completed(Common::Error) override {
     const std::shared_ptr<Resumption> self = std::move(self_);
-    if (!result.IsFailure() || work_.started) return;
-    // The service has not run the work.
-    if (std::this_thread::get_id() == starter_) {
-      refused_ = true;  // inside Run
-    } else {
-      const std::shared_ptr<CyclicRunner> runner = std::move(work_.runner);
-      runner->RunPasses();
-    }
+    // If the service has not run the work, the cycle goes on behind Run, or here if Run has
+    // returned.
+    if (work_.started || !met_.exchange(true)) return;
+    const std::shared_ptr<CyclicRunner> runner = std::move(work_.runner);
+    runner->RunPasses();
   }
 
  private:
@@ -79,8 +77,7 @@ class CyclicRunner::Resumption : public ActionHandler {
 
   PassWork work_;
   std::shared_ptr<Resumption> self_;
-  std::thread::id starter_;
-  bool refused_ = false;
+  std::atomic<bool> met_{false};  // by the end of Run or of a hand-over in vain, whichever is first
   JobControl control_;
 };
 
@@ -118,10 +115,14 @@ void CyclicRunner::Completed(Common::Error result) {
 
 void CyclicRunner::RunPasses() {
   PassLoop loop(this);
+  SafeAction pass(*action_);
   for (unsigned int passes = 0;; ++passes) {
-    if (passes >= kMaxImmediatePasses && ResumeElsewhere()) return;
+    if (passes == kMaxImmediatePasses) {
+      if (ResumeElsewhere()) return;
+      passes = 0;
+    }
     loop.again = false;
-    control_.Run(*action_, *this, this);
+    control_.Run(pass, *this, this);
     // Unless a pass ended here with success, another thread has the cycle or has ended it.
     if (!loop.again) return;
   }

@@ -12,11 +12,13 @@ namespace Async {
 namespace CyclicRunnerImpl {
 
 // Performs an action again and again, each pass from the end of the one before, until a pass fails
-// or the job is cancelled. So it never ends with success.
+// or the job is cancelled. So it never ends with success. Any exception out of the action's Perform
+// is a failure.
 //
 // Passes that complete inside their Perform run in a loop on one constant stack. After
 // kMaxImmediatePasses of them on one thread the cycle goes on by way of the async service, when
-// there is one, so that the thread that started it gets back to its own work.
+// there is one, so that the thread that started it gets back to its own work. A service that
+// doesn't run the work is asked again as many passes later.
 //
 // Threads: a pass ends on any; Cancel any. Lifetime: whoever started the cycle holds the job until
 // the handler has been told; nothing else does while a pass runs elsewhere.

@@ -76,4 +76,19 @@ Common::Error SafeOperationDescription::DescribeUnknownException() {
   }
 }
 
+Common::Error DescribeCaughtException(OperationDescription& operation) noexcept {
+  SafeOperationDescription description(operation);
+  try {
+    throw;
+  } catch (const Common::Error& error) {
+    return error;
+  } catch (const std::bad_alloc&) {
+    return Common::Error::OutOfMemory();
+  } catch (const std::exception& exception) {
+    return description.DescribeStdException(exception);
+  } catch (...) {
+    return description.DescribeUnknownException();
+  }
+}
+
 }  // namespace Async

@@ -51,4 +51,8 @@ class SafeOperationDescription : public OperationDescription {
   OperationDescription& description_;
 };
 
+// For a catch block: the exception that is being handled. A Common::Error comes as it is, for
+// std::bad_alloc the out-of-memory error, all others are described.
+Common::Error DescribeCaughtException(OperationDescription& operation) noexcept;
+
 }  // namespace Async

@@ -8,10 +8,6 @@
 
 namespace Async {
 
-// Hands `work` to a thread of the async service, where it runs on its own: a failure of it is
-// traced and nothing else. False without a service; then the work stays with the caller.
-bool ForkWork(std::unique_ptr<Work>& work);
-
 // Gives an object a chance when the thread it lives on is about to block, or was busy for too long:
 // if work is waiting, it goes to a thread of the async service, or without a service runs on the
 // spot.
@@ -36,6 +32,13 @@ class BasicSynchronizationFork : public ScopedSynchronizationCallback,
   // Starts the metronome of the async service: if the thread hasn't come back by its tick, Tick is
   // called. Without a service nothing happens. Once in the life of the object.
   void Arm();
+
+ private:
+  class ForkJob;
+
+  // Hands `work` to a thread of the async service, where it runs on its own: a failure of it is
+  // traced and nothing else. False without a service; then the work stays with the caller.
+  static bool Fork(std::unique_ptr<Work>& work);
 };
 
 extern template class BasicSynchronizationFork<ThreadAtomics>;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -28,7 +29,12 @@ class FakeService final : public Service, private MetronomeSource, private Metro
   }
 
   std::shared_ptr<Job> PerformWork(Work& work, ActionHandler& handler) override {
-    if (refuse_work_) throw Failure();
+    ++works;
+    if (refuse_work_) refuse_work_();
+    if (keep_work_) {
+      kept_work.push_back(&handler);
+      return nullptr;
+    }
     if (run_work_inside_) {
       handler.Completed(work.Execute());
       return nullptr;
@@ -40,7 +46,11 @@ class FakeService final : public Service, private MetronomeSource, private Metro
   SynchronizationCallbackStorage* GetSynchronizationCallbackStorage() override { return &storage_; }
   MetronomeSource* GetMetronomeSource() override { return this; }
 
-  void RefuseWork() { refuse_work_ = true; }
+  void RefuseWork(std::function<void()> raise = [] { throw Failure(); }) {
+    refuse_work_ = std::move(raise);
+  }
+  // Leaves it to the test to tell the handlers.
+  void KeepWork() { keep_work_ = true; }
   // What no real service does: work has ended when PerformWork returns.
   void RunWorkInside() { run_work_inside_ = true; }
   // Returns when all work has ended, also work that was performed by work.
@@ -64,6 +74,8 @@ class FakeService final : public Service, private MetronomeSource, private Metro
     for (ActionHandler* const handler : told) handler->Completed({});
   }
   int waits = 0;
+  std::atomic<int> works = 0;  // the times that work was given, refused or not
+  std::vector<ActionHandler*> kept_work;
   unsigned int interval = 0;
 
  private:
@@ -89,7 +101,8 @@ class FakeService final : public Service, private MetronomeSource, private Metro
   std::mutex mutex_;
   std::vector<std::thread> threads_;
   std::vector<ActionHandler*> waiting_;
-  bool refuse_work_ = false;
+  std::function<void()> refuse_work_;
+  bool keep_work_ = false;
   bool run_work_inside_ = false;
 };
 

@@ -236,6 +236,9 @@ TEST(SynchronizationForkTest, AServiceTakesTheWorkAndItsFailureIsTraced) {
   EXPECT_EQ(fork.executed, 2);
   EXPECT_EQ(fork.destroyed, 3);
   EXPECT_GE(traces.Errors().size(), 1u);
+  service.RefuseWork([] { throw std::bad_alloc(); });
+  EXPECT_FALSE(fork.Invoke(nullptr));
+  EXPECT_EQ(fork.destroyed, 4);
 }
 
 }  // namespace

@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <new>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -178,6 +180,30 @@ TEST_P(SequenceSteps, AFailureEndsItAndTheStopCodesMakeThatASuccess) {
   }
 }
 
+// So many that a queue can't take them without moving what it knows of itself.
+TEST_P(SequenceSteps, AStepMayAppendOthers) {
+  constexpr int kAppended = 10000;
+  ActionSequence sequence;
+  std::vector<int> order;
+  const auto note = [&](int number) {
+    return Step([&order, number](ActionHandler& handler) {
+      order.push_back(number);
+      handler.Completed({});
+      return nullptr;
+    });
+  };
+  sequence.Execute(Step([&](ActionHandler& handler) {
+    for (int i = 1; i <= kAppended; ++i) sequence.Execute(note(i));
+    handler.Completed({});
+    return nullptr;
+  }));
+  sequence.Execute(note(0));
+  const auto job = sequence.Perform(handler_);
+  ASSERT_EQ(handler_.results.size(), 1u);
+  EXPECT_EQ(order.size(), kAppended + 1u);
+  EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
+}
+
 TEST_P(SequenceSteps, ACancelReachesTheRunningStepOrTheNextOne) {
   // The step ends well although it was cancelled: the next one is not performed.
   ActionSequence sequence;
@@ -251,6 +277,42 @@ TEST_P(SequenceSteps, AThreadThatBlocksBehindItsStepHandsTheLoopOver) {
   EXPECT_EQ(second != std::this_thread::get_id(), GetParam());
 }
 
+// Also on a thread that has taken the loop over, where nobody else would see it.
+TEST_P(SequenceSteps, WhateverAStepOrAPassRaisesIsToldAsTheEnd) {
+  const struct {
+    void (*raise)();
+    std::uint32_t code;
+  } cases[] = {{[] { throw std::bad_alloc(); }, Common::kOutOfMemoryCode},
+               {[] { throw std::runtime_error("raised"); }, kStdExceptionCode},
+               {[] { throw 1; }, kUnknownExceptionCode}};
+  for (const auto& one : cases) {
+    ActionSequence sequence;
+    Synchronizer end;
+    sequence.Execute(Step([&](ActionHandler& handler) {
+      handler.Completed({});
+      return std::make_shared<JobWithAnEnd>(
+          [&] { EXPECT_TRUE(end.Wait(nullptr).HoldsCode(one.code)); });
+    }));
+    sequence.Execute(Step([&](ActionHandler&) {
+      one.raise();
+      return nullptr;
+    }));
+    const auto job = sequence.Perform(end);
+
+    Synchronizer cycle_end;
+    unsigned int passes = 0;
+    const auto cycle =
+        RunCyclic(MakeAction([&](ActionHandler& handler) -> std::shared_ptr<Job> {
+                    if (++passes > CyclicRunnerImpl::CyclicRunner::kMaxImmediatePasses) one.raise();
+                    handler.Completed({});
+                    return nullptr;
+                  }),
+                  cycle_end);
+    EXPECT_TRUE(cycle_end.Wait(cycle).HoldsCode(one.code));
+    if (service_ != nullptr) service_->Join();
+  }
+}
+
 // It stalls without a wait that anybody is told of.
 TEST(SequenceOfAService, TheMetronomeMovesTheLoopOfAThreadThatStalls) {
   FakeService service;
@@ -314,20 +376,51 @@ TEST_P(Cycles, PassesThatEndAtOnceUseOneStackAndGiveTheStarterItsThreadBack) {
             GetParam() ? int{CyclicRunnerImpl::CyclicRunner::kMaxImmediatePasses} : kPasses);
 }
 
-TEST(CyclesOfAService, GoOnInPlaceWhenItTakesNoWork) {
-  FakeService service;
-  service.RefuseWork();
-  constexpr int kPasses = 3 * CyclicRunnerImpl::CyclicRunner::kMaxImmediatePasses;
-  int passes = 0;
-  FakeHandler handler;
-  const auto job = RunCyclic(MakeAction([&](ActionHandler& done) -> std::shared_ptr<Job> {
-                               done.Completed(++passes == kPasses ? Failure() : Common::Error());
-                               return nullptr;
-                             }),
-                             handler);
-  ASSERT_EQ(handler.results.size(), 1u);
-  EXPECT_TRUE(handler.results[0].HoldsCode(kFailure));
-  EXPECT_EQ(passes, kPasses);
+// The service doesn't run the work of a cycle of three times the passes that one thread runs.
+class CyclesOfAService : public testing::Test {
+ protected:
+  static constexpr int kShare = CyclicRunnerImpl::CyclicRunner::kMaxImmediatePasses;
+
+  std::shared_ptr<Job> Run() {
+    return RunCyclic(MakeAction([this](ActionHandler& done) -> std::shared_ptr<Job> {
+                       done.Completed(++passes_ == 3 * kShare ? Failure() : Common::Error());
+                       return nullptr;
+                     }),
+                     handler_);
+  }
+  void ExpectEnd() {
+    ASSERT_EQ(handler_.results.size(), 1u);
+    EXPECT_TRUE(handler_.results[0].HoldsCode(kFailure));
+    EXPECT_EQ(passes_, 3 * kShare);
+    EXPECT_EQ(service_.works, 2);
+  }
+
+  FakeService service_;
+  FakeHandler handler_;
+  int passes_ = 0;
+};
+
+TEST_F(CyclesOfAService, GoOnInPlaceWhenItTakesNoWork) {
+  service_.RefuseWork();
+  const auto job = Run();
+  ExpectEnd();
+}
+
+TEST_F(CyclesOfAService, GoOnInPlaceWhenItRaisesSomethingElse) {
+  service_.RefuseWork([] { throw std::runtime_error("no thread"); });
+  const auto job = Run();
+  ExpectEnd();
+}
+
+TEST_F(CyclesOfAService, GoOnWhereItTellsLaterThatItHasNotRunTheWork) {
+  service_.KeepWork();
+  const auto job = Run();
+  EXPECT_EQ(passes_, kShare);
+  service_.kept_work.at(0)->Completed(canceled_error.Get());  // on the thread that gave it the work
+  EXPECT_EQ(passes_, 2 * kShare);
+  EXPECT_TRUE(handler_.results.empty());
+  std::thread([&] { service_.kept_work.at(1)->Completed(canceled_error.Get()); }).join();
+  ExpectEnd();
 }
 
 TEST(CyclicRunAction, DescribesItsJobAndRunsAsAnAction) {
