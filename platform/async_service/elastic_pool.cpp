@@ -28,17 +28,13 @@ ElasticPool::~ElasticPool() {
 bool ElasticPool::Post(std::shared_ptr<PoolTask> task) {
   std::lock_guard lock(mutex_);
   if (stopping_ && workers_.empty()) return false;
+  if (workers_.empty()) {
+    StartTimekeeper();  // to be there when no thread can be had for the next task
+    StartThread();
+  }
   if (queue_.empty()) last_taken_ = Clock::now();
   queue_.push_back(std::move(task));
-  try {
-    StartThreadIfNeeded();
-  } catch (...) {
-    // No thread or no memory for one: those that are there take the task, too.
-    if (workers_.empty()) {
-      queue_.pop_back();
-      throw;
-    }
-  }
+  StartThreadIfNeeded();
   if (idle_ != 0) work_.notify_one();
   return true;
 }
@@ -58,11 +54,7 @@ void ElasticPool::NoteBlocked() {
   if (Worker::current->blocked) return;
   Worker::current->blocked = true;
   ++blocked_;
-  try {
-    StartThreadIfNeeded();
-  } catch (const std::exception&) {
-    // The timekeeper tries again.
-  }
+  StartThreadIfNeeded();
 }
 
 bool ElasticPool::IsOwnThread() const {
@@ -76,16 +68,20 @@ bool ElasticPool::IsStarved() const {
 void ElasticPool::StartThreadIfNeeded() {
   if (!IsStarved()) return;
   if (workers_.size() - blocked_ < parallelism_) {
-    StartThread();
-  } else {
-    StartTimekeeper();
-    time_.notify_one();
+    try {
+      StartThread();
+      return;
+    } catch (const std::exception&) {
+      // No thread or no memory for one.
+    }
   }
+  time_.notify_one();  // the timekeeper sees to it as long as tasks are left
 }
 
 void ElasticPool::StartThread() {
   for (const auto& worker : retired_) worker->thread.join();
   retired_.clear();
+  retired_.reserve(workers_.size() + 1);  // a thread at its end can't do without
   auto worker = std::make_unique<Worker>();
   Worker* const self = worker.get();
   workers_.push_back(std::move(worker));
@@ -95,6 +91,7 @@ void ElasticPool::StartThread() {
     workers_.pop_back();
     throw;
   }
+  ++idle_;  // until its first look at the queue
 }
 
 void ElasticPool::StartTimekeeper() {
@@ -105,6 +102,7 @@ void ElasticPool::Work(Worker* self) {
   Worker::current = self;
   Worker::current_pool = this;
   std::unique_lock lock(mutex_);
+  --idle_;
   for (;;) {
     if (!queue_.empty()) {
       std::shared_ptr<PoolTask> task = std::move(queue_.front());
@@ -136,24 +134,24 @@ void ElasticPool::KeepTime() {
   std::unique_lock lock(mutex_);
   while (!stopping_) {
     const Clock::time_point now = Clock::now();
-    while (!timers_.empty() && timers_.begin()->first <= now) {
-      if (queue_.empty()) last_taken_ = now;
-      queue_.push_back(std::move(timers_.begin()->second));
-      timers_.erase(timers_.begin());
-      if (idle_ != 0) work_.notify_one();
-    }
     Clock::time_point next = Clock::time_point::max();
     try {
+      while (!timers_.empty() && timers_.begin()->first <= now) {
+        if (queue_.empty()) last_taken_ = now;
+        queue_.push_back(std::move(timers_.begin()->second));
+        timers_.erase(timers_.begin());
+        if (idle_ != 0) work_.notify_one();
+      }
       while (IsStarved() && workers_.size() - blocked_ < parallelism_) StartThread();
       if (IsStarved() && now - last_taken_ >= kStallTime) {
         StartThread();
         last_taken_ = now;
       }
+      if (IsStarved()) next = last_taken_ + kStallTime;
+      if (!timers_.empty()) next = std::min(next, timers_.begin()->first);
     } catch (const std::exception&) {
-      // No thread to be had now: the next look tries again.
+      next = now + kStallTime;  // no memory or no thread now: the next look tries again
     }
-    if (IsStarved()) next = std::max(last_taken_, now - kStallTime) + kStallTime;
-    if (!timers_.empty()) next = std::min(next, timers_.begin()->first);
     if (next == Clock::time_point::max()) {
       time_.wait(lock);
     } else {

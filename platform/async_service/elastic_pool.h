@@ -25,7 +25,8 @@ class PoolTask : public Common::NonCopyable {
 // one as long as fewer than GetParallelism() are at work. A thread that says it is about to block
 // (NoteBlocked) no longer counts as at work until its task has ended, and when no task was taken
 // for kStallTime another thread is started all the same: work that waits for other work of the same
-// pool never deadlocks. A thread that was idle for kIdleTime ends.
+// pool doesn't deadlock, as long as fewer than kMaxThreads tasks wait at a time. When a thread
+// can't be had, tries follow every kStallTime. A thread that was idle for kIdleTime ends.
 //
 // Threads: all operations from any, also from inside tasks; Stop not from a task.
 class ElasticPool : public Common::NonCopyable {
@@ -40,8 +41,9 @@ class ElasticPool : public Common::NonCopyable {
   // Stops.
   ~ElasticPool();
 
-  // Throws std::bad_alloc, or std::system_error if there is no thread and none can be started; then
-  // the task isn't kept. False after Stop: the task is dropped.
+  // Throws std::bad_alloc, or std::system_error if there is no thread and those to begin with, one
+  // for tasks and one for the time, can't be had; then the task isn't kept. False after Stop: the
+  // task is dropped.
   bool Post(std::shared_ptr<PoolTask> task);
   // Posts the task when the time has come. What Stop finds still waiting is dropped; false after
   // it.
@@ -81,7 +83,7 @@ class ElasticPool : public Common::NonCopyable {
   std::vector<std::unique_ptr<Worker>> retired_;  // ended, to be joined
   std::thread timekeeper_;
   Clock::time_point last_taken_;  // when a task was last taken from the queue
-  std::size_t idle_ = 0;
+  std::size_t idle_ = 0;          // threads that will look for a task
   std::size_t blocked_ = 0;
   bool stopping_ = false;
 };

@@ -1,8 +1,11 @@
 #include "platform/async_service/async_service.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <atomic>
+#include <chrono>
+#include <ctime>
 #include <deque>
 #include <functional>
 #include <latch>
@@ -18,6 +21,8 @@
 #include "enterprise/common/async/async_error.h"
 #include "enterprise/common/async/synchronizer.h"
 #include "platform/async_service/elastic_pool.h"
+#include "tests/enterprise/common/async/test_support.h"
+#include "tests/support/allocation_watch.h"
 
 namespace Platform {
 namespace {
@@ -83,6 +88,54 @@ TEST(ElasticPool, GrowsForWorkThatWaitsForOtherWork) {
     }
     done[0].wait();
   }
+}
+
+// While it lives no thread can be started: none has room for a stack of the default size.
+class NoThreads {
+ public:
+  NoThreads() {
+    pthread_getattr_default_np(&before_);
+    pthread_attr_t huge = before_;
+    pthread_attr_setstacksize(&huge, std::size_t{1} << 48);
+    pthread_setattr_default_np(&huge);
+    EXPECT_THROW(std::thread([] {}).join(), std::system_error);
+  }
+  ~NoThreads() { pthread_setattr_default_np(&before_); }
+  NoThreads(const NoThreads&) = delete;
+  NoThreads& operator=(const NoThreads&) = delete;
+
+ private:
+  pthread_attr_t before_;
+};
+
+double ProcessorSeconds() {
+  timespec time;
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+  return static_cast<double>(time.tv_sec) + 1e-9 * static_cast<double>(time.tv_nsec);
+}
+
+TEST(ElasticPool, GoesOnTryingWhenNoThreadCanBeHadAndIsQuietMeanwhile) {
+  ElasticPool pool;
+  {
+    const NoThreads none;
+    EXPECT_THROW(pool.Post(Task([] {})), std::system_error);
+  }
+  std::binary_semaphore began(0), gate(0), ran(0);
+  pool.Post(Task([&] {
+    began.release();
+    gate.acquire();
+  }));
+  began.acquire();
+  {
+    const NoThreads none;
+    EXPECT_TRUE(pool.Post(Task([&] { ran.release(); })));
+    EXPECT_FALSE(ran.try_acquire_for(2 * ElasticPool::kStallTime));
+    const double before = ProcessorSeconds();
+    EXPECT_FALSE(ran.try_acquire_for(40 * ElasticPool::kStallTime));
+    EXPECT_LT(ProcessorSeconds() - before, 0.02);  // of 0.4
+  }
+  EXPECT_TRUE(ran.try_acquire_for(std::chrono::seconds(30)));
+  gate.release();
 }
 
 TEST(ElasticPool, StopRunsWhatWasPostedAlsoByTheLastTasksAndThenTakesNothing) {
@@ -228,6 +281,57 @@ TEST(AsyncService, DoesNotMoveALoopThatDoesNotStall) {
   const auto job = sequence.Perform(handler);
   EXPECT_EQ(handler.told, 1);
   EXPECT_EQ(elsewhere, 0);
+}
+
+// The first step ends, and its thread then waits for the second one without a word to anybody.
+TEST(AsyncService, MovesALoopWhoseThreadStalls) {
+  std::binary_semaphore gate(0);
+  std::thread::id second;
+  Async::ActionSequence sequence;
+  sequence.Execute(Async::MakeAction([&](Async::ActionHandler& handler) {
+    handler.Completed({});
+    return std::make_shared<Async::Testing::JobWithAnEnd>(
+        [&] { EXPECT_TRUE(gate.try_acquire_for(std::chrono::seconds(30))); });
+  }));
+  sequence.Execute(Async::MakeAction([&](Async::ActionHandler& handler) {
+    second = std::this_thread::get_id();
+    gate.release();
+    handler.Completed({});
+    return nullptr;
+  }));
+  Async::Synchronizer end;
+  const auto job = sequence.Perform(end);
+  EXPECT_EQ(end.Wait(job).GetCode(), 0u);
+  EXPECT_NE(second, std::this_thread::get_id());
+}
+
+// With the service a wait for a tick goes with each step, and now and then a timer for all of them.
+TEST(AsyncService, NoStepOfASequenceTakesMemory) {
+  constexpr unsigned long long kSteps = 4000;
+  const Async::ServiceProvider provider = Async::SetServiceProvider(nullptr);
+  for (const Async::ServiceProvider current : {Async::ServiceProvider(), provider}) {
+    Async::SetServiceProvider(current);
+    Async::ActionSequence sequence;
+    const TestSupport::AllocationWatch* watch = nullptr;
+    unsigned long long steps = 0;
+    unsigned long long at_first = 0;
+    unsigned long long at_last = 0;
+    const std::shared_ptr<Async::Action> step =
+        Async::MakeAction([&](Async::ActionHandler& handler) {
+          ++steps;
+          if (steps == 100) at_first = watch->GetCount();
+          if (steps == kSteps) at_last = watch->GetCount();
+          handler.Completed({});
+          return nullptr;
+        });
+    for (unsigned long long i = 0; i < kSteps; ++i) sequence.Execute(step);
+    CountingHandler handler;
+    const TestSupport::AllocationWatch running;
+    watch = &running;
+    const auto job = sequence.Perform(handler);
+    EXPECT_EQ(handler.told, 1);
+    EXPECT_LE(at_last - at_first, current == nullptr ? 0 : kSteps / 100);
+  }
 }
 
 TEST(AsyncService, IsTheServiceOfTheProcess) {
