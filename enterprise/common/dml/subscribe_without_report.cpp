@@ -67,10 +67,12 @@ std::shared_ptr<Async::Job> DecoratedSubscription::Read(SubscriptionReader& read
   // Whoever throws from here on has started nothing and told nobody: the next read is free to come.
   struct Release {
     ~Release() {
-      if (handler != nullptr) handler->store(nullptr);
+      // One that has told its end all the same leaves a read that has begun since alone.
+      if (handler != nullptr) handler->compare_exchange_strong(given, nullptr);
     }
     std::atomic<Async::ActionHandler*>* handler;
-  } release{&handler_};
+    Async::ActionHandler* given;
+  } release{&handler_, &handler};
   if (snapshot_.empty()) {
     if (base_ != nullptr) {
       std::shared_ptr<Async::Job> job = base_->Read(reader, *this);
@@ -137,6 +139,11 @@ class SubscribeWithoutReportJob final : public Async::BaseJob,
       } catch (const std::bad_alloc&) {
         result = Common::Error::OutOfMemory();
       }
+    }
+    if (result.IsFailure()) {
+      // Behind the call the post office may be gone, and this job may still be on its way out.
+      base_subscription_.reset();
+      snapshot_.clear();
     }
     handler_->Completed(std::move(result));
   }
