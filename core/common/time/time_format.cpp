@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 
+#include <atomic>
 #include <filesystem>
 #include <string>
 #include <system_error>
@@ -33,12 +34,25 @@ std::string FindModule() {
   return program.parent_path().parent_path() / "lib" / kTimeFormatModule;
 }
 
+// The loader's reason, once in the process for each `traced`: every call tries again.
+void TraceOnce(std::atomic<bool>& traced) {
+  const char* const reason = ::dlerror();
+  if (traced.exchange(true)) return;
+  Trace(kTraceError, 0, 0, reason != nullptr ? reason : kTimeFormatModule);
+}
+
 CreateTimeFormatFunction* LoadModule() {
+  static std::atomic<bool> traced_module{false};
+  static std::atomic<bool> traced_function{false};
   void* const module = ::dlopen(FindModule().c_str(), RTLD_NOW | RTLD_LOCAL);
-  void* const function = module != nullptr ? ::dlsym(module, kCreateTimeFormatSymbol) : nullptr;
+  if (module == nullptr) {
+    TraceOnce(traced_module);
+    return nullptr;
+  }
+  void* const function = ::dlsym(module, kCreateTimeFormatSymbol);
   if (function == nullptr) {
-    const char* const reason = ::dlerror();
-    Trace(kTraceError, 0, 0, reason != nullptr ? reason : kTimeFormatModule);
+    TraceOnce(traced_function);
+    ::dlclose(module);
   }
   return reinterpret_cast<CreateTimeFormatFunction*>(function);
 }
@@ -46,8 +60,14 @@ CreateTimeFormatFunction* LoadModule() {
 }  // namespace
 
 std::unique_ptr<TimeFormat> TimeFormat::Create(int style, int what) {
-  static CreateTimeFormatFunction* const create = LoadModule();
-  if (create == nullptr) return std::make_unique<NoTimeFormat>();
+  static std::atomic<CreateTimeFormatFunction*> loaded{nullptr};
+  CreateTimeFormatFunction* create = loaded.load(std::memory_order_acquire);
+  if (create == nullptr) {
+    // A failure isn't kept: it may pass, like a lack of descriptors.
+    create = LoadModule();
+    if (create == nullptr) return std::make_unique<NoTimeFormat>();
+    loaded.store(create, std::memory_order_release);
+  }
   return std::unique_ptr<TimeFormat>(create(style, what));
 }
 

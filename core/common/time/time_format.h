@@ -13,8 +13,9 @@ namespace Common {
 class TimeFormat {
  public:
   // Never null. For the locale that is the system's now. The first call loads the module with ICU,
-  // "../lib/objprobe-time.so" from the program's folder, which stays loaded; without it this fails
-  // with a trace, and so do the operations of what it gives. Threads: any.
+  // "../lib/objprobe-time.so" from the program's folder, which stays loaded. Without it this fails,
+  // and so do the operations of what it gives; later calls try again, and each kind of failure is
+  // traced once. Threads: any.
   // `style`: 1 medium, 2 long, 3 full, any other short.
   // `what`: 0 the date, 1 the time, any other the date in that style and the time in medium style.
   static std::unique_ptr<TimeFormat> Create(int style, int what);
