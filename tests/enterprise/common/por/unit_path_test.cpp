@@ -18,7 +18,8 @@ using namespace Por::Test;  // NOLINT: the vocabulary of these tests
 
 OwnedUnit MakeTree() {
   return Composite("a", With(Composite("b", DWord(1)), "Kind", DWord(7)), "a.b", DWord(2), "c^d",
-                   DWord(3), "l", Array(DWord(10), DWord(11)), "a..", DWord(4), "x",
+                   DWord(3), "l", Array(DWord(10), DWord(11)), "a..", DWord(4), "e..",
+                   Composite("b", DWord(6)), "x",
                    With(With(DWord(5), "t", DWord(1)), "t", DWord(2)));
 }
 
@@ -49,6 +50,7 @@ TEST(UnitPath, ResolvesTolerantly) {
       {u".a&d;b", "2", "2"},
       {u".c&r;d", "3", "3"},
       {u".a..", "4", "4"},                 // a pair stays in its token
+      {u".e...b", "6", "6"},               // the pair, and then the end of the token
       {u"..a", "composite", "composite"},  // one is skipped, the token before the next is empty
       {u".z", "nothing", "nothing"},
       {u".z.y", "nothing", "nothing"},
