@@ -12,7 +12,7 @@
 namespace Serialization {
 
 // Bytes that grow at the end. A large block grows by moving pages, not by copying bytes, and its
-// unused end never becomes real memory. Throws std::bad_alloc.
+// unused end never becomes real memory. Throws std::bad_alloc; the content then stays.
 class OutputBuffer : public Common::NonCopyable {
  public:
   OutputBuffer() = default;
@@ -20,6 +20,8 @@ class OutputBuffer : public Common::NonCopyable {
 
   std::size_t GetSize() const { return static_cast<std::size_t>(end_ - begin_); }
   const char* GetData() const { return begin_; }
+  // Whether something is missing in the content, since room for it couldn't be had. It stays so.
+  bool HasFailed() const { return has_failed_; }
 
   // The end of the content, with room for `size` bytes behind it. What is written there counts from
   // the call of SetEnd on; until then nothing else may be called.
@@ -51,20 +53,26 @@ class OutputBuffer : public Common::NonCopyable {
   void Grow(std::size_t size) {
     const std::size_t used = GetSize();
     const std::size_t wanted = used + size;
-    if (wanted < used) throw std::bad_alloc();
+    if (wanted < used) Fail();
     std::size_t capacity = static_cast<std::size_t>(limit_ - begin_);
     capacity = capacity < kFirstSize / 2 ? kFirstSize : 2 * capacity;
     if (capacity < wanted) capacity = wanted;
     char* const block = static_cast<char*>(std::realloc(begin_, capacity));
-    if (block == nullptr) throw std::bad_alloc();
+    if (block == nullptr) Fail();
     begin_ = block;
     end_ = block + used;
     limit_ = block + capacity;
   }
 
+  [[noreturn]] void Fail() {
+    has_failed_ = true;
+    throw std::bad_alloc();
+  }
+
   char* begin_ = nullptr;
   char* end_ = nullptr;
   char* limit_ = nullptr;
+  bool has_failed_ = false;
 };
 
 }  // namespace Serialization

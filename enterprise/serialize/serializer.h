@@ -31,7 +31,8 @@ struct CountedBytes {
 // Writes one packet. Used once and on one thread.
 //
 // The operations report nothing of their own; what throws is std::bad_alloc, and then the packet is
-// of no use any more.
+// of no use any more. An ElementWriter drops what its end throws; therefore Finish throws it, too,
+// once there was no room for a part of the packet.
 class Serializer : public Common::DynamicCasterImpl {
  public:
   virtual void Write(const MetaInfo& meta, bool value) = 0;
@@ -51,7 +52,9 @@ class Serializer : public Common::DynamicCasterImpl {
   virtual void Write(const MetaInfo& meta, const std::vector<unsigned char>& value) = 0;
   virtual void Write(const MetaInfo& meta, const CountedBytes& value) = 0;
 
-  // Ends the packet and hands over its bytes; nothing stays. The second form copies nothing.
+  // Ends the packet and hands over its bytes; nothing stays. The second form copies nothing. An
+  // element that is open then gets no end tag: GetCurrentMetaInfo doesn't know it any more, and its
+  // EndElement is one without a beginning.
   virtual void Finish(std::vector<unsigned char>& bytes) = 0;
   virtual CountedBytes Finish() = 0;
 

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
+#include <new>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -93,6 +94,7 @@ class XMLPacketSerializer final : public Serializer {
     bytes.assign(packet.data.get(), packet.data.get() + packet.size);
   }
   CountedBytes Finish() override {
+    if (buffer_.HasFailed()) throw std::bad_alloc();
     buffer_.Append(kRootEnd);
     open_.clear();
     CountedBytes packet;
@@ -113,8 +115,10 @@ class XMLPacketSerializer final : public Serializer {
       open_.push_back(outer);
       return;
     }
-    open_.push_back({buffer_.GetSize() + 1, meta.name.size(), false});
+    const std::size_t name_at = buffer_.GetSize() + 1;
     WriteStartTag(meta);
+    // Only now, since the start tag may find no room.
+    open_.push_back({name_at, meta.name.size(), false});
   }
   void EndElement(const MetaInfo& meta) override {
     if (meta.name.empty()) return;
@@ -125,7 +129,6 @@ class XMLPacketSerializer final : public Serializer {
     const OpenTag tag = open_.back();
     open_.pop_back();
     if (tag.is_skipped) return;
-    SAFE_ASSERT(GetName(tag) == meta.name);
     WriteEndTag(meta);
   }
 
@@ -403,7 +406,10 @@ class XMLPacketDeserializer final : public Deserializer {
   // Reads the text of an element; leaves the element also when `convert` throws.
   template <class Convert>
   void ReadValue(const MetaInfo& meta, Convert&& convert) {
-    BeginElement(meta);
+    // Behind the root there is nothing to read. A bad packet is for BeginElement to report, but
+    // for a value without a name.
+    const bool is_left = current_tag_ == nullptr && document_.GetRoot() != nullptr;
+    if (!is_left) BeginElement(meta);
     if (current_tag_ == nullptr) throw MakeNoDataError(kSource.At("Read", 120));
     try {
       convert(current_tag_->GetText());

@@ -5,11 +5,13 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "core/common/error.h"
 #include "core/common/number_text.h"
 #include "tests/enterprise/serialize/packet_support.h"
+#include "tests/support/text.h"
 #include "tests/support/trace_recorder.h"
 
 namespace Serialization {
@@ -104,15 +106,40 @@ TEST(XMLPacketReader, ReportsElementsThatDoNotFit) {
   MetaInfo with_traits("a");
   with_traits.traits = MakeTraits({});
   EXPECT_EQ(CodeOf([&] { from->EndElement(with_traits); }), kInconsistentCode);
+  std::swap(with_traits.traits, with_traits.common_traits);
+  EXPECT_EQ(CodeOf([&] { from->EndElement(with_traits); }), kInconsistentCode);
   // It is still open.
   EXPECT_EQ(RunScript(*from, "b )a c )XML_SERIALIZER"), "1 ok 2 9c0002");
   // The root was left for good.
-  EXPECT_EQ(RunScript(*from, "? @ a )XML_SERIALIZER "), "'' 3 9c0003 9c0003 9c0004");
+  EXPECT_EQ(RunScript(*from, "? @ a (a )XML_SERIALIZER "), "'' 3 9c0004 9c0003 9c0003 9c0004");
   EXPECT_EQ(trace.Assertions(),
             (std::vector<std::string>{"!\"XMLPacketDeserializer: Inconsistent meta.\"",
                                       "!\"XMLPacketDeserializer: Inconsistent meta.\"",
+                                      "!\"XMLPacketDeserializer: Inconsistent meta.\"",
                                       "CurrentTag", "!\"XMLPacketDeserializer: No meta.\"",
                                       "!\"XMLPacketDeserializer: No tags.\""}));
+}
+
+TEST(XMLPacketReader, FailuresHaveTheseTexts) {
+  const auto text_of = [](const char* elements, bool leave_root) {
+    const TestSupport::TraceRecorder trace;
+    const std::unique_ptr<Deserializer> from = OpenElements(elements);
+    if (leave_root) CodeOf([&] { from->EndElement(MetaInfo("XML_SERIALIZER")); });
+    try {
+      if (leave_root) from->EndElement(MetaInfo("a"));
+      std::vector<unsigned char> bytes;
+      from->Read(MetaInfo("a"), bytes);
+    } catch (const Common::Error& error) {
+      return TestSupport::Utf8(error.GetMessage());
+    }
+    return "none"s;
+  };
+  EXPECT_EQ(text_of("<b></b>", false),
+            "Cannot deserialize the object. The object's metadata is inconsistent. Either the "
+            "versions of the product's components are incompatible with each other or the object "
+            "was created by an incompatible product version.");
+  EXPECT_EQ(text_of("", true), "Cannot find the object's meta info.");
+  EXPECT_EQ(text_of("<a>*</a>", false), "SERIALIZER_ERROR_NO_DATA");
 }
 
 TEST(XMLPacketReader, RefusesBadPackets) {

@@ -3,14 +3,30 @@
 #include <cmath>
 #include <cstdio>
 #include <limits>
+#include <new>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "core/common/error.h"
 #include "core/common/number_text.h"
+#include "enterprise/serialize/element_scope.h"
 #include "tests/enterprise/serialize/packet_support.h"
 #include "tests/support/trace_recorder.h"
+
+// Packets grow by realloc, which the linker turns to here.
+
+namespace {
+
+std::size_t most_memory = std::numeric_limits<std::size_t>::max();
+
+}  // namespace
+
+extern "C" void* __real_realloc(void* block, std::size_t size);
+extern "C" void* __wrap_realloc(void* block, std::size_t size);
+void* __wrap_realloc(void* block, std::size_t size) {
+  return size <= most_memory ? __real_realloc(block, size) : nullptr;
+}
 
 namespace Serialization {
 namespace {
@@ -38,9 +54,20 @@ TEST(XMLPacketWriter, PacketHasTheseBytes) {
   serializer->Finish(bytes);
   EXPECT_EQ(std::string(bytes.begin(), bytes.end()), expected);
   // Nothing stays; what is open stays open.
+  const TestSupport::TraceRecorder trace;
   serializer->BeginElement(MetaInfo("a"));
+  {
+    const ElementWriter outer(*serializer, MetaInfo("b"));
+    serializer->Finish(bytes);
+    EXPECT_EQ(std::string(bytes.begin(), bytes.end()), "<a><b></XML_SERIALIZER>");
+    // Nobody knows of them any more.
+    EXPECT_EQ(serializer->GetCurrentMetaInfo().name, "");
+  }
+  serializer->EndElement(MetaInfo("a"));
+  EXPECT_EQ(trace.Assertions(),
+            (std::vector<std::string>(2, "!\"XMLPacketSerializer: No open element.\"")));
   serializer->Finish(bytes);
-  EXPECT_EQ(std::string(bytes.begin(), bytes.end()), "<a></XML_SERIALIZER>");
+  EXPECT_EQ(std::string(bytes.begin(), bytes.end()), "</XML_SERIALIZER>");
   EXPECT_EQ(serializer->GetInterface("PN13Serialization24ContainerAwareSerializerE"), nullptr);
 }
 
@@ -158,6 +185,76 @@ TEST(XMLPacketWriter, LongTextsFollowTheSameRules) {
         ASSERT_EQ(WriteValue(text + "\x01\n"), "<v>" + left + written + right + "&#1;&#10;</v>");
       }
     }
+  }
+}
+
+// Where each unit takes the most room, and where the form of a text is known only at its end.
+TEST(XMLPacketWriter, LongTextsMayBeAllEscapes) {
+  const auto repeat = [](const std::string& text, std::size_t count) {
+    std::string all;
+    for (; count != 0; --count) all += text;
+    return all;
+  };
+  EXPECT_EQ(WriteValue(Common::String(600, char16_t{0xD800})),
+            "<v>" + repeat("&#55296;", 600) + "</v>");
+  EXPECT_EQ(WriteValue(std::string(600, '\x01')), "<v>" + repeat("&#1;", 600) + "</v>");
+  // A look at the rest of the text for each line feed would take longer than tests may.
+  EXPECT_EQ(WriteValue(std::string(2000000, '\n') + "\r"),
+            "<v>" + repeat("&#10;", 2000000) + "&#13;</v>");
+}
+
+TEST(XMLPacketWriter, PacketsWithoutRoomAreNotFinished) {
+  unsigned int good = 0;
+  unsigned int without_content = 0;
+  unsigned int without_end = 0;
+  unsigned int without_root_end = 0;
+  for (std::size_t fill = 0; fill < 512; ++fill) {
+    SCOPED_TRACE(fill);
+    const TestSupport::TraceRecorder trace;
+    // As large as its first block is.
+    most_memory = 512;
+    const std::unique_ptr<Serializer> to = CreateXMLPacketSerializer(0);
+    bool has_thrown = false;
+    try {
+      const ElementWriter outer(*to, MetaInfo("outer"));
+      for (std::size_t i = 0; i < fill; ++i) to->Write(MetaInfo(), true);
+      try {
+        const ElementWriter inner(*to, MetaInfo("inner"));
+        // As much as the start tag asks for at most, so that the ends find no room left of it.
+        for (int i = 0; i < 50; ++i) to->Write(MetaInfo(), false);
+      } catch (const std::bad_alloc&) {
+        EXPECT_EQ(to->GetCurrentMetaInfo().name, "outer");
+        throw;
+      }
+    } catch (const std::bad_alloc&) {
+      has_thrown = true;
+    }
+    const std::size_t dropped = trace.Errors().size();
+    try {
+      const CountedBytes packet = to->Finish();
+      EXPECT_FALSE(has_thrown);
+      EXPECT_EQ(dropped, 0u);
+      EXPECT_EQ(std::string(packet.data.get(), packet.data.get() + packet.size),
+                std::string(kBegin) + "<outer>" + std::string(fill, '1') + "<inner>" +
+                    std::string(50, '0') + "</inner></outer>" + std::string(kEnd));
+      ++good;
+    } catch (const std::bad_alloc&) {
+      if (has_thrown) {
+        ++without_content;
+      } else if (dropped != 0) {
+        ++without_end;
+      } else {
+        ++without_root_end;
+      }
+      // Also where there is room for the end.
+      most_memory = std::numeric_limits<std::size_t>::max();
+      EXPECT_THROW(to->Finish(), std::bad_alloc);
+    }
+    most_memory = std::numeric_limits<std::size_t>::max();
+    EXPECT_EQ(trace.Assertions(), std::vector<std::string>());
+  }
+  for (const unsigned int count : {good, without_content, without_end, without_root_end}) {
+    EXPECT_NE(count, 0u);
   }
 }
 
