@@ -13,11 +13,9 @@ Common::Error DescribeException(const char16_t* operation) noexcept {
 }
 
 void TellEnd(Async::ActionHandler& handler, Common::Error result) {
-  try {
-    handler.Completed(std::move(result));
-  } catch (const Common::Error& error) {
-    Common::Trace(Common::kTraceError, error);
-  }
+  const Common::Error failure =
+      RunGuarded(u"Completed", [&] { handler.Completed(std::move(result)); });
+  if (failure.IsFailure()) Common::Trace(Common::kTraceError, failure);
 }
 
 }  // namespace Platform::Store

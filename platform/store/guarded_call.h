@@ -25,7 +25,7 @@ Common::Error RunGuarded(const char16_t* operation, Body&& body) {
   }
 }
 
-// Tells the end of work. A Common::Error out of the handler is traced and dropped.
+// Tells the end of work. What the handler throws is traced, described as above, and dropped.
 void TellEnd(Async::ActionHandler& handler, Common::Error result);
 
 }  // namespace Platform::Store
