@@ -18,11 +18,16 @@ struct ChangeFollower::Reading {
 
 class ChangeFollower::Delivery final : public PoolTask {
  public:
-  explicit Delivery(View view) : view_(std::move(view)) {}
-  void Run() override { view_->Deliver(); }
+  Delivery(View view, ElasticPool& pool) : view_(std::move(view)), pool_(pool) {}
+  void Run() override {
+    // Nobody knows what the reader does.
+    pool_.NoteBlocked();
+    view_->Deliver();
+  }
 
  private:
   const View view_;
+  ElasticPool& pool_;  // on a thread of which this runs
 };
 
 ChangeFollower::ChangeFollower(std::shared_ptr<const ObjectStore> store,
@@ -105,11 +110,16 @@ ChangeFollower::Clock::duration ChangeFollower::GetPause() const {
   return std::clamp<Clock::duration>((Clock::now() - changed_) / 8, kShortestPause, kLongestPause);
 }
 
-// Drops the views whose reads were ended: a new read serves them anew.
+// Drops the views whose reads were taken or ended: a new read serves them anew. Nothing else does,
+// as a delivery may take or miss any read that is begun before its end.
 ChangeFollower::Views ChangeFollower::GetWaiting() {
   const std::lock_guard lock(mutex_);
   std::erase_if(waiting_, [](const View& view) { return !view->IsWaiting(); });
-  return {waiting_.begin(), waiting_.end()};
+  Views result;
+  for (const View& view : waiting_) {
+    if (view->NeedsLook()) result.push_back(view);
+  }
+  return result;
 }
 
 bool ChangeFollower::Look() {
@@ -117,7 +127,7 @@ bool ChangeFollower::Look() {
   Views views;
   bool has_new_place = false;
   for (const View& view : waiting) {
-    // Of a read that was ended too late, or for which there was no thread.
+    // Of a read that was ended too late, or broken off, or for which there was no thread.
     if (view->HasOutcome()) continue;
     views.push_back(view);
     if (view->position.number != last_) has_new_place = true;
@@ -205,25 +215,21 @@ void ChangeFollower::ApplyChanges(ChangeLog& log, std::vector<Reading>& readings
 
 // A view whose delivery can't be posted goes on waiting: the next look tries again.
 void ChangeFollower::Post(const View& view) {
-  auto delivery = std::make_shared<Delivery>(view);
   std::shared_ptr<ElasticPool> pool;
-  std::set<View>::node_type place;
   {
-    // Before the delivery, in which the next read may begin.
     const std::lock_guard lock(mutex_);
-    place = waiting_.extract(view);
     pool = pool_;
   }
-  if (place.empty()) return;
+  auto delivery = std::make_shared<Delivery>(view, *pool);
+  // Before the delivery, in which the next read may begin.
+  if (!view->PrepareDelivery()) return;
   bool is_posted = false;
   try {
     is_posted = pool->Post(std::move(delivery));
   } catch (const std::exception&) {
     // No memory, or no thread to be had.
   }
-  if (is_posted) return;
-  const std::lock_guard lock(mutex_);
-  waiting_.insert(std::move(place));
+  if (!is_posted) view->DropDelivery();
 }
 
 }  // namespace Platform::Store

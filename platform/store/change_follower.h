@@ -21,7 +21,8 @@ namespace Platform::Store {
 
 // Follows a store for all subscriptions of one post office: one thread that looks for changes while
 // any read waits, and otherwise sleeps, and a pool on which their readers and handlers are called,
-// so that none of them holds another one up.
+// so that none of them holds another one up, unless ElasticPool::kMaxThreads of them block at a
+// time.
 //
 // The pause between two looks is an eighth of the time since the last change, within kShortestPause
 // and kLongestPause.
@@ -79,7 +80,7 @@ class ChangeFollower : public Common::NonCopyable {
 
   std::mutex mutex_;  // guards the fields below; locked before a view's mutex, never after
   std::condition_variable work_;
-  std::set<View> waiting_;  // not yet posted
+  std::set<View> waiting_;  // those whose reads wait, and some whose reads have ended
   bool has_arrival_ = false;
   std::thread thread_;
   std::shared_ptr<ElasticPool> pool_;

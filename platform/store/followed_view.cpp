@@ -9,6 +9,20 @@
 
 namespace Platform::Store {
 
+namespace {
+
+// Without a failure where there is nothing in the first.
+void Append(FollowedView::Updates& first, FollowedView::Updates second) {
+  if (first.empty()) {
+    first.swap(second);
+  } else {
+    first.insert(first.end(), std::make_move_iterator(second.begin()),
+                 std::make_move_iterator(second.end()));
+  }
+}
+
+}  // namespace
+
 FollowedView::FollowedView(ViewFilter filter_value, ChangePosition position_value)
     : position(std::move(position_value)), filter(std::move(filter_value)) {}
 
@@ -48,6 +62,11 @@ bool FollowedView::IsWaiting() const {
   return handler_ != nullptr;
 }
 
+bool FollowedView::NeedsLook() const {
+  const Common::MutexLock lock(mutex_);
+  return handler_ != nullptr && !is_delivering_;
+}
+
 bool FollowedView::HasOutcome() const {
   const Common::MutexLock lock(mutex_);
   return !updates_.empty() || failure_.IsFailure();
@@ -55,12 +74,24 @@ bool FollowedView::HasOutcome() const {
 
 void FollowedView::AddUpdates(Updates updates) {
   const Common::MutexLock lock(mutex_);
-  updates_ = std::move(updates);
+  Append(updates_, std::move(updates));
 }
 
 void FollowedView::SetFailure(const Common::Error& failure) {
   const Common::MutexLock lock(mutex_);
   failure_ = failure;
+}
+
+bool FollowedView::PrepareDelivery() {
+  const Common::MutexLock lock(mutex_);
+  if (handler_ == nullptr || is_delivering_) return false;
+  is_delivering_ = !updates_.empty() || failure_.IsFailure();
+  return is_delivering_;
+}
+
+void FollowedView::DropDelivery() {
+  const Common::MutexLock lock(mutex_);
+  is_delivering_ = false;
 }
 
 void FollowedView::Deliver() {
@@ -70,8 +101,10 @@ void FollowedView::Deliver() {
   Common::Error result;
   {
     const Common::MutexLock lock(mutex_);
-    // There may be two deliveries when a read was ended and another one begun in between.
-    if (handler_ == nullptr || (updates_.empty() && !failure_.IsFailure())) return;
+    if (handler_ == nullptr || (updates_.empty() && !failure_.IsFailure())) {
+      is_delivering_ = false;
+      return;
+    }
     reader = std::exchange(reader_, nullptr);
     handler = std::exchange(handler_, nullptr);
     updates = std::exchange(updates_, {});
@@ -88,8 +121,10 @@ void FollowedView::Deliver() {
   updates.erase(updates.begin(), std::next(updates.begin(), static_cast<std::ptrdiff_t>(read)));
   {
     const Common::MutexLock lock(mutex_);
+    if (!updates_.empty()) Append(updates, std::exchange(updates_, {}));
     updates_ = std::move(updates);
     is_reading_ = false;
+    is_delivering_ = false;
   }
   TellEnd(*handler, result);
 }

@@ -22,6 +22,9 @@ namespace Platform::Store {
 // for delivery, told. Until it is taken, End can end it with another result; events that it then
 // leaves behind are the next read's, so that none is lost. Exactly one of Deliver and End tells the
 // handler, with no lock held.
+//
+// A delivery may outlast the read for which it was posted, and take the next one. So there is never
+// more than one, and up to its end the following thread leaves the view alone.
 class FollowedView : public Common::NonCopyable {
  public:
   using Updates = std::vector<Dml::ViewManagement::ViewUpdate>;
@@ -43,17 +46,23 @@ class FollowedView : public Common::NonCopyable {
   void End(const Common::Error& result);
 
   bool IsWaiting() const;
+  // It waits, and no delivery is on its way.
+  bool NeedsLook() const;
   // There is something to deliver.
   bool HasOutcome() const;
-  // The outcome of the read that waits. Events come first; with nothing in them there is no
-  // outcome.
+  // The outcome of the read that waits. Events come first, behind those that are there; with none
+  // there is no outcome.
   void AddUpdates(Updates updates);
   void SetFailure(const Common::Error& failure);
 
-  // Takes the read and its outcome, calls the reader, tells the handler. Does nothing without them:
-  // the read was ended meanwhile. An exception of the reader that is no Common::Error is the result
-  // of the read; the events behind it are the next read's. The handler may destroy what it was
-  // given by.
+  // Announces the call of Deliver that must follow, unless DropDelivery does. False if there is
+  // nothing to deliver, nobody to deliver it to, or another delivery on its way.
+  bool PrepareDelivery();
+  void DropDelivery();
+  // Takes the read and its outcome, calls the reader, tells the handler. Without them, as the read
+  // was ended meanwhile, it only ends the delivery. An exception of the reader that is no
+  // Common::Error is the result of the read; the events behind it are the next read's. The handler
+  // may destroy what it was given by.
   void Deliver();
 
  private:
@@ -61,6 +70,7 @@ class FollowedView : public Common::NonCopyable {
 
   mutable Common::Mutex mutex_;  // guards everything below
   bool is_reading_ = false;      // from Begin until the handler is told
+  bool is_delivering_ = false;   // from PrepareDelivery until right before the handler is told
   std::uint64_t number_ = 0;     // of the last read
   // Null unless a read waits.
   Dml::SubscriptionReader* reader_ = nullptr;

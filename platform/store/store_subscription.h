@@ -11,9 +11,11 @@
 namespace Platform::Store {
 
 // A subscription on a store. Each read waits for the next changes of its view, delivers a batch of
-// them in the order of their commits, and succeeds; over all reads each change comes once. The
-// reader and the handler are called on a thread of the store.
+// them in the order of their commits, and succeeds; over all reads each change comes once.
 //
+// - The reader is called on a thread of the store, and so is the handler, but where a read ends
+//   without a look at its changes: a refusal is told inside Read, before it returns null, a cancel
+//   inside Cancel, the end of the subscription or of the post office inside their destructors.
 // - While a read waits another one is told 0xFC000C; the first goes on.
 // - Cancel of the job ends a read that waits with 0xF90002. One that is being delivered goes on to
 //   its end. No change is lost by it: the next read has it.

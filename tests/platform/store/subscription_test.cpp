@@ -462,13 +462,79 @@ TEST_F(StoreWriters, NothingIsLostOrDoubledFromTheSnapshotOn) {
   }
 }
 
+// The steps of a delivery that comes between reads which were cancelled, and of the threads beside
+// it, one by one.
+TEST(FollowedView, ADeliveryThatOutlastsItsReadLosesNothing) {
+  const auto make = [](unsigned int version) {
+    return Dml::ViewManagement::ViewUpdate{
+        Dml::ViewManagement::kUpdateCreated, Por::SharedUnit(Parse(MakeVersion(1, version))), {}};
+  };
+  FollowedView view(ViewFilter(nullptr, std::nullopt), {});
+  EventReader reader([&](const std::string& event) {
+    if (event != "+1v2") return;
+    view.AddUpdates({make(4)});
+    throw std::runtime_error("broken");
+  });
+  EXPECT_FALSE(view.PrepareDelivery());
+  ToldOnce first;
+  const auto number = view.Begin(reader, first);
+  ASSERT_TRUE(number);
+  EXPECT_TRUE(view.NeedsLook());
+  EXPECT_FALSE(view.PrepareDelivery());
+  view.AddUpdates({make(1), make(2), make(3)});
+  EXPECT_TRUE(view.PrepareDelivery());
+  view.End(*number, Async::canceled_error.Get());
+  EXPECT_EQ(first.Wait().GetCode(), Async::kCanceledCode);
+  // The delivery takes the next read; there is no second one.
+  ToldOnce second;
+  ASSERT_TRUE(view.Begin(reader, second));
+  EXPECT_FALSE(view.NeedsLook());
+  EXPECT_FALSE(view.PrepareDelivery());
+  view.Deliver();
+  EXPECT_EQ(second.Wait().GetCode(), 0xF90007U);
+  EXPECT_EQ(reader.events, (Events{"+1v1", "+1v2"}));
+  // What was left over comes before what came meanwhile. A delivery that misses all reads ends.
+  ToldOnce third;
+  ASSERT_TRUE(view.Begin(reader, third));
+  EXPECT_TRUE(view.PrepareDelivery());
+  view.End(Async::canceled_error.Get());
+  view.Deliver();
+  ToldOnce fourth;
+  ASSERT_TRUE(view.Begin(reader, fourth));
+  EXPECT_TRUE(view.NeedsLook());
+  EXPECT_TRUE(view.PrepareDelivery());
+  view.DropDelivery();
+  EXPECT_TRUE(view.PrepareDelivery());
+  view.Deliver();
+  EXPECT_EQ(fourth.Wait().GetCode(), 0U);
+  EXPECT_EQ(reader.events, (Events{"+1v1", "+1v2", "+1v3", "+1v4"}));
+}
+
+TEST_F(StoreSubscribe, AHandlerThatRaisesIsTraced) {
+  StoreNumbered(1);
+  const auto office = Open();
+  const Owned subscription = Subscribe(*office);
+  struct Raising final : Async::ActionHandler {
+    void Completed(Common::Error) override { throw std::bad_alloc(); }
+  } raising;
+  const TestSupport::TraceRecorder traces;
+  EventReader reader;
+  subscription->Read(reader, raising)->Cancel();
+  EXPECT_EQ(traces.Codes(), "4 0 fff2\n");
+  Put(MakeVersion(2, 1));
+  EXPECT_EQ(ReadEvents(*subscription, 1), (Events{"+2v1"}));
+}
+
+// Reader and writer take turns in all ways: a reader that takes its time is still in the middle
+// when the next change comes.
 TEST_F(StoreWriters, CancelLosesNothing) {
   Start(2, 150);
   const auto office = Open();
   VersionReader snapshot;
   Owned subscription;
   ASSERT_EQ(Subscribe(*office, {}, snapshot, subscription).GetCode(), 0U);
-  EventReader reader;
+  EventReader reader(
+      [](const std::string&) { std::this_thread::sleep_for(std::chrono::microseconds(300)); });
   Go();
   std::thread finishing([this] { Finish(); });
   int cancelled = 0;
