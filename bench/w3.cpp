@@ -2,7 +2,8 @@
 //
 // Speeds are in bytes of the document. packet: the units as a sequence, each unit's bytes in
 // base64; words: fields of text, one a line behind their name and a tab, eight to an item. cold is
-// the first document of the process.
+// the first document of its kind; that of packet is also the first one of the process, that of
+// words finds the memory of packets.
 
 #include <cstdio>
 #include <cstdlib>

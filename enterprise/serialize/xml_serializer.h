@@ -28,9 +28,10 @@
 // The reader takes children in any order; the order in which they were written costs no search.
 // What it isn't asked for, such as traits, it skips. Of a value it looks at the text before the
 // first child. Integers, doubles and GUIDs are read like strtoull, strtoll and sscanf do: white
-// space and signs are taken, values wrap or are cut to their type, and what is no number is 0. A
-// text that is no GUID leaves the value as it was. 8-bit text keeps the low byte of each unit and
-// ends at the first 0. A version holds for the descendants, too, until one tells another.
+// space and signs are taken, and what is no number is 0. An integer beyond 64 bits becomes the
+// nearest one of 64 bits; then it is cut to its type, also to bits of another sign. A text that is
+// no GUID leaves the value as it was. 8-bit text keeps the low byte of each unit and ends at the
+// first 0. A version holds for the descendants, too, until one tells another.
 
 namespace Serialization {
 

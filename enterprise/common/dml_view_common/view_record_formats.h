@@ -17,8 +17,10 @@
 // The "Interest" of a TopicSpec, the "ID" of a Topic and each "item" of ViewUpdates tell version
 // and trait of their type. All other elements tell neither.
 //
-// Reading is tolerant: a field that is missing or malformed keeps its value, further ones are
-// skipped, and no version is looked at. What only goes to a service has no reader.
+// Reading is tolerant: a field that is missing keeps its value, and may cost the next one
+// (Binding::TryReadElement); one that is malformed stays as far as it was read, a text that is no
+// number as 0. Further fields are skipped, and no version is looked at. What only goes to a service
+// has no reader.
 
 namespace Serialization {
 

@@ -38,10 +38,11 @@ class JobHandler : public Common::NonCopyable {
 class Job : public Common::NonCopyable {
  public:
   virtual ~Job() = default;
-  // Runs the job to its end. The error is the final one: a failure of the transport, of reading the
-  // reply, or what the reply has as "result". `handler` is null.
+  // Runs the job to its end. The error is the final one: a failure of writing the request, of the
+  // transport, of reading the reply, or what the reply has as "result". `handler` is null.
   virtual Common::Error Run(JobHandler* handler) = 0;
-  // Lets the job run; `handler` is borrowed until OnFinished. After an error it is told nothing.
+  // Lets the job run; `handler` is borrowed until OnFinished. After an error it is told nothing. A
+  // failure of writing the request is such an error or comes by OnFailure.
   virtual Common::Error Start(JobHandler* handler) = 0;
   // Of a started job: it ends soon, by OnFinished as ever. Threads: any.
   virtual Common::Error Cancel() = 0;

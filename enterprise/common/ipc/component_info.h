@@ -31,7 +31,7 @@ class ComponentInfo : public Common::NonCopyable {
 };
 
 // Enters a component in place of an earlier one of its id. It is borrowed until the end of main.
-// Threads: any. Usable in static constructors of any order.
+// Threads: any, up to the end of main. Usable in static constructors of any order.
 void RegisterComponent(ComponentInfo* component);
 
 // The component of an id, null for none. Threads: any, up to the end of main: the registry goes at

@@ -36,8 +36,10 @@ void WriteElement(Serialization::Serializer& serializer, std::string name,
   Serialization::WriteSequence(serializer, values, Serialization::MetaInfo(std::move(name)));
 }
 
-// How replies are read. What can't be read, since it is missing or malformed, costs only itself:
-// the value stays as far as it was read, and nothing tells of it.
+// How replies are read. What can't be read leaves its value as far as it was read, and nothing
+// tells of it. What is malformed costs only itself. What is missing also uses up the child that
+// stands in its place, which a strict read that follows then misses; so does a search that follows
+// when that child was the last one.
 template <class T>
 void TryReadElement(Serialization::Deserializer& deserializer, Serialization::MetaInfo meta,
                     T& value) {
