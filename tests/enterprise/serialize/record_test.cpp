@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <utility>
@@ -139,6 +140,130 @@ TEST(Record, ScopesLetNothingOut) {
   EXPECT_EQ(trace.Errors()[0].code, kInconsistentCode);
   EXPECT_EQ(from->PeekMetaInfo().name, "c");
   EXPECT_EQ(CodeOf([&] { ElementReader(*from, MetaInfo("x")); }), kInconsistentCode);
+}
+
+TEST(Record, ScopesLetAnotherFailurePass) {
+  const TestSupport::TraceRecorder trace;
+  const std::unique_ptr<Deserializer> from = OpenElements("<a><b></b></a>");
+  const std::uint32_t code = CodeOf([&] {
+    const ElementReader a(*from, MetaInfo("a"));
+    from->BeginElement(MetaInfo("b"));
+    throw Common::Error(0x77, Common::LineTag());
+  });
+  EXPECT_EQ(code, 0x77u);
+  ASSERT_EQ(trace.Errors().size(), 1u);
+  EXPECT_EQ(trace.Errors()[0].code, kInconsistentCode);
+}
+
+// A writer and a reader that have forms of their own for containers and units and write down what
+// they are asked for.
+
+template <class Base>
+class LoggedCoder : public Base {
+ public:
+  std::string log;
+
+  void BeginElement(const MetaInfo& meta) override { log += "(" + meta.name + " "; }
+  void EndElement(const MetaInfo& meta) override { log += ")" + meta.name + " "; }
+  unsigned long long GetSubjectVersion() override { return 0; }
+
+ protected:
+  void Log(const MetaInfo& meta) { log += meta.name + " "; }
+};
+
+class AwareSerializer final : public LoggedCoder<Serializer>,
+                              public ContainerAwareSerializer,
+                              public Por::Serialization::PorAwareSerializer {
+ public:
+  AwareSerializer() {
+    RegisterInterface("PN13Serialization24ContainerAwareSerializerE",
+                      static_cast<ContainerAwareSerializer*>(this));
+    RegisterInterface("PN3Por13Serialization18PorAwareSerializerE",
+                      static_cast<Por::Serialization::PorAwareSerializer*>(this));
+  }
+
+  void WriteContainer(const MetaInfo& meta, ContainerIterator& iterator) override {
+    log += "[" + meta.name + " ";
+    for (; !iterator.IsAtEnd(); iterator.Next()) iterator.WriteCurrent(*this);
+    log += "] ";
+  }
+  void WriteUnit(const MetaInfo& meta, const Por::SharedUnit& unit) override {
+    log += "unit'" + meta.name + "' ";
+    units.push_back(unit);
+  }
+
+  void Write(const MetaInfo& meta, bool) override { Log(meta); }
+  void Write(const MetaInfo& meta, unsigned char) override { Log(meta); }
+  void Write(const MetaInfo& meta, const Common::Guid&) override { Log(meta); }
+  void Write(const MetaInfo& meta, const Common::Error&) override { Log(meta); }
+  void Write(const MetaInfo& meta, const Common::String&) override { Log(meta); }
+  void Write(const MetaInfo& meta, unsigned int) override { Log(meta); }
+  void Write(const MetaInfo& meta, double) override { Log(meta); }
+  void Write(const MetaInfo& meta, unsigned long long) override { Log(meta); }
+  void Write(const MetaInfo& meta, int) override { Log(meta); }
+  void Write(const MetaInfo& meta, long long) override { Log(meta); }
+  void Write(const MetaInfo& meta, const std::string&) override { Log(meta); }
+  void Write(const MetaInfo& meta, short) override { Log(meta); }
+  void Write(const MetaInfo& meta, unsigned short) override { Log(meta); }
+  void Write(const MetaInfo& meta, const std::vector<unsigned char>&) override { Log(meta); }
+  void Write(const MetaInfo& meta, const CountedBytes&) override { Log(meta); }
+  void Finish(std::vector<unsigned char>&) override {}
+  CountedBytes Finish() override { return {}; }
+  MetaInfo GetCurrentMetaInfo() override { return MetaInfo(); }
+  void SetSubjectVersion(unsigned long long) override {}
+
+  std::vector<Por::SharedUnit> units;
+};
+
+class AwareDeserializer final : public LoggedCoder<Deserializer>,
+                                public Por::Serialization::PorAwareDeserializer {
+ public:
+  explicit AwareDeserializer(Por::SharedUnit unit) : unit_(std::move(unit)) {
+    RegisterInterface("PN3Por13Serialization20PorAwareDeserializerE",
+                      static_cast<Por::Serialization::PorAwareDeserializer*>(this));
+  }
+
+  void ReadUnit(const MetaInfo& meta, Por::SharedUnit& unit) override {
+    log += "unit'" + meta.name + "' ";
+    unit = unit_;
+  }
+
+  void Read(const MetaInfo& meta, bool&) override { Log(meta); }
+  void Read(const MetaInfo& meta, unsigned char&) override { Log(meta); }
+  void Read(const MetaInfo& meta, Common::Guid&) override { Log(meta); }
+  void Read(const MetaInfo& meta, Common::Error&) override { Log(meta); }
+  void Read(const MetaInfo& meta, Common::String&) override { Log(meta); }
+  void Read(const MetaInfo& meta, unsigned int&) override { Log(meta); }
+  void Read(const MetaInfo& meta, double&) override { Log(meta); }
+  void Read(const MetaInfo& meta, unsigned long long&) override { Log(meta); }
+  void Read(const MetaInfo& meta, int&) override { Log(meta); }
+  void Read(const MetaInfo& meta, long long&) override { Log(meta); }
+  void Read(const MetaInfo& meta, std::string&) override { Log(meta); }
+  void Read(const MetaInfo& meta, short&) override { Log(meta); }
+  void Read(const MetaInfo& meta, unsigned short&) override { Log(meta); }
+  void Read(const MetaInfo& meta, std::vector<unsigned char>&) override { Log(meta); }
+  void Read(const MetaInfo& meta, CountedBytes&) override { Log(meta); }
+  MetaInfo PeekMetaInfo() override { return MetaInfo(); }
+
+ private:
+  const Por::SharedUnit unit_;
+};
+
+TEST(Record, LeavesContainersAndUnitsToWhomHasAFormForThem) {
+  const Por::SharedUnit unit = Por::Test::DWord(5);
+  AwareSerializer to;
+  WriteSequence(to, std::vector<Por::SharedUnit>{unit, nullptr}, MetaInfo("all"));
+  EXPECT_EQ(to.log, "[all (item unit'' )item (item unit'' )item ] ");
+  EXPECT_EQ(to.units, (std::vector<Por::SharedUnit>{unit, nullptr}));
+  to.log.clear();
+  WriteSequence(to, std::vector<Sample>{{1, {{2, {}}}}});
+  EXPECT_EQ(to.log, "[ (item id (parts [ (item id (parts [ ] )parts )item ] )parts )item ] ");
+
+  AwareDeserializer from(unit);
+  Por::SharedUnit read;
+  Por::Serialization::ReadUnit(from, read);
+  EXPECT_EQ(read, unit);
+  EXPECT_EQ(from.log, "unit'' ");
 }
 
 TEST(UnitSerializer, WritesTheseElements) {

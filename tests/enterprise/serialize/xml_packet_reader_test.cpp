@@ -262,8 +262,8 @@ TEST(XMLPacketReader, ReadsBase64) {
   EXPECT_FALSE(ReadText("Zm8", CountedBytes()).has_value());
 
   const Common::Error failure(5, Common::LineTag());
-  EXPECT_EQ(ReadText("", failure).value().GetCode(), 0u);
-  EXPECT_EQ(ReadText("AQ==", failure).value().GetCode(), 0u);
+  EXPECT_EQ(ReadText("", failure).value().GetRecord(), nullptr);
+  EXPECT_EQ(ReadText("AQ==", failure).value().GetRecord(), nullptr);
   EXPECT_FALSE(ReadText("AQ=", failure).has_value());
   const Common::Error error =
       ReadText("ARIAAAAAAAAAAAAAAHgAJG1vZHVsZQBBb2JqcHJvYmVfbHhhNjRfNDMyNjcAAA==", failure).value();

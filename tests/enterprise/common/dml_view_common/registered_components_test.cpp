@@ -39,11 +39,36 @@ TEST(RegisteredComponents, DescribeTheirInterfaces) {
       const Common::Error error = component->GetMethodInfo(index, record);
       EXPECT_EQ(error.GetCode(), 0xB9000Cu);
       EXPECT_STREQ(error.GetLineTag().file, expected.file);
+      EXPECT_STREQ(error.GetLineTag().function, "GetMethodInfo");
+      EXPECT_EQ(record.first, 7u);
+      EXPECT_EQ(record.second, 7u);
     }
   }
   MethodRecord record;
   EXPECT_EQ(FindComponent(274)->GetMethodInfo(4, record).GetLineTag().line, 40u);
   EXPECT_EQ(FindComponent(272), nullptr);
+}
+
+// Of no other interface's number.
+class FakeComponent final : public ComponentInfo {
+ public:
+  std::uint32_t GetComponentId() const override { return 272001; }
+  std::uint32_t GetFirstConstant() const override { return 1; }
+  Common::Error GetMethodInfo(int, MethodRecord&) const override { return Common::Error(); }
+  std::uint32_t GetVersion() const override { return 1; }
+  std::uint32_t GetSecondConstant() const override { return 1; }
+  std::uint32_t GetThirdConstant() const override { return 1; }
+};
+
+TEST(RegisteredComponents, AreReplacedByLaterOnesOfTheirNumber) {
+  static FakeComponent first;
+  static FakeComponent second;
+  RegisterComponent(&first);
+  EXPECT_EQ(FindComponent(272001), &first);
+  RegisterComponent(&second);
+  EXPECT_EQ(FindComponent(272001), &second);
+  RegisterComponent(&first);
+  EXPECT_EQ(FindComponent(272001), &first);
 }
 
 TEST(RegisteredComponents, AreEnteredAndFoundOnAnyThread) {

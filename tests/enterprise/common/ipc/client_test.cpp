@@ -14,6 +14,12 @@ std::string events;
 Common::Error init_error, browser_error, connect_error;
 const void* place = nullptr;  // of the access point, as the browser was asked for
 
+void Reset() {
+  events.clear();
+  init_error = browser_error = connect_error = Common::Error();
+  place = nullptr;
+}
+
 class LoggedBrowser final : public Binding::Browser {
  public:
   ~LoggedBrowser() override { events += "~browser "; }
@@ -62,7 +68,7 @@ namespace {
 
 TEST(Client, RunsForAScopeAndKeepsTheOutcomeOfItsStart) {
   for (const std::uint32_t code : {0u, 0xAD0001u}) {
-    events.clear();
+    Reset();
     init_error = Common::Error(code, Common::LineTag{});
     {
       const ScopedIPCClient client;
@@ -74,7 +80,7 @@ TEST(Client, RunsForAScopeAndKeepsTheOutcomeOfItsStart) {
 }
 
 TEST(Client, ConnectsThroughTheLocalBrowserAndReleasesIt) {
-  events.clear();
+  Reset();
   std::unique_ptr<AccessPoint> point;
   EXPECT_EQ(ConnectLocal(46, 0, point, WordPair()).GetRecord(), nullptr);
   EXPECT_EQ(events, "connect 46 ~browser ");

@@ -94,6 +94,35 @@ TEST(Request, TellsItsMethodAndGoesOutWithTheValuesOfItsMaking) {
   EXPECT_EQ(traces.Codes(), "1 0 123\n");
 }
 
+TEST(Request, ItsOwnReaderIsOfItsCategory) {
+  class Mixed final : public RequestBase {
+   public:
+    using RequestBase::RequestBase;
+    void WriteArguments(Serialization::Serializer& to) const override {
+      Serialization::MetaInfo of3("three");
+      of3.category = 3;
+      to.Write(of3, 1u);
+      to.Write(Serialization::MetaInfo("all"), 2u);
+    }
+    void ReadResults(Serialization::Deserializer&) override {}
+  };
+  MethodInfo method = TestMethod();
+  const struct {
+    std::uint64_t category;
+    const char* first;
+  } cases[] = {{method.category, "all"}, {4, "all"}, {3, "three"}, {0x100000003, "three"}};
+  for (const auto& expected : cases) {
+    method.category = expected.category;
+    const std::unique_ptr<Serialization::Deserializer> reader = Mixed(method).CreateDeserializer(0);
+    reader->BeginElement(Serialization::MetaInfo("request_I_M", true));
+    EXPECT_EQ(reader->PeekMetaInfo().name, expected.first);
+    unsigned int all = 0;
+    reader->Read(Serialization::MetaInfo("all"), all);
+    EXPECT_EQ(all, 2u);
+    EXPECT_EQ(reader->PeekMetaInfo().name, expected.first == std::string("all") ? "" : "all");
+  }
+}
+
 TEST(Request, ParametersTravelByTheirModes) {
   const std::string refusal =
       "Assertion failed: !\"Value is not encryptable but encyption was requested\", "
@@ -185,6 +214,15 @@ TEST(Request, ReadsResultsOnlyBehindASuccessfulResult) {
     from->Read(Serialization::MetaInfo("end"), end);
     EXPECT_TRUE(end);
   }
+  // No envelope, but one of another method.
+  unsigned int kept = 5;
+  const std::unique_ptr<Request> other = BuildRequest<unsigned int&>(TestMethod(), {"v"}, kept);
+  EXPECT_EQ(
+      CodeOf([&] {
+        other->ReadReply(*OpenElements("<reply_I_N><result>AQ==</result><v>8</v></reply_I_N>"));
+      }),
+      0x9C0002u);
+  EXPECT_EQ(kept, 5u);
   // Without variables, too, the "result" is read.
   const std::unique_ptr<Request> request = BuildRequest<unsigned int>(TestMethod(), {"v"}, 1u);
   request->ReadReply(*OpenElements(Reply("")));
