@@ -208,6 +208,7 @@ void ChangeFollower::ApplyChanges(ChangeLog& log, std::vector<Reading>& readings
       if (reading.failure.IsFailure()) continue;
       view.position.number = stored.number;
       view.position.total = stored.total;
+      view.position.stamp = stored.stamp;
     }
     reached = stored.number;
   }

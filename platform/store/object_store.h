@@ -29,7 +29,9 @@ struct StoredObject {
 struct ChangePosition {
   std::string store;     // tells the store from another one that takes its place
   long long number = 0;  // of the change before; 0 for none
-  long long total = 0;   // what the log says at that change: tells it from another of that number
+  // What the log says at that change: these tell it from another one of that number.
+  long long total = 0;
+  long long stamp = 0;
 };
 
 // A walk over objects, in the order in which they first came into the store. All of it sees the
@@ -48,6 +50,7 @@ class ObjectCursor : public Common::NonCopyable {
 struct StoredChange {
   long long number = 0;
   long long total = 0;
+  long long stamp = 0;
   long long object = 0;  // place in the store's order; a later object may get that of a deleted one
   Common::Guid id;
   bool has_before = false;

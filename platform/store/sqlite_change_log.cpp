@@ -48,26 +48,29 @@ ChangePosition GetLastPosition(SqliteDatabase& database, const std::string& iden
   ChangePosition position;
   position.store = identity;
   position.number = GetLastNumber(database);
-  SqliteStatement total(database, "SELECT total FROM changes ORDER BY number DESC LIMIT 1");
-  if (total.Step()) position.total = total.GetInteger(0);
+  SqliteStatement last(database, "SELECT total, stamp FROM changes ORDER BY number DESC LIMIT 1");
+  if (last.Step()) {
+    position.total = last.GetInteger(0);
+    position.stamp = last.GetInteger(1);
+  }
   return position;
 }
 
 struct SqliteChangeLog::Statements {
   explicit Statements(SqliteDatabase& database)
       : next(database,
-             "SELECT number, total - coalesce(length(before), 0) FROM changes"
+             "SELECT number, total - coalesce(length(before), 0), previous FROM changes"
              " WHERE number > ?1 ORDER BY number LIMIT 1"),
-        total(database, "SELECT total FROM changes WHERE number = ?1"),
+        known(database, "SELECT total, stamp FROM changes WHERE number = ?1"),
         list(database, "SELECT number, seq FROM changes WHERE number > ?1 ORDER BY number"),
         walk(database,
-             "SELECT number, kind, seq, id, total, before FROM changes"
+             "SELECT number, kind, seq, id, total, before, stamp, previous FROM changes"
              " WHERE number > ?1 ORDER BY number"),
         before(database, "SELECT kind, before FROM changes WHERE number = ?1"),
         object(database, "SELECT data FROM objects WHERE seq = ?1") {}
 
   SqliteStatement next;
-  SqliteStatement total;
+  SqliteStatement known;
   SqliteStatement list;
   SqliteStatement walk;
   SqliteStatement before;
@@ -77,7 +80,7 @@ struct SqliteChangeLog::Statements {
 SqliteChangeLog::SqliteChangeLog(std::unique_ptr<SqliteDatabase> database, std::string identity)
     : database_(std::move(database)),
       identity_(std::move(identity)),
-      last_(GetLastNumber(*database_)) {}
+      last_(GetLastPosition(*database_, identity_)) {}
 
 SqliteChangeLog::~SqliteChangeLog() = default;
 
@@ -85,27 +88,39 @@ void SqliteChangeLog::Check(const ChangePosition& position) {
   const auto refuse = [this](const std::string& reason, std::uint32_t line) {
     return MakeFileError(kSeekFailure, database_->GetPath(), reason, kSource.At("Check", line));
   };
+  const auto refuse_other = [&] {
+    return refuse("Another store has taken the store's place.", 40);
+  };
   if (position.store != identity_) throw refuse("Another file has taken the store's place.", 20);
-  if (position.number > last_) {
+  if (position.number > last_.number) {
     throw refuse("The store has gone back behind change " + std::to_string(position.number) + ".",
                  30);
   }
-  if (position.number == last_) return;
+  if (position.number == last_.number) {
+    if (position.total != last_.total || position.stamp != last_.stamp) throw refuse_other();
+    return;
+  }
   if (statements_ == nullptr) statements_ = std::make_unique<Statements>(*database_);
   SqliteStatement& next = statements_->next;
   next.Reset();
   next.Bind(1, position.number);
-  const long long oldest = next.Step() ? next.GetInteger(0) : last_ + 1;
+  const bool has_next = next.Step();
   const long long expected = position.number + 1;
-  if (oldest == expected && next.GetInteger(1) == position.total) return;
-  SqliteStatement& total = statements_->total;
-  total.Reset();
-  total.Bind(1, position.number);
-  const bool is_known = total.Step();
-  if (is_known && total.GetInteger(0) == position.total) ThrowCorrupted(expected);
-  if (is_known || oldest == expected) {
-    throw refuse("Another store has taken the store's place.", 40);
+  const bool leads_on = has_next && next.GetInteger(0) == expected;
+  if (leads_on && next.GetInteger(1) == position.total && next.GetInteger(2) == position.stamp) {
+    return;
   }
+  SqliteStatement& known = statements_->known;
+  known.Reset();
+  known.Bind(1, position.number);
+  const bool is_known = known.Step();
+  if (is_known && known.GetInteger(0) == position.total && known.GetInteger(1) == position.stamp) {
+    ThrowCorrupted(expected);
+  }
+  if (is_known || leads_on) throw refuse_other();
+  // The number may be any that lies in the file.
+  const auto oldest = has_next ? static_cast<unsigned long long>(next.GetInteger(0))
+                               : static_cast<unsigned long long>(last_.number) + 1;
   throw refuse("The reader has fallen behind: it waits for change " + std::to_string(expected) +
                    ", and the log begins with change " + std::to_string(oldest) + ".",
                50);
@@ -115,7 +130,8 @@ void SqliteChangeLog::Seek(const ChangePosition& position) {
   entries_.clear();
   place_ = 0;
   total_ = position.total;
-  if (position.number == last_) return;
+  stamp_ = position.stamp;
+  if (position.number == last_.number) return;
   if (statements_ == nullptr) statements_ = std::make_unique<Statements>(*database_);
   // What an object was after a change is what it was before its next one, so that is looked up
   // first, for all of them.
@@ -148,6 +164,8 @@ bool SqliteChangeLog::Next(StoredChange& change) {
   if (kind < 0 || kind > Dml::ViewManagement::kUpdateDeleted) ThrowCorrupted(entry.number);
   change.object = walk.GetInteger(2);
   change.total = walk.GetInteger(4);
+  change.stamp = walk.GetInteger(6);
+  if (walk.GetInteger(7) != stamp_) ThrowCorrupted(entry.number);
   std::size_t id_size = 0;
   const unsigned char* id = walk.GetBlob(3, id_size);
   if (id_size != change.id.bytes.size()) ThrowCorrupted(entry.number);
@@ -172,6 +190,7 @@ bool SqliteChangeLog::Next(StoredChange& change) {
     change.after = source.GetBlob(is_last ? 0 : 1, change.after_size);
   }
   total_ = change.total;
+  stamp_ = change.stamp;
   ++place_;
   return true;
 }

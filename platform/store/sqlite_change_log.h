@@ -24,7 +24,7 @@ class SqliteChangeLog final : public ChangeLog {
   SqliteChangeLog(std::unique_ptr<SqliteDatabase> database, std::string identity);
   ~SqliteChangeLog() override;
 
-  long long GetLast() const override { return last_; }
+  long long GetLast() const override { return last_.number; }
   void Check(const ChangePosition& position) override;
   void Seek(const ChangePosition& position) override;
   bool Next(StoredChange& change) override;
@@ -40,11 +40,13 @@ class SqliteChangeLog final : public ChangeLog {
 
   const std::unique_ptr<SqliteDatabase> database_;
   const std::string identity_;
-  long long last_ = 0;
+  const ChangePosition last_;
   std::unique_ptr<Statements> statements_;
   std::vector<Entry> entries_;  // from the place of the last Seek to the end
   std::size_t place_ = 0;
-  long long total_ = 0;  // of the change before `place_`
+  // Of the change before `place_`.
+  long long total_ = 0;
+  long long stamp_ = 0;
 };
 
 }  // namespace Platform::Store

@@ -14,7 +14,25 @@ long long ReadPragma(SqliteDatabase& database, const char* sql) {
   return statement.Step() ? statement.GetInteger(0) : 0;
 }
 
+bool IsFirstVersion(SqliteDatabase& database) {
+  return ReadPragma(database, "PRAGMA application_id") == kApplicationId &&
+         ReadPragma(database, "PRAGMA user_version") == 1;
+}
+
 }  // namespace
+
+void UpgradeSchema(SqliteDatabase& database) {
+  if (!IsFirstVersion(database)) return;
+  database.Execute("BEGIN IMMEDIATE");
+  // Another writer may have done it meanwhile.
+  if (IsFirstVersion(database)) {
+    database.Execute(
+        "ALTER TABLE changes ADD COLUMN stamp INTEGER NOT NULL DEFAULT 0;"
+        "ALTER TABLE changes ADD COLUMN previous INTEGER NOT NULL DEFAULT 0");
+    database.Execute(("PRAGMA user_version = " + std::to_string(kSchemaVersion)).c_str());
+  }
+  database.Execute("COMMIT");
+}
 
 void CheckSchema(SqliteDatabase& database) {
   if (ReadPragma(database, "PRAGMA application_id") != kApplicationId) {
@@ -25,7 +43,8 @@ void CheckSchema(SqliteDatabase& database) {
   if (version != kSchemaVersion) {
     throw MakeFileError(kUnsupportedFailure, database.GetPath(),
                         "The store has version " + std::to_string(version) +
-                            "; this program knows version " + std::to_string(kSchemaVersion) + ".",
+                            "; this program knows version " + std::to_string(kSchemaVersion) +
+                            (version == 1 ? ". Open it for writing once." : "."),
                         kSource.At("CheckSchema", 20));
   }
 }

@@ -1,6 +1,7 @@
 #include "platform/store/sqlite_store_writer.h"
 
 #include <fcntl.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -31,6 +32,8 @@ constexpr Common::SourceFile kSource{"platform/store/sqlite_store_writer"};
 constexpr long long kTrimStep = 1000;
 constexpr long long kTrimBytes = 1024 * 1024;
 constexpr std::chrono::milliseconds kPause{5};
+// No log comes to so many bytes. In one that says so they could run over.
+constexpr long long kImpossibleBytes = 1LL << 62;
 
 // - A log reaches the main file at the last close only, see read_only_vfs.h.
 // - The cache holds the index of identifications, which come in no order, for a million objects.
@@ -103,13 +106,16 @@ struct SqliteStoreWriter::Statements {
         add_is(database, "INSERT INTO object_is(value, seq) VALUES(?1, ?2)"),
         remove_is(database, "DELETE FROM object_is WHERE seq = ?1"),
         add_change(database,
-                   "INSERT INTO changes(kind, seq, id, total, before) VALUES(?1, ?2, ?3, ?4, ?5)"),
-        last_total(database, "SELECT total FROM changes ORDER BY number DESC LIMIT 1"),
+                   "INSERT INTO changes(kind, seq, id, total, before, stamp, previous)"
+                   " VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7)"),
+        last_change(database,
+                    "SELECT number, total, stamp FROM changes ORDER BY number DESC LIMIT 1"),
         remove_old(database,
-                   "DELETE FROM changes WHERE number <= (SELECT max(number) FROM changes) - ?1"),
+                   "DELETE FROM changes"
+                   " WHERE number <= min((SELECT max(number) FROM changes) - ?1, ?2)"),
         remove_oldest(database,
                       "DELETE FROM changes WHERE number = (SELECT min(number) FROM changes)"
-                      " AND total < ?1") {}
+                      " AND total < ?1 AND number <= ?2") {}
 
   SqliteStatement find;
   SqliteStatement insert;
@@ -118,7 +124,7 @@ struct SqliteStoreWriter::Statements {
   SqliteStatement add_is;
   SqliteStatement remove_is;
   SqliteStatement add_change;
-  SqliteStatement last_total;
+  SqliteStatement last_change;
   SqliteStatement remove_old;
   SqliteStatement remove_oldest;
 };
@@ -146,8 +152,9 @@ SqliteStoreWriter::SqliteStoreWriter(const std::string& path, unsigned int lock_
 
 void SqliteStoreWriter::Open() {
   auto database = SqliteDatabase::OpenForWriting(path_, {lock_wait_milliseconds_, nullptr});
-  CheckSchema(*database);
   database->Execute(kWriterPragmas);
+  UpgradeSchema(*database);
+  CheckSchema(*database);
   SwitchToLog(*database, lock_wait_milliseconds_);
   statements_ = std::make_unique<Statements>(*database);
   database_ = std::move(database);
@@ -179,8 +186,32 @@ void SqliteStoreWriter::Begin() {
     std::this_thread::sleep_for(kPause);
   }
   open_ = true;
-  change_bytes_ = statements_->last_total.Step() ? statements_->last_total.GetInteger(0) : 0;
-  statements_->last_total.Reset();
+  try {
+    BeginChanges();
+  } catch (const Common::Error&) {
+    database_->Execute("ROLLBACK");
+    open_ = false;
+    throw;
+  }
+}
+
+void SqliteStoreWriter::BeginChanges() {
+  SqliteStatement& last = statements_->last_change;
+  last_committed_ = change_bytes_ = previous_stamp_ = 0;
+  if (last.Step()) {
+    last_committed_ = last.GetInteger(0);
+    change_bytes_ = last.GetInteger(1);
+    previous_stamp_ = last.GetInteger(2);
+  }
+  last.Reset();
+  if (change_bytes_ < 0 || change_bytes_ >= kImpossibleBytes) {
+    throw MakeFileError(kCorruptedFailure, path_,
+                        "The log of changes holds an impossible number of bytes.",
+                        kSource.At("BeginChanges", 40));
+  }
+  if (::getrandom(&stamp_, sizeof stamp_, 0) != static_cast<ssize_t>(sizeof stamp_)) {
+    throw MakeSystemError(kWriteFailure, path_, errno, kSource.At("BeginChanges", 50));
+  }
 }
 
 void SqliteStoreWriter::Commit() {
@@ -291,7 +322,10 @@ void SqliteStoreWriter::AddChange(unsigned int kind, long long number, const Com
   } else {
     run.BindNull(5);
   }
+  run.Bind(6, stamp_);
+  run.Bind(7, previous_stamp_);
   run.Run();
+  previous_stamp_ = stamp_;
   ++untrimmed_changes_;
   untrimmed_bytes_ += bytes;
   if (untrimmed_changes_ >= kTrimStep || untrimmed_bytes_ >= kTrimBytes) TrimChanges();
@@ -301,9 +335,11 @@ void SqliteStoreWriter::TrimChanges() {
   if (untrimmed_changes_ == 0) return;
   SqliteStatement& by_number = statements_->remove_old;
   by_number.Bind(1, kMaxChanges);
+  by_number.Bind(2, last_committed_);
   by_number.Run();
   SqliteStatement& by_bytes = statements_->remove_oldest;
   by_bytes.Bind(1, change_bytes_ - kMaxChangeBytes);
+  by_bytes.Bind(2, last_committed_);
   do {
     by_bytes.Run();
   } while (database_->GetChangedRows() > 0);

@@ -20,7 +20,8 @@ class SqliteStoreWriter : public Common::NonCopyable {
   enum class Outcome { kUnchanged, kCreated, kUpdated };
 
   // The log of changes keeps at most so many, and behind the oldest of them at most so many bytes
-  // of what was there before.
+  // of what was there before, but in any case those of the last transaction: a reader that has seen
+  // all before it doesn't fall behind by its size.
   static constexpr long long kMaxChanges = 10000;
   static constexpr long long kMaxChangeBytes = 16 * 1024 * 1024;
 
@@ -62,6 +63,7 @@ class SqliteStoreWriter : public Common::NonCopyable {
   void Open();
   bool Find(const Common::Guid& id, long long& number, std::vector<unsigned char>& data);
 
+  void BeginChanges();
   void AddChange(unsigned int kind, long long number, const Common::Guid& id,
                  const unsigned char* before, std::size_t before_size);
   void AddIsKeys(long long number, const Por::View::Unit& object);
@@ -75,6 +77,9 @@ class SqliteStoreWriter : public Common::NonCopyable {
   std::vector<unsigned char> data_;    // kept between calls
   std::vector<unsigned char> before_;  // likewise
   long long change_bytes_ = 0;         // `total` of the last change
+  long long last_committed_ = 0;       // number of the last change before Begin
+  long long stamp_ = 0;                // of the transaction
+  long long previous_stamp_ = 0;       // of the last change
   long long untrimmed_changes_ = 0;
   long long untrimmed_bytes_ = 0;
   bool open_ = false;

@@ -76,7 +76,7 @@ TEST_F(StoreToolTest, ASmallStoreFromItsMakingToItsEnd) {
   EXPECT_EQ(Do({"create", store_}), "");
   EXPECT_EQ(Do({"list", store_}), "");
   EXPECT_EQ(Do({"stats", store_}),
-            "version\t1\nobjects\t0\nbytes\t0\nchanges\t0\nlast change\t0\n");
+            "version\t2\nobjects\t0\nbytes\t0\nchanges\t0\nlast change\t0\n");
   const std::string one = Write("one", kOne);
   const std::string both = Write("both", std::string(".Array()") + kTwo + kOne + ".End()");
   EXPECT_EQ(Do({"put", store_, one}), "00000001-0002-0003-0405-060708090A0B\n");
@@ -87,7 +87,7 @@ TEST_F(StoreToolTest, ASmallStoreFromItsMakingToItsEnd) {
             "00000001-0002-0003-0405-060708090A0B\tTask\t73\n"
             "00000002-0002-0003-0405-060708090A0B\tBig, Task\t113\n");
   EXPECT_EQ(Do({"stats", store_}),
-            "version\t1\nobjects\t2\nbytes\t186\nchanges\t2\nlast change\t2\n"
+            "version\t2\nobjects\t2\nbytes\t186\nchanges\t2\nlast change\t2\n"
             "type\tTask\t2\ntype\tBig\t1\ntype\tdword\t1\n");
   EXPECT_EQ(Do({"delete", store_, "00000001-0002-0003-0405-060708090a0b"}), "");
   EXPECT_EQ(Do({"list", store_}), "00000002-0002-0003-0405-060708090A0B\tBig, Task\t113\n");

@@ -152,14 +152,28 @@ TEST_F(StoreFile, BadStoresAreRefused) {
 
 TEST_F(StoreFile, OtherVersionsAreRefused) {
   StoreNumbered(1);
-  for (const char* version : {"2", "0"}) {
+  for (const char* version : {"3", "0"}) {
     Execute(path_, std::string("PRAGMA user_version = ") + version);
     const std::string words =
         std::string("The operation is not supported.\nThe store has version ") + version +
-        "; this program knows version 1.\n";
+        "; this program knows version 2.\n";
     ExpectRefused(path_, path_, 0x4000E, words);
     EXPECT_THROW(SqliteStoreWriter{path_}, Common::Error);
   }
+}
+
+TEST_F(StoreFile, AWriterBringsUpTheFirstVersion) {
+  StoreNumbered(2);
+  Execute(path_,
+          "ALTER TABLE changes DROP COLUMN stamp; ALTER TABLE changes DROP COLUMN previous;"
+          "PRAGMA user_version = 1");
+  ExpectRefused(path_, path_, 0x4000E,
+                "The operation is not supported.\nThe store has version 1; this program knows "
+                "version 2. Open it for writing once.\n");
+  Store({MakeObject(3, "Thing")});
+  EXPECT_EQ(Match(""), (std::vector<unsigned int>{1, 2, 3}));
+  EXPECT_EQ(Query(path_, "SELECT number, stamp = 0, previous = 0 FROM changes"),
+            "1|1|1\n2|1|1\n3|0|1\n");
 }
 
 TEST_F(StoreFile, DamagedPagesEndTheReport) {
@@ -513,22 +527,50 @@ TEST_F(StoreChanges, AreBoundedInNumber) {
     writer.Put(*Parse(MakeObject(i, "A")));
   }
   writer.Commit();
-  EXPECT_EQ(Query(path_, "SELECT count(*), min(number), max(number) FROM changes"),
-            "10000|1501|11500\n");
+  // A transaction's own changes stay until the next one.
+  const std::string query = "SELECT count(*), min(number), max(number) FROM changes";
+  EXPECT_EQ(Query(path_, query), "11500|1|11500\n");
+  writer.Begin();
+  writer.Put(*Parse(MakeObject(1, "B")));
+  writer.Commit();
+  EXPECT_EQ(Query(path_, query), "10000|1502|11501\n");
 }
 
 TEST_F(StoreChanges, AreBoundedInBytes) {
   SqliteStoreWriter::Create(path_);
   SqliteStoreWriter writer(path_);
   const std::string large(1 << 20, 'x');  // 2 MiB in its binary form
-  for (int i = 0; i < 24; ++i) {
-    writer.Begin();
+  const auto put = [&](int i) {
     writer.Put(*Parse(MakeObject(
         1, "A", ".Property(\"Text\").String(\"" + large + std::to_string(i) + "\").End()")));
+  };
+  for (int i = 0; i < 24; ++i) {
+    writer.Begin();
+    put(i);
     writer.Commit();
   }
   // Behind the oldest row there are less than 16 MiB: seven objects of a little more than 2 MiB.
   EXPECT_EQ(Query(path_, "SELECT count(*), max(number) FROM changes"), "8|24\n");
+  // A transaction's own changes stay until the next one.
+  writer.Begin();
+  for (int i = 24; i < 36; ++i) put(i);
+  writer.Commit();
+  EXPECT_EQ(Query(path_, "SELECT count(*), max(number) FROM changes"), "12|36\n");
+  writer.Begin();
+  put(36);
+  writer.Commit();
+  EXPECT_EQ(Query(path_, "SELECT count(*), max(number) FROM changes"), "8|37\n");
+}
+
+TEST_F(StoreChanges, NumbersOfDamagedStoresDoNotRunOver) {
+  StoreNumbered(2);
+  for (const char* total : {"9223372036854775807", "-1"}) {
+    Execute(path_, std::string("UPDATE changes SET total = ") + total);
+    SqliteStoreWriter writer(path_);
+    for (int i = 0; i < 2; ++i) {
+      EXPECT_EQ(Catch([&] { writer.Begin(); }).GetCode(), 0x4000DU) << total;
+    }
+  }
 }
 
 }  // namespace

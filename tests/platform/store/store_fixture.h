@@ -123,7 +123,7 @@ class LockHolder : public Common::NonCopyable {
     EXPECT_EQ(sqlite3_open(path.c_str(), &handle_), SQLITE_OK);
     EXPECT_EQ(sqlite3_exec(handle_,
                            "PRAGMA locking_mode = EXCLUSIVE; BEGIN IMMEDIATE;"
-                           "DELETE FROM changes; COMMIT",
+                           "UPDATE changes SET kind = kind; COMMIT",
                            nullptr, nullptr, nullptr),
               SQLITE_OK);
   }

@@ -731,6 +731,7 @@ TEST_F(StoreSubscribe, ALogThatContradictsItselfIsTold) {
       {"UPDATE changes SET kind = 7 WHERE number = 3", "at change 3"},
       {"UPDATE changes SET id = x'00' WHERE number = 3", "at change 3"},
       {"UPDATE changes SET total = 99 WHERE number = 3", "at change 3"},
+      {"UPDATE changes SET previous = previous + 1 WHERE number = 3", "at change 3"},
       {"UPDATE changes SET kind = 0 WHERE number = 4", "at change 3"},
       {"DELETE FROM objects WHERE seq = 3", "at change 4"}};
   for (const auto& [damage, place] : damages) {
@@ -787,6 +788,30 @@ TEST_F(StoreSubscribe, AStoreThatGoesOrIsReplacedIsTold) {
   subscription = Subscribe(*office);
   overwrite(other);
   ExpectRefused(*subscription, 0x40005, "Another store has taken the store's place.");
+  // One of the same number, or a later one, that has only grown, as this one has: a copy of that
+  // which is older, or one that has begun anew.
+  for (const bool is_copy : {true, false}) {
+    for (const int count : {4, 6}) {
+      std::filesystem::remove(path_);
+      StoreNumbered(3);
+      std::filesystem::copy_file(path_, older, std::filesystem::copy_options::overwrite_existing);
+      Store({MakeVersion(4, 1)});
+      subscription = Subscribe(*office);
+      if (is_copy) {
+        overwrite(older);
+      } else {
+        std::filesystem::remove(other);
+        SqliteStoreWriter::Create(other);
+        overwrite(other);
+      }
+      for (int i = is_copy ? 4 : 1; i <= count; ++i) Store({MakeVersion(i + 10, 1)});
+      ExpectRefused(*subscription, 0x40005, "Another store has taken the store's place.");
+    }
+  }
+  // One whose numbers are the last there are.
+  subscription = Subscribe(*office);
+  Execute(path_, "DELETE FROM changes; UPDATE sqlite_sequence SET seq = 9223372036854775807");
+  ExpectRefused(*subscription, 0x40005, "the log begins with change 9223372036854775808");
   // No store any more, then none at all.
   subscription = Subscribe(*office);
   std::filesystem::resize_file(path_, 20000);
