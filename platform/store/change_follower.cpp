@@ -5,6 +5,7 @@
 #include <new>
 #include <utility>
 
+#include "platform/store/file_codes.h"
 #include "platform/store/guarded_call.h"
 
 namespace Platform::Store {
@@ -142,7 +143,8 @@ bool ChangeFollower::Look() {
       has_more = ReadLog(*log, views);
     });
     if (stop_.load(std::memory_order_relaxed)) return false;
-    if (failure.IsFailure()) {
+    // A store that is locked, as by its last writer that moves the log, has nothing new yet.
+    if (failure.IsFailure() && failure.GetCode() != kLockFailure.code) {
       for (const View& view : views) {
         if (!view->HasOutcome()) view->SetFailure(failure);
       }

@@ -19,6 +19,7 @@ constexpr std::chrono::milliseconds kLogPause{60};
 constexpr std::chrono::milliseconds kSafetyPause{1000};
 // The least ratio of pauses to the cost of looks.
 constexpr int kPauseForCost = 40;
+constexpr std::chrono::seconds kLongestPause{10};
 
 long long ToNanoseconds(const timespec& time) {
   return time.tv_sec * kNanoseconds + time.tv_nsec;
@@ -62,7 +63,8 @@ std::unique_ptr<ChangeLog> SqliteChangeWatch::Look(bool always, const std::atomi
   if (!always && !has_moved && settled_ && stamps.main.number != 0) {
     const bool has_log = stamps.log.number != 0;
     const auto pause =
-        std::max<Clock::duration>(has_log ? kLogPause : kSafetyPause, kPauseForCost * cost_);
+        std::max<Clock::duration>(has_log ? kLogPause : kSafetyPause,
+                                  std::min<Clock::duration>(kPauseForCost * cost_, kLongestPause));
     if ((!has_log || now - moved_ > kCommitTime) && now - looked_ < pause) return nullptr;
   }
   if (has_moved) moved_ = now;

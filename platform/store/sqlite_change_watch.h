@@ -21,7 +21,8 @@ namespace Platform::Store {
 // - With a log it proves little, as a change becomes visible some time after it was written; mostly
 //   within kCommitTime, during which all looks are taken. Behind that, one every kLogPause.
 // - A log that no living process has open must be read whole by each look. Where that takes long,
-//   looks become rarer in proportion; the first writer that changes something moves the stamps.
+//   looks become rarer in proportion, up to one every kLongestPause; the first writer that changes
+//   something moves the stamps.
 class SqliteChangeWatch final : public ChangeWatch {
  public:
   explicit SqliteChangeWatch(const SqliteStore& store) : store_(store) {}

@@ -19,6 +19,7 @@ namespace Platform::Store {
 // - While a read waits another one is told 0xFC000C; the first goes on.
 // - Cancel of the job ends a read that waits with 0xF90002. One that is being delivered goes on to
 //   its end. No change is lost by it: the next read has it.
+// - While another program keeps the store locked a read waits on, for as long as that takes.
 // - A read that failed can be followed by another, which goes on where the last one ended. The
 //   store's failures are those of reading it; 0x40005 means that the changes can't be followed any
 //   further, see ChangeLog::Check: subscribe again.
