@@ -18,9 +18,13 @@ bool IsNil(const Por::View::Unit& unit) {
   return Por::Util::GetValueTypeIndex(unit) == Por::kNilIndex;
 }
 
-void AddTraits(Por::Construction::Unit& unit, const Por::View::Unit& source,
+constexpr char kKeyTrait[] = "PrimaryKey";
+
+// All of `source` but its key if `skips_key`.
+void AddTraits(Por::Construction::Unit& unit, const Por::View::Unit& source, bool skips_key,
                const Factory& factory) {
   auto add = Por::MakeProcessor<const Por::View::Trait>([&](const Por::View::Trait& trait) {
+    if (skips_key && trait.GetName() == kKeyTrait) return;
     Por::Util::AddTrait(unit, trait.GetName(), Por::Util::CopyUnit(trait.GetValue(), factory),
                         factory);
   });
@@ -31,7 +35,7 @@ void AddTraits(Por::Construction::Unit& unit, const Por::View::Unit& source,
 Por::OwnedUnit Replace(const Por::View::Unit& stored, const Por::View::Unit& given,
                        const Factory& factory) {
   Por::OwnedUnit result = Por::Util::CopyUnit(given, factory);
-  AddTraits(*result, stored, factory);
+  AddTraits(*result, stored, Por::Util::HasTrait(given, kKeyTrait), factory);
   return result;
 }
 
@@ -55,7 +59,8 @@ void ConsolidateProperty(Por::Construction::Unit& stored, const Por::View::Prope
 
 void ConsolidateComposites(Por::Construction::Unit& stored, const Por::View::Unit& given,
                            const Factory& factory) {
-  AddTraits(stored, given, factory);
+  if (Por::Util::HasTrait(given, kKeyTrait)) stored.GetTraits().Remove(kKeyTrait);
+  AddTraits(stored, given, false, factory);
   auto add = Por::MakeProcessor<const Por::View::Property>(
       [&](const Por::View::Property& property) { ConsolidateProperty(stored, property, factory); });
   Por::Util::Detail::VisitValue<Por::View::CompositeValue>(

@@ -225,6 +225,21 @@ TEST_F(StoreOperations, ConsolidationKeepsWhatOnlyOneSideKnows) {
   EXPECT_EQ(Match(Expand("{@Is='B'}")), (std::vector<unsigned int>{1}));
 }
 
+// The time stamp is no part of the identification: both are the same key.
+TEST_F(StoreOperations, ConsolidationLeavesOneKey) {
+  for (const std::string& form : {std::string("{@PrimaryKey={DmlTimeStamp=# ID=#7} X=# L=[]}"),
+                                  std::string("[@PrimaryKey={DmlTimeStamp=# ID=#7} #]")}) {
+    const auto make = [&](const std::string& number) {
+      return Expand(std::regex_replace(form, std::regex("#( |\\])"), "#" + number + "$1"));
+    };
+    std::filesystem::remove(path_);
+    Store({make("5")});
+    EXPECT_EQ(ApplyOne("StoreOrConsolidate", "Object=" + make("6")), "consolidated") << form;
+    EXPECT_TRUE(Holds(make("6"))) << form;
+    EXPECT_EQ(ApplyOne("StoreOrConsolidate", "Object=" + make("6")), "unchanged") << form;
+  }
+}
+
 TEST_F(StoreOperations, AnObjectThatCannotBeDecodedMatchesNothingAndIsNotChanged) {
   Store({MakeObject(1, "B"), MakeObject(2, "B")});
   Execute(path_, "UPDATE objects SET data = x'FF' WHERE seq = 1");
