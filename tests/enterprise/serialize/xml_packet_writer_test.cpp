@@ -22,11 +22,13 @@ std::size_t most_memory = std::numeric_limits<std::size_t>::max();
 
 }  // namespace
 
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
 extern "C" void* __real_realloc(void* block, std::size_t size);
 extern "C" void* __wrap_realloc(void* block, std::size_t size);
 void* __wrap_realloc(void* block, std::size_t size) {
   return size <= most_memory ? __real_realloc(block, size) : nullptr;
 }
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace Serialization {
 namespace {
