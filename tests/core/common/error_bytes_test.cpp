@@ -210,7 +210,7 @@ TEST(ErrorBytes, RepeatedNamesDoNotMultiplyARecord) {
   }
   for (const std::string& parameters :
        {"x\0A"s + value + "\0"s + again, "x\0A"s + value + "\0"s + list + "\0A\0"s,
-        "x\0A\0x\0W"s + value + "\0"s + again}) {
+        "x\0A"s + value + "\0x\0W\0"s + again, "x\0A\0x\0W"s + value + "\0"s + again}) {
     const Error error = LoadBytes("\1"s + good + RecordBytes(2, "\0"s + parameters + "\0"s) + good);
     EXPECT_EQ(CountRecords(error), 1u);
     // The four names of the good one print its one value.

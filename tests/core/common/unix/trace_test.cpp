@@ -78,7 +78,6 @@ TEST(Trace, RegistryRefusesASinkTwiceAndTellsWhenItIsFull) {
   EXPECT_FALSE(IsTraced(5));
 }
 
-// A sink may die as soon as it is taken out, whatever other threads trace.
 // Who takes a sink out waits for the threads in that sink, not for those in one that comes
 // meanwhile, and its place is not given away before.
 TEST(Trace, ASinkIsTakenOutThoughAnotherOneBlocks) {
@@ -136,6 +135,7 @@ TEST(TraceOfAnError, IsDroppedWithoutMemoryOrByASinkThatThrows) {
   Common::UnregisterTraceSink(sink);
 }
 
+// A sink may die as soon as it is taken out, whatever other threads trace.
 TEST(Trace, SinksComeAndGoWhileOthersTrace) {
   std::atomic<bool> stop{false};
   std::atomic<int> count{0};
