@@ -144,7 +144,7 @@ bool ChangeFollower::Look() {
     });
     if (stop_.load(std::memory_order_relaxed)) return false;
     // A store that is locked, as by its last writer that moves the log, has nothing new yet.
-    if (failure.IsFailure() && failure.GetCode() != kLockFailure.code) {
+    if (failure.IsFailure() && failure.GetCode() != Core::kFileLockFailure.code) {
       for (const View& view : views) {
         if (!view->HasOutcome()) view->SetFailure(failure);
       }

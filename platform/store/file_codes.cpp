@@ -9,23 +9,23 @@ FileFailure MapSystemFailure(int errnum, const FileFailure& fallback) {
     case EPERM:
     case EACCES:
     case ETXTBSY:
-      return kAccessFailure;
+      return Core::kFileAccessDenied;
     case ENOENT:
-      return kNotFoundFailure;
+      return Core::kFileNotFound;
     case ENOMEM:
-      return kMemoryFailure;
+      return Core::kFileNoMemory;
     case EBUSY:
     case ENODEV:
     case ENOMEDIUM:
-      return kNotReadyFailure;
+      return Core::kDriveNotReady;
     case EEXIST:
-      return kExistsFailure;
+      return Core::kFileExists;
     case ENOSPC:
-      return kDiskFullFailure;
+      return Core::kDiskFull;
     case EROFS:
-      return kReadOnlyFailure;
+      return Core::kFileReadOnly;
     case EOPNOTSUPP:
-      return kUnsupportedFailure;
+      return Core::kFileUnsupported;
     default:
       return fallback;
   }

@@ -28,7 +28,7 @@ std::unique_ptr<ObjectStore> OpenObjectStore(const Common::String& connection_st
   Common::ToUtf8(text, connection_string.data(), connection_string.size());
   std::string path = GetStorePath(text);
   if (connection_string.find(u'\0') != Common::String::npos) {
-    throw MakeFileError(kOpenFailure, path, "The path holds a zero character.",
+    throw MakeFileError(Core::kFileOpenFailure, path, "The path holds a zero character.",
                         kSource.At("OpenObjectStore", 10));
   }
   return std::make_unique<SqliteStore>(std::move(path));

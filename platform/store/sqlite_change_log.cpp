@@ -29,7 +29,7 @@ long long GetLastNumber(SqliteDatabase& database) {
 std::string IdentifyFile(const std::string& path) {
   struct statx status {};
   if (::statx(AT_FDCWD, path.c_str(), 0, STATX_INO | STATX_BTIME, &status) != 0) {
-    throw MakeSystemError(kOpenFailure, path, errno, kSource.At("IdentifyFile", 10));
+    throw MakeSystemError(Core::kFileOpenFailure, path, errno, kSource.At("IdentifyFile", 10));
   }
   // Numbers of removed files are given again; the birth time, where it is known, tells them apart.
   std::string identity;
@@ -86,7 +86,8 @@ SqliteChangeLog::~SqliteChangeLog() = default;
 
 void SqliteChangeLog::Check(const ChangePosition& position) {
   const auto refuse = [this](const std::string& reason, std::uint32_t line) {
-    return MakeFileError(kSeekFailure, database_->GetPath(), reason, kSource.At("Check", line));
+    return MakeFileError(Core::kFileSeekFailure, database_->GetPath(), reason,
+                         kSource.At("Check", line));
   };
   const auto refuse_other = [&] {
     return refuse("Another store has taken the store's place.", 40);
@@ -197,7 +198,7 @@ bool SqliteChangeLog::Next(StoredChange& change) {
 
 void SqliteChangeLog::ThrowCorrupted(long long number) const {
   throw MakeFileError(
-      kCorruptedFailure, database_->GetPath(),
+      Core::kFileCorrupted, database_->GetPath(),
       "The log of changes doesn't fit together at change " + std::to_string(number) + ".",
       kSource.At("ThrowCorrupted", 60));
 }

@@ -31,19 +31,19 @@ constexpr int kProgressSteps = 1000;
 void CheckFile(const std::string& path, bool writing) {
   struct stat status {};
   if (path.empty() || ::stat(path.c_str(), &status) != 0) {
-    throw MakeSystemError(kOpenFailure, path, path.empty() ? ENOENT : errno,
+    throw MakeSystemError(Core::kFileOpenFailure, path, path.empty() ? ENOENT : errno,
                           kSource.At("CheckFile", 10));
   }
   if (S_ISDIR(status.st_mode)) {
-    throw MakeSystemError(kOpenFailure, path, EISDIR, kSource.At("CheckFile", 20));
+    throw MakeSystemError(Core::kFileOpenFailure, path, EISDIR, kSource.At("CheckFile", 20));
   }
   if (!S_ISREG(status.st_mode)) {
-    throw MakeFileError(kOpenFailure, path, "This is no regular file.",
+    throw MakeFileError(Core::kFileOpenFailure, path, "This is no regular file.",
                         kSource.At("CheckFile", 30));
   }
   const int mode = writing ? R_OK | W_OK : R_OK;
   if (::faccessat(AT_FDCWD, path.c_str(), mode, AT_EACCESS) != 0) {
-    throw MakeSystemError(kOpenFailure, path, errno, kSource.At("CheckFile", 40));
+    throw MakeSystemError(Core::kFileOpenFailure, path, errno, kSource.At("CheckFile", 40));
   }
 }
 
@@ -133,7 +133,7 @@ int SqliteDatabase::OnProgress(void* self) {
 
 Common::Error SqliteDatabase::MakeError(int result) const {
   const Common::LineTag tag = kSource.At("MakeError", 60);
-  FileFailure failure = writing_ ? kWriteFailure : kReadFailure;
+  FileFailure failure = writing_ ? Core::kFileWriteFailure : Core::kFileReadFailure;
   switch (result & 0xFF) {
     case SQLITE_INTERRUPT:
       return Async::canceled_error.Get();
@@ -143,31 +143,31 @@ Common::Error SqliteDatabase::MakeError(int result) const {
       if (options_.stop != nullptr && options_.stop->load(std::memory_order_relaxed)) {
         return Async::canceled_error.Get();
       }
-      failure = kLockFailure;
+      failure = Core::kFileLockFailure;
       break;
     case SQLITE_CORRUPT:
     case SQLITE_NOTADB:
     case SQLITE_ERROR:  // what the schema promises is not there
     case SQLITE_SCHEMA:
-      failure = kCorruptedFailure;
+      failure = Core::kFileCorrupted;
       break;
     case SQLITE_READONLY:
-      failure = IsIndexUnfinished(result) && !writing_ ? kLockFailure
-                : result == SQLITE_READONLY_ROLLBACK   ? kRecoverFailure
-                                                       : kReadOnlyFailure;
+      failure = IsIndexUnfinished(result) && !writing_ ? Core::kFileLockFailure
+                : result == SQLITE_READONLY_ROLLBACK   ? Core::kFileRecoverFailure
+                                                       : Core::kFileReadOnly;
       break;
     case SQLITE_FULL:
-      failure = kDiskFullFailure;
+      failure = Core::kDiskFull;
       break;
     case SQLITE_NOMEM:
-      failure = kMemoryFailure;
+      failure = Core::kFileNoMemory;
       break;
     case SQLITE_PERM:
     case SQLITE_AUTH:
-      failure = kAccessFailure;
+      failure = Core::kFileAccessDenied;
       break;
     case SQLITE_CANTOPEN:
-      failure = kOpenFailure;
+      failure = Core::kFileOpenFailure;
       break;
     default:
       break;

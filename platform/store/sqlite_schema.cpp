@@ -36,12 +36,12 @@ void UpgradeSchema(SqliteDatabase& database) {
 
 void CheckSchema(SqliteDatabase& database) {
   if (ReadPragma(database, "PRAGMA application_id") != kApplicationId) {
-    throw MakeFileError(kOpenFailure, database.GetPath(), "The database is not an object store.",
-                        kSource.At("CheckSchema", 10));
+    throw MakeFileError(Core::kFileOpenFailure, database.GetPath(),
+                        "The database is not an object store.", kSource.At("CheckSchema", 10));
   }
   const long long version = ReadPragma(database, "PRAGMA user_version");
   if (version != kSchemaVersion) {
-    throw MakeFileError(kUnsupportedFailure, database.GetPath(),
+    throw MakeFileError(Core::kFileUnsupported, database.GetPath(),
                         "The store has version " + std::to_string(version) +
                             "; this program knows version " + std::to_string(kSchemaVersion) +
                             (version == 1 ? ". Open it for writing once." : "."),

@@ -74,8 +74,8 @@ std::unique_ptr<SqliteDatabase> SqliteStore::Open(const std::atomic<bool>* stop,
       // What lay there before the opening and behind it is what was opened.
       if (identity == nullptr || *identity == IdentifyFile(path_)) return database;
       if (Clock::now() >= end) {
-        throw MakeFileError(kOpenFailure, path_, "The file was replaced while it was opened.",
-                            kSource.At("Open", 10));
+        throw MakeFileError(Core::kFileOpenFailure, path_,
+                            "The file was replaced while it was opened.", kSource.At("Open", 10));
       }
     } catch (const Common::Error&) {
       if (!database->MetUnfinishedFiles() || Clock::now() >= end) throw;

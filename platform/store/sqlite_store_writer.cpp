@@ -59,7 +59,7 @@ bool TakeFile(const std::string& path) {
     const std::filesystem::path real = std::filesystem::canonical(path, ignored);
     if (::access((real.native() + "-journal").c_str(), F_OK) == 0) return true;
   }
-  throw MakeSystemError(kCreateFailure, path, errnum, kSource.At("TakeFile", 10));
+  throw MakeSystemError(Core::kFileCreateFailure, path, errnum, kSource.At("TakeFile", 10));
 }
 
 // Waits for others itself: SQLite gives up at once when this meets a reader.
@@ -71,7 +71,7 @@ void SwitchToLog(SqliteDatabase& database, unsigned int lock_wait_milliseconds) 
       database.Execute("PRAGMA journal_mode = WAL");
       return;
     } catch (const Common::Error& error) {
-      if (error.GetCode() != kLockFailure.code || Clock::now() >= end) throw;
+      if (error.GetCode() != Core::kFileLockFailure.code || Clock::now() >= end) throw;
     }
     std::this_thread::sleep_for(kPause);
   }
@@ -85,7 +85,7 @@ void MakeTables(const std::string& path) {
   {
     SqliteStatement version(*database, "PRAGMA schema_version");
     if (version.Step() && version.GetInteger(0) != 0) {
-      throw MakeSystemError(kCreateFailure, path, EEXIST, kSource.At("MakeTables", 20));
+      throw MakeSystemError(Core::kFileCreateFailure, path, EEXIST, kSource.At("MakeTables", 20));
     }
   }
   database->Execute(kCreateTables);
@@ -138,10 +138,10 @@ void SqliteStoreWriter::Create(const std::string& path) {
     // Beside a journal these tell that something of others lies there; all else is a failure of its
     // own.
     const std::uint32_t code = error.GetCode();
-    const bool is_taken =
-        code == kOpenFailure.code || code == kCorruptedFailure.code || code == kLockFailure.code;
+    const bool is_taken = code == Core::kFileOpenFailure.code ||
+                          code == Core::kFileCorrupted.code || code == Core::kFileLockFailure.code;
     if (!has_journal || !is_taken) throw;
-    throw MakeSystemError(kCreateFailure, path, EEXIST, kSource.At("Create", 30));
+    throw MakeSystemError(Core::kFileCreateFailure, path, EEXIST, kSource.At("Create", 30));
   }
 }
 
@@ -205,12 +205,12 @@ void SqliteStoreWriter::BeginChanges() {
   }
   last.Reset();
   if (change_bytes_ < 0 || change_bytes_ >= kImpossibleBytes) {
-    throw MakeFileError(kCorruptedFailure, path_,
+    throw MakeFileError(Core::kFileCorrupted, path_,
                         "The log of changes holds an impossible number of bytes.",
                         kSource.At("BeginChanges", 40));
   }
   if (::getrandom(&stamp_, sizeof stamp_, 0) != static_cast<ssize_t>(sizeof stamp_)) {
-    throw MakeSystemError(kWriteFailure, path_, errno, kSource.At("BeginChanges", 50));
+    throw MakeSystemError(Core::kFileWriteFailure, path_, errno, kSource.At("BeginChanges", 50));
   }
 }
 

@@ -70,7 +70,7 @@ class StorePostOffice final : public Dml::PostOffice {
     } catch (const Common::Error& failure) {
       error = failure;
     } catch (const std::system_error& failure) {
-      error = MakeSystemError(kReadFailure, store_->GetPath(), failure.code().value(),
+      error = MakeSystemError(Core::kFileReadFailure, store_->GetPath(), failure.code().value(),
                               kSource.At("Start", 20));
     } catch (const std::bad_alloc&) {
       error = Common::Error::OutOfMemory();

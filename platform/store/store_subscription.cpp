@@ -69,8 +69,8 @@ std::shared_ptr<Async::Job> StoreSubscription::Read(Dml::SubscriptionReader& rea
                             Common::GetMessageText(Common::MessageRow::DmlDisposedObject),
                             kSource.At("Read", 30));
   } catch (const std::system_error& error) {
-    failure = MakeSystemError(kReadFailure, follower->GetStore().GetPath(), error.code().value(),
-                              kSource.At("Read", 40));
+    failure = MakeSystemError(Core::kFileReadFailure, follower->GetStore().GetPath(),
+                              error.code().value(), kSource.At("Read", 40));
   } catch (const std::bad_alloc&) {
     failure = Common::Error::OutOfMemory();
   }

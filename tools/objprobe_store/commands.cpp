@@ -42,7 +42,7 @@ constexpr std::size_t kReadSize = 1 << 20;
 std::vector<unsigned char> ReadFile(const std::string& path) {
   const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (descriptor < 0) {
-    throw Platform::Store::MakeSystemError(Platform::Store::kOpenFailure, path, errno,
+    throw Platform::Store::MakeSystemError(Core::kFileOpenFailure, path, errno,
                                            kSource.At("ReadFile", 10));
   }
   std::vector<unsigned char> bytes;
@@ -58,7 +58,7 @@ std::vector<unsigned char> ReadFile(const std::string& path) {
   const int errnum = errno;
   Common::SafeClose(descriptor);
   if (count < 0) {
-    throw Platform::Store::MakeSystemError(Platform::Store::kReadFailure, path, errnum,
+    throw Platform::Store::MakeSystemError(Core::kFileReadFailure, path, errnum,
                                            kSource.At("ReadFile", 20));
   }
   bytes.resize(size);
