@@ -11,9 +11,9 @@
 #include "core/common/error.h"
 #include "core/common/non_copyable.h"
 
-// The serving end of the transport (docs/transport.md): what a service program hands in, and what it
-// gets. All callbacks come on threads of the elastic pool, never on the one that does the input and
-// output, so that each of them may block.
+// The serving end of the transport (docs/transport.md): what a service program hands in, and what
+// it gets. All callbacks come on threads of the elastic pool, never on the one that does the input
+// and output, so that each of them may block.
 
 namespace Platform::Ipc {
 
