@@ -77,8 +77,9 @@ void BasicMetronomeListener<Atomics>::FinishWait() {
     former = state_;
     state_ = kStateFinished;
   }
-  // Without a waiting Stop the owner may destroy the listener from here on.
-  if (former == kStateWorking || former == kStateIdle) return;
+  // Without a waiting Stop the owner may destroy the listener from here on. A metronome that tells
+  // twice finds no Stop either.
+  if (former <= kStateFinished) return;
   reinterpret_cast<SharedEvent*>(former)->event.Set();
 }
 

@@ -430,7 +430,7 @@ TEST_F(SequenceInterleavings, CancelOfALoopThatIsHandedOver) {
 #else
 
 TEST(PlantedFaultDeathTest, AStopThatDoesNotWaitForTheTickIsFound) {
-  ExpectFound<ListenerScenario>(PlantedFault::kFinishBeforeTick, "something is used behind its end",
+  ExpectFound<ListenerScenario>(PlantedFault::kFinishBeforeTick, "broken: no tick runs behind Stop",
                                 ListenerSituation{kIgnores, false});
 }
 
