@@ -153,8 +153,7 @@ void ImportFile(Change& change, const std::string& file, Progress& progress) {
 void RefuseFileOfStore(const std::string& store, const std::string& file) {
   std::error_code ignored;  // what can't be looked at is told when it is opened
   const std::filesystem::path real =
-      std::filesystem::canonical(Platform::Store::GetStorePath(store), ignored);
-  if (real.empty()) return;
+      std::filesystem::weakly_canonical(Platform::Store::GetStorePath(store), ignored);
   for (const char* ending : {"", "-wal", "-shm"}) {
     if (std::filesystem::equivalent(real.native() + ending, file, ignored)) {
       throw CommandFailure(file + ": The file belongs to the store itself.");
