@@ -10,7 +10,7 @@ namespace Dml::ViewManagement {
 
 // Calls the view manager of a service: each operation sends its request and blocks until its end;
 // its failure is that of the call (enterprise/common/ipc/call.h). Each call stands for itself.
-// Threads: any; that of a call must not be one that the library needs for its end.
+// Threads: any.
 class ViewManager_Proxy final : public ViewManager {
  public:
   // Not null.

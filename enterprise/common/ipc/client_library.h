@@ -10,12 +10,13 @@
 #include "enterprise/common/ipc/request.h"
 
 // Port: what this program calls of the IPC client library, which reaches the services, and what the
-// library calls back. Failures are values of Common::Error; nothing here throws one.
+// library calls back. Failures are values of Common::Error; nothing here throws one, and what a
+// request throws, be it no Common::Error, is a failure of its job. Nothing comes out of a handler.
 
 namespace JobManagement {
 
-// Is told how a started job goes, on a thread of the library, one call after the other. Nothing
-// comes behind OnFinished, in which the handler may delete the job.
+// Is told how a started job goes, on a thread of the library, one call after the other, perhaps
+// before Start has returned. A handler may block, and make calls of its own and wait for them.
 class JobHandler : public Common::NonCopyable {
  public:
   virtual ~JobHandler() = default;
@@ -24,7 +25,9 @@ class JobHandler : public Common::NonCopyable {
   // Nobody here has a use for the four that do nothing.
   virtual void OnReserved1() {}
   virtual void OnReserved2() {}
-  // Once, behind OnSuccess or OnFailure.
+  // Once, behind OnSuccess or OnFailure, when the request is no longer in use. From the beginning
+  // of this call on, the library touches neither job nor handler, request or access point any more:
+  // they may be deleted on any thread, before this call or Start has returned.
   virtual void OnFinished() = 0;
   virtual void OnReserved3() {}
   virtual void OnReserved4() {}
@@ -34,17 +37,21 @@ class JobHandler : public Common::NonCopyable {
 };
 
 // Carries one request: writes its packet and lets it read the reply. Used once. Deleting it is
-// allowed before it was started and behind its end.
+// allowed before it was started and from its OnFinished on.
 class Job : public Common::NonCopyable {
  public:
   virtual ~Job() = default;
   // Runs the job to its end. The error is the final one: a failure of writing the request, of the
-  // transport, of reading the reply, or what the reply has as "result". `handler` is null.
+  // transport, of reading the reply, or what the reply has as "result". `handler` is null. Any
+  // thread will do, those of the library's own callbacks included. Fails when the service, though
+  // it lives, doesn't answer within a minute: what takes longer by its nature is started.
   virtual Common::Error Run(JobHandler* handler) = 0;
   // Lets the job run; `handler` is borrowed until OnFinished. After an error it is told nothing. A
   // failure of writing the request is such an error or comes by OnFailure.
   virtual Common::Error Start(JobHandler* handler) = 0;
-  // Of a started job: it ends soon, by OnFinished as ever. Threads: any.
+  // A started job ends soon, by OnFinished as ever, perhaps inside this call; the request is out of
+  // use by then, as always. Before Start it makes Start fail, behind the end it does nothing. It
+  // doesn't wait for the handler. Threads: any.
   virtual Common::Error Cancel() = 0;
 };
 
@@ -61,7 +68,7 @@ class AccessPoint : public Common::NonCopyable {
   // and must go before the access point.
   virtual Common::Error CreateJob(std::unique_ptr<Request> request,
                                   std::unique_ptr<JobManagement::Job>& job) = 0;
-  // The same as long as the connection is the same.
+  // The same as long as the connection is the same, which a lost one remains.
   virtual std::uint32_t GetConnectionKey() = 0;
   // The version of the interface with the number `component_id`. What `further` gets isn't used.
   virtual Common::Error GetInterfaceVersion(std::uint32_t component_id, std::uint32_t& version,
@@ -78,7 +85,7 @@ struct WordPair {
 class Browser : public Common::NonCopyable {
  public:
   virtual ~Browser() = default;
-  // `reserved` is 0. The access point may outlive the browser.
+  // `reserved` is 0. Fills `access_point`, except when it fails; it may outlive the browser.
   virtual Common::Error Connect(unsigned int service_id, unsigned int reserved,
                                 std::unique_ptr<AccessPoint>& access_point,
                                 const WordPair& pair) = 0;
@@ -86,7 +93,7 @@ class Browser : public Common::NonCopyable {
 
 // Where to bind to, and as whom.
 struct ConnectionRecord {
-  std::string host;
+  std::string host;  // "name", "name:port" or "[address]:port"
   Common::String user;
   Common::String password;
   Common::String reserved;  // empty
@@ -95,7 +102,7 @@ struct ConnectionRecord {
 class Binder : public Common::NonCopyable {
  public:
   virtual ~Binder() = default;
-  // The browser may outlive the binder.
+  // Fills `browser`, except when it fails; it may outlive the binder.
   virtual Common::Error Bind(const ConnectionRecord& record, std::unique_ptr<Browser>& browser) = 0;
 };
 
@@ -105,8 +112,9 @@ class Binder : public Common::NonCopyable {
 
 // Starts the library, its threads included; on the main thread, before anything else of it.
 void IPCClient_Init(unsigned int reserved, Common::Error& error);
-// Stops the library, also behind a start that failed. No callback runs when it has returned.
-// All jobs and access points are gone by then.
+// Stops the library, also behind a start that failed; not on a thread of it. The caller has no job,
+// access point, browser or binder left. Callbacks that are under way may have: it returns when they
+// have returned and let go.
 void IPCClient_Deinit(Common::Error& error);
 // Never null.
 std::unique_ptr<Binding::Binder> IPCClient_CreateBinder();

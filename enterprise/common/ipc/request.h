@@ -36,15 +36,15 @@ class Request : public Common::DynamicCasterImpl {
   virtual PropertyMap GetProperties() const = 0;
   // As the client knows the interface.
   virtual std::uint64_t GetInterfaceVersion() const = 0;
-  // Writes the element that is the request. Throws Common::Error of a value that can't be written;
-  // the packet is of no use then.
+  // Writes the element that is the request. Throws Common::Error of a value that can't be written,
+  // or std::bad_alloc; the packet is of no use then.
   virtual void Serialize(Serialization::Serializer& serializer) const = 0;
   // Reads the element that is the reply and stores its results, if its "result" is success, in the
   // variables of the caller, which must be there until the call has ended. A result that is missing
   // or malformed leaves its variable as far as it was read, and nothing tells of it; one that is
   // missing may cost those behind it, too (TryReadElement).
-  // Throws Common::Error of the deserializer when there is no reply or no readable "result". The
-  // "result" itself goes no further: the carrier reads it on its own.
+  // Throws Common::Error of the deserializer when there is no reply or no readable "result", and
+  // std::bad_alloc. The "result" itself goes no further: the carrier reads it on its own.
   virtual void ReadReply(Serialization::Deserializer& deserializer) = 0;
 };
 
