@@ -1,6 +1,5 @@
 #include "platform/store/store_subscription.h"
 
-#include <cstdint>
 #include <new>
 #include <optional>
 #include <system_error>
@@ -10,6 +9,7 @@
 #include "core/common/line_tag.h"
 #include "core/common/message_table.h"
 #include "enterprise/common/async/async_error.h"
+#include "enterprise/common/dml/dml_codes.h"
 #include "platform/store/file_codes.h"
 
 namespace Platform::Store {
@@ -17,10 +17,6 @@ namespace Platform::Store {
 namespace {
 
 constexpr Common::SourceFile kSource{"platform/store/store_subscription"};
-
-constexpr std::uint32_t kViewClosing = 0xFC000B;
-constexpr std::uint32_t kAlreadyRunning = 0xFC000C;
-constexpr std::uint32_t kDisposedObject = 0xFC0017;
 
 // One read.
 class ReadJob final : public Async::BaseJob {
@@ -37,7 +33,7 @@ class ReadJob final : public Async::BaseJob {
 }  // namespace
 
 Common::Error MakeClosingError() {
-  return {kViewClosing, Common::GetMessageText(Common::MessageRow::DmlViewClosing),
+  return {Dml::kViewClosingCode, Common::GetMessageText(Common::MessageRow::DmlViewClosing),
           kSource.At("MakeClosingError", 10)};
 }
 
@@ -56,7 +52,7 @@ std::shared_ptr<Async::Job> StoreSubscription::Read(Dml::SubscriptionReader& rea
   const std::shared_ptr<FollowedView> view = view_;
   const std::optional<std::uint64_t> number = view->Begin(reader, handler);
   if (!number) {
-    handler.Completed({kAlreadyRunning,
+    handler.Completed({Dml::kAlreadyRunningCode,
                        Common::GetMessageText(Common::MessageRow::DmlAlreadyRunning),
                        kSource.At("Read", 20)});
     return nullptr;
@@ -65,7 +61,7 @@ std::shared_ptr<Async::Job> StoreSubscription::Read(Dml::SubscriptionReader& rea
   try {
     auto job = std::make_shared<ReadJob>(view, *number);
     if (follower->Serve(view)) return job;
-    failure = Common::Error(kDisposedObject,
+    failure = Common::Error(Dml::kDisposedObjectCode,
                             Common::GetMessageText(Common::MessageRow::DmlDisposedObject),
                             kSource.At("Read", 30));
   } catch (const std::system_error& error) {

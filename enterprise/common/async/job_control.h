@@ -22,6 +22,8 @@ namespace Async {
 struct ThreadAtomics {
   using Word = std::atomic<std::uintptr_t>;
   using Counter = std::atomic<std::uintptr_t>;
+  template <class T>
+  using Pointer = std::atomic<T*>;
   using Mutex = Common::Mutex;
   using MutexLock = Common::MutexLock;
   using StaticMutex = Common::StaticMutex;

@@ -1,5 +1,7 @@
 #include "enterprise/common/dml/safe_invoke.h"
 
+#include <utility>
+
 #include "core/common/line_tag.h"
 #include "core/common/message_table.h"
 #include "core/common/trace.h"
@@ -11,16 +13,6 @@ namespace {
 
 constexpr Common::SourceFile kSource{"enterprise/common/dml/safe_invoke"};
 
-// Units that came from outside may be null.
-const Por::View::Unit& NotNull(const Por::SharedUnit& unit) {
-  if (unit == nullptr) {
-    throw Por::ModuleError(Por::kPorNullUnit,
-                           Common::GetMessageText(Common::MessageRow::PorNullUnit),
-                           kSource.At("NotNull", 20));
-  }
-  return *unit;
-}
-
 }  // namespace
 
 void GetBaseError(const Common::Error& error) {
@@ -28,6 +20,19 @@ void GetBaseError(const Common::Error& error) {
                         kSource.At("GetBaseError", 40));
   wrapped.SetReason(error);
   Common::Trace(Common::kTraceDebug, wrapped);
+}
+
+void TellHandler(Async::ActionHandler& handler, Common::Error result) {
+  SafeInvoke([&] { handler.Completed(std::move(result)); });
+}
+
+const Por::View::Unit& NotNull(const Por::SharedUnit& unit) {
+  if (unit == nullptr) {
+    throw Por::ModuleError(Por::kPorNullUnit,
+                           Common::GetMessageText(Common::MessageRow::PorNullUnit),
+                           kSource.At("NotNull", 20));
+  }
+  return *unit;
 }
 
 void ReadObjects(const std::vector<Por::SharedUnit>& units, ReportReader& reader) {

@@ -4,11 +4,13 @@
 #include <vector>
 
 #include "core/common/error.h"
+#include "enterprise/common/async/action.h"
 #include "enterprise/common/dml/reader.h"
 #include "enterprise/common/dml_view_common/view_records.h"
 
-// Calls into readers. A reader never ends a report or a subscription by raising: a Common::Error
-// out of a call is traced and dropped, and the next object follows. Other exceptions pass through.
+// Calls into readers and handlers. A reader never ends a report or a subscription by raising: a
+// Common::Error out of a call is traced and dropped, and the next object follows. Other exceptions
+// pass through.
 
 namespace Dml {
 
@@ -27,6 +29,12 @@ void SafeInvoke(Function&& call) {
     GetBaseError(error);
   }
 }
+
+// Tells `handler` the end, under the rule above. It may destroy whatever it was called from.
+void TellHandler(Async::ActionHandler& handler, Common::Error result);
+
+// The unit. Throws ModuleError 0xFA000B for none: units that came from outside may be null.
+const Por::View::Unit& NotNull(const Por::SharedUnit& unit);
 
 // Calls Read for each unit in order. A null unit counts as an object whose reader raised.
 void ReadObjects(const std::vector<Por::SharedUnit>& units, ReportReader& reader);

@@ -13,6 +13,7 @@
 #include "enterprise/common/async/action_sequence.h"
 #include "enterprise/common/async/async_error.h"
 #include "enterprise/common/async/job_control.h"
+#include "enterprise/common/dml/dml_codes.h"
 #include "enterprise/common/dml/read_actions.h"
 #include "enterprise/common/por/unit_operations.h"
 
@@ -22,7 +23,6 @@ namespace {
 
 constexpr Common::SourceFile kSource{"enterprise/common/dml/subscribe_without_report"};
 
-constexpr std::uint32_t kDisposedObject = 0xFC0017;
 // Raised by nothing here; it only selects the level of the trace.
 constexpr std::uint32_t kIgnoredCallbackCode = 0xF90017;
 
@@ -80,7 +80,7 @@ std::shared_ptr<Async::Job> DecoratedSubscription::Read(SubscriptionReader& read
       return job;
     }
     release.handler = nullptr;
-    Completed(Common::Error(kDisposedObject,
+    Completed(Common::Error(kDisposedObjectCode,
                             Common::GetMessageText(Common::MessageRow::DmlDisposedObject),
                             kSource.At("Read", 100)));
     return nullptr;

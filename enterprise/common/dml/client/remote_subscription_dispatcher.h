@@ -46,8 +46,8 @@ class RemoteSubscriptionDispatcher final : public Consumer {
   std::unique_ptr<RemoteChannel> CreateChannel(std::uint32_t number);
   // Ends the transmission whoever else holds the dispatcher: waits until the pull has ended, whose
   // cancel the channels are told, or 0xFC000B if none was in flight; then unsubscribes. Later calls
-  // and the destructor do nothing. Not on the thread of a pull, in a reader or handler that it
-  // calls, where it would wait for itself, nor while EnsureTransmission runs.
+  // and the destructor do nothing. Neither on the thread of a pull, in a reader or handler
+  // that it calls, where it would wait for itself, nor while EnsureTransmission runs.
   void End();
 
   void Consume(const std::vector<ViewManagement::ViewUpdate>& records) override;
@@ -60,14 +60,16 @@ class RemoteSubscriptionDispatcher final : public Consumer {
     std::weak_ptr<InMemoryUpdateCache> cache;
   };
 
-  // Under the mutex: the channel's entry and its cache, made if there is none.
-  std::shared_ptr<InMemoryUpdateCache> FindCache(std::uint32_t number, Channel*& channel);
+  // Under the mutex: the channel's entry and its cache, both made if there is none.
+  Channel& FindChannel(std::uint32_t number, std::shared_ptr<InMemoryUpdateCache>& cache);
   std::shared_ptr<InMemoryUpdateCache> FindCache(std::uint32_t number);
-  void Deliver(std::uint32_t number, std::vector<ViewManagement::ViewUpdate>& records);
+  void RemoveChannel(std::uint32_t number);
+  // Leaves `run` empty. No records are no delivery.
+  void Deliver(std::uint32_t number, std::vector<ViewManagement::ViewUpdate>& run);
 
   const std::shared_ptr<Binding::AccessPoint> access_point_;
-  std::shared_ptr<ProductionCycle> cycle_;  // null until it runs and from its end on
   Common::Mutex mutex_;                     // guards what follows
+  std::shared_ptr<ProductionCycle> cycle_;  // null until it runs and behind End
   std::uint32_t transmission_ = 0;
   std::map<std::uint32_t, Channel> channels_;
   Common::Error failure_;  // success, or why the transmission has ended

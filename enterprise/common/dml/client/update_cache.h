@@ -49,10 +49,12 @@ class BasicInMemoryUpdateCache final : public Consumer {
   std::shared_ptr<Async::Job> CheckOut(SubscriptionReader& reader, Async::ActionHandler& handler);
 
  private:
+  using Updates = std::vector<ViewManagement::ViewUpdate>;
   class CheckoutJob;
 
+  // The iterators over `records` copy them or move them out.
   template <class Iterator>
-  void Deliver(Iterator begin, Iterator end, const Common::Error& result);
+  void Deliver(const Updates& records, Iterator begin, Iterator end, Common::Error result);
 
   typename Atomics::Mutex mutex_;                    // guards all other fields
   std::vector<ViewManagement::ViewUpdate> updates_;  // what has arrived and was not read

@@ -1,0 +1,319 @@
+#include "enterprise/common/dml/client/remote_subscription_dispatcher.h"
+
+#include <cstring>
+#include <new>
+#include <utility>
+
+#include "core/common/line_tag.h"
+#include "core/common/message_table.h"
+#include "enterprise/common/async/operation_description.h"
+#include "enterprise/common/dml/client/async_request.h"
+#include "enterprise/common/dml/dml_codes.h"
+#include "enterprise/common/dml/safe_invoke.h"
+#include "enterprise/common/dml_view_common/view_manager_proxy.h"
+#include "enterprise/common/dml_view_common/view_manager_requests.h"
+#include "enterprise/common/por/exclude_trait_unit.h"
+#include "enterprise/common/por/item_processor.h"
+#include "enterprise/common/por/unit_value_access.h"
+#include "enterprise/serialize/serializer.h"
+
+namespace Dml::Client {
+
+namespace {
+
+using ViewManagement::ViewManager_Proxy;
+using ViewManagement::ViewUpdate;
+
+constexpr Common::SourceFile kSource{"enterprise/common/dml/client/remote_subscription"};
+
+// Literals: a lookup compares addresses of texts first, and a decorator copies none.
+constexpr char kChannelId[] = "ChannelID";
+constexpr char kChannelCreation[] = "ChannelCreation";
+constexpr char kChannelRemoval[] = "ChannelRemoval";
+constexpr char kChannelError[] = "ChannelError";
+
+// For a catch block around a pull.
+Common::Error DescribePullException() noexcept {
+  Async::NamedOperationDescription operation(Common::MessageRow::AsyncPerform);
+  return Async::DescribeCaughtException(operation);
+}
+
+// One request for records, which go to the consumer. Its failure is the consumer's end, told before
+// the handler is.
+class PullUpdatesJob : public RequestRunner, public Async::ActionHandler {
+ public:
+  void Run() override { Send(access_point_, CreateRequest(), *this); }
+
+  void Completed(Common::Error result) override {
+    if (!result.IsFailure()) {
+      try {
+        consumer_->Consume(GetUpdates());
+      } catch (...) {
+        // Records are lost: nothing that would come behind them is of use.
+        result = DescribePullException();
+      }
+    }
+    if (result.IsFailure()) consumer_->Fail(result);
+    TellHandler(*handler_, std::move(result));
+  }
+  virtual const std::vector<ViewUpdate>& GetUpdates() const = 0;
+  // The variables that the request fills belong to the job.
+  virtual std::unique_ptr<Binding::Request> CreateRequest() = 0;
+
+ protected:
+  PullUpdatesJob(std::shared_ptr<Binding::AccessPoint> access_point, Consumer& consumer,
+                 Async::ActionHandler& handler)
+      : access_point_(std::move(access_point)), consumer_(&consumer), handler_(&handler) {}
+
+ private:
+  const std::shared_ptr<Binding::AccessPoint> access_point_;
+  Consumer* const consumer_;
+  Async::ActionHandler* const handler_;
+};
+
+class PullTransmissionUpdatesJob final : public PullUpdatesJob {
+ public:
+  PullTransmissionUpdatesJob(std::shared_ptr<Binding::AccessPoint> access_point, Consumer& consumer,
+                             Async::ActionHandler& handler, std::uint32_t transmission)
+      : PullUpdatesJob(std::move(access_point), consumer, handler), transmission_(transmission) {}
+
+  const std::vector<ViewUpdate>& GetUpdates() const override { return content_.topic_updates; }
+  std::unique_ptr<Binding::Request> CreateRequest() override {
+    return ViewManagement::CreateReadSubscriptionRequest(transmission_, content_);
+  }
+
+ private:
+  const std::uint32_t transmission_;
+  ViewManagement::SubscriptionContent content_;
+};
+
+class PullUpdates : public Async::Action {
+ public:
+  std::shared_ptr<Async::Job> Perform(Async::ActionHandler& handler) override {
+    try {
+      const std::shared_ptr<PullUpdatesJob> job = CreateJob(access_point_, *consumer_, handler);
+      job->Run();
+      return job;
+    } catch (...) {
+      // No job was started that would tell the consumer.
+      const Common::Error error = DescribePullException();
+      consumer_->Fail(error);
+      throw Common::Error(error);
+    }
+  }
+  virtual std::shared_ptr<PullUpdatesJob> CreateJob(
+      const std::shared_ptr<Binding::AccessPoint>& access_point, Consumer& consumer,
+      Async::ActionHandler& handler) = 0;
+
+ protected:
+  PullUpdates(std::shared_ptr<Binding::AccessPoint> access_point, Consumer& consumer)
+      : access_point_(std::move(access_point)), consumer_(&consumer) {}
+
+ private:
+  const std::shared_ptr<Binding::AccessPoint> access_point_;
+  Consumer* const consumer_;
+};
+
+class PullTransmissionUpdates final : public PullUpdates {
+ public:
+  PullTransmissionUpdates(std::shared_ptr<Binding::AccessPoint> access_point, Consumer& consumer,
+                          std::uint32_t transmission)
+      : PullUpdates(std::move(access_point), consumer), transmission_(transmission) {}
+
+  std::shared_ptr<PullUpdatesJob> CreateJob(
+      const std::shared_ptr<Binding::AccessPoint>& access_point, Consumer& consumer,
+      Async::ActionHandler& handler) override {
+    return std::make_shared<PullTransmissionUpdatesJob>(access_point, consumer, handler,
+                                                        transmission_);
+  }
+
+ private:
+  const std::uint32_t transmission_;
+};
+
+// What the service has marked a record with.
+struct Marks {
+  std::uint32_t channel = 0;
+  bool is_creation = false;
+  bool is_removal = false;
+  bool is_error = false;
+};
+
+// In one walk over the traits. No unit has no marks. A channel that is named twice isn't named.
+Marks ReadMarks(const Por::View::Unit* unit) {
+  Marks marks;
+  if (unit == nullptr) return marks;
+  int channels = 0;
+  auto processor = Por::MakeProcessor<const Por::View::Trait>([&](const Por::View::Trait& trait) {
+    const char* const name = trait.GetName().GetText();
+    if (std::strncmp(name, "Channel", 7) != 0) return;
+    if (std::strcmp(name, kChannelId) == 0) {
+      marks.channel = ++channels == 1 ? Por::Util::GetValue<unsigned int>(trait.GetValue(), 0) : 0;
+    }
+    marks.is_creation |= std::strcmp(name, kChannelCreation) == 0;
+    marks.is_removal |= std::strcmp(name, kChannelRemoval) == 0;
+    marks.is_error |= std::strcmp(name, kChannelError) == 0;
+  });
+  unit->GetTraits().ForEach(processor);
+  return marks;
+}
+
+// The unit as readers see it, kept alive.
+Por::SharedUnit HideChannel(const Por::SharedUnit& unit) {
+  struct HiddenChannel {
+    explicit HiddenChannel(const Por::SharedUnit& hidden)
+        : received(hidden), shown(*hidden, kChannelId) {}
+    const Por::SharedUnit received;
+    const Por::View::ExcludeTraitUnit shown;
+  };
+  const auto hidden = std::make_shared<const HiddenChannel>(unit);
+  return {hidden, &hidden->shown};
+}
+
+}  // namespace
+
+RemoteSubscriptionDispatcher::RemoteSubscriptionDispatcher(
+    std::shared_ptr<Binding::AccessPoint> access_point)
+    : access_point_(std::move(access_point)) {}
+
+RemoteSubscriptionDispatcher::~RemoteSubscriptionDispatcher() {
+  End();
+}
+
+Common::Error RemoteSubscriptionDispatcher::EnsureTransmission() {
+  std::shared_ptr<ProductionCycle> cycle;
+  {
+    const Common::MutexLock lock(mutex_);
+    if (failure_.IsFailure()) return failure_;
+    if (transmission_ != 0) return {};
+    ViewManager_Proxy proxy(access_point_);
+    ViewManagement::Subscription subscription;
+    const Common::Error error = proxy.Subscribe(ViewManagement::SubscriptionSpec(), subscription);
+    if (error.IsFailure()) return error;
+    if (subscription.id == 0) {
+      return {Serialization::kInconsistentCode,
+              Common::GetMessageText(Common::MessageRow::SerializationInconsistent),
+              kSource.At("EnsureTransmission", 10)};
+    }
+    try {
+      cycle = std::make_shared<ProductionCycle>(
+          std::make_shared<PullTransmissionUpdates>(access_point_, *this, subscription.id));
+    } catch (const std::bad_alloc&) {
+      proxy.Unsubscribe(subscription.id);
+      return Common::Error::OutOfMemory();
+    }
+    transmission_ = subscription.id;
+    cycle_ = cycle;
+  }
+  // A pull that ends at once calls Fail here, and readers: not under the lock.
+  cycle->Start(*this);
+  return {};
+}
+
+std::uint32_t RemoteSubscriptionDispatcher::GetTransmission() {
+  const Common::MutexLock lock(mutex_);
+  return transmission_;
+}
+
+std::unique_ptr<RemoteChannel> RemoteSubscriptionDispatcher::CreateChannel(std::uint32_t number) {
+  ViewManagement::TopicID topic;
+  topic.interest = number;
+  std::shared_ptr<InMemoryUpdateCache> cache;
+  {
+    const Common::MutexLock lock(mutex_);
+    topic.subscriber = transmission_;
+    Channel& channel = FindChannel(number, cache);
+    channel.held.reset();
+  }
+  return std::make_unique<RemoteChannel>(access_point_, topic, std::move(cache));
+}
+
+void RemoteSubscriptionDispatcher::End() {
+  std::shared_ptr<ProductionCycle> cycle;
+  {
+    const Common::MutexLock lock(mutex_);
+    cycle = std::move(cycle_);
+  }
+  if (cycle == nullptr) return;
+  cycle->Cancel();
+  cycle.reset();  // waits: nothing comes from now on
+  Fail(Common::Error(kViewClosingCode, Common::GetMessageText(Common::MessageRow::DmlViewClosing),
+                     kSource.At("End", 20)));
+  try {
+    ViewManager_Proxy(access_point_).Unsubscribe(GetTransmission());
+  } catch (const std::bad_alloc&) {
+    // The service finds out when the connection ends.
+  }
+}
+
+void RemoteSubscriptionDispatcher::Consume(const std::vector<ViewUpdate>& records) {
+  std::vector<ViewUpdate> run;  // of `current`
+  std::uint32_t current = 0;
+  for (const ViewUpdate& record : records) {
+    const Marks marks = ReadMarks(record.key.get());
+    if (marks.channel != current) {
+      Deliver(current, run);
+      current = marks.channel;
+    }
+    if (record.key == nullptr) {
+      SafeInvoke([&] { NotNull(record.key); });
+    } else if (marks.is_creation) {
+      // Carries nothing.
+    } else if (marks.is_removal) {
+      run.clear();
+      RemoveChannel(current);
+    } else if (marks.is_error) {
+      run.clear();
+      FindCache(current)->Fail(Por::Util::GetValue<Common::Error>(*record.key, Common::Error()));
+    } else {
+      run.push_back({record.type, HideChannel(record.key), record.packed_update});
+    }
+  }
+  Deliver(current, run);
+}
+
+void RemoteSubscriptionDispatcher::Fail(const Common::Error& error) {
+  std::map<std::uint32_t, Channel> channels;
+  {
+    const Common::MutexLock lock(mutex_);
+    failure_ = error;
+    channels.swap(channels_);
+  }
+  for (const auto& [number, channel] : channels) {
+    if (const std::shared_ptr<InMemoryUpdateCache> cache = channel.cache.lock()) {
+      cache->Fail(error);
+    }
+  }
+}
+
+RemoteSubscriptionDispatcher::Channel& RemoteSubscriptionDispatcher::FindChannel(
+    std::uint32_t number, std::shared_ptr<InMemoryUpdateCache>& cache) {
+  Channel& channel = channels_[number];
+  cache = channel.cache.lock();
+  if (cache == nullptr) {
+    cache = std::make_shared<InMemoryUpdateCache>(failure_);
+    channel.held = cache;
+    channel.cache = cache;
+  }
+  return channel;
+}
+
+std::shared_ptr<InMemoryUpdateCache> RemoteSubscriptionDispatcher::FindCache(std::uint32_t number) {
+  std::shared_ptr<InMemoryUpdateCache> cache;
+  const Common::MutexLock lock(mutex_);
+  FindChannel(number, cache);
+  return cache;
+}
+
+void RemoteSubscriptionDispatcher::RemoveChannel(std::uint32_t number) {
+  decltype(channels_)::node_type removed;  // goes, with what was kept, behind the lock
+  const Common::MutexLock lock(mutex_);
+  removed = channels_.extract(number);
+}
+
+void RemoteSubscriptionDispatcher::Deliver(std::uint32_t number, std::vector<ViewUpdate>& run) {
+  if (run.empty()) return;
+  FindCache(number)->Take(run);
+}
+
+}  // namespace Dml::Client
