@@ -1,6 +1,7 @@
 #include "enterprise/common/async/cyclic_runner.h"
 
 #include <atomic>
+#include <cstdint>
 #include <new>
 #include <utility>
 
@@ -21,14 +22,14 @@ namespace CyclicRunnerImpl {
 // Marks that a runner is inside its loop on this thread. A pass that ends there with success only
 // sets `again`; the loop looks at nothing but this marker afterwards, as the runner may be gone.
 struct CyclicRunner::PassLoop {
-  explicit PassLoop(CyclicRunner* owner) : runner(owner), outer(innermost_loop_) {
+  explicit PassLoop(std::uint64_t owner) : runner(owner), outer(innermost_loop_) {
     innermost_loop_ = this;
   }
   ~PassLoop() { innermost_loop_ = outer; }
   PassLoop(const PassLoop&) = delete;
   PassLoop& operator=(const PassLoop&) = delete;
 
-  CyclicRunner* const runner;
+  const std::uint64_t runner;  // its number as a job: another one may come to its address
   PassLoop* const outer;
   bool again = false;
 };
@@ -105,7 +106,7 @@ void CyclicRunner::Completed(Common::Error result) {
     return;
   }
   for (PassLoop* loop = innermost_loop_; loop != nullptr; loop = loop->outer) {
-    if (loop->runner == this) {
+    if (loop->runner == GetId()) {
       loop->again = true;
       return;
     }
@@ -114,7 +115,7 @@ void CyclicRunner::Completed(Common::Error result) {
 }
 
 void CyclicRunner::RunPasses() {
-  PassLoop loop(this);
+  PassLoop loop(GetId());
   SafeAction pass(*action_);
   for (unsigned int passes = 0;; ++passes) {
     if (passes == kMaxImmediatePasses) {

@@ -3,6 +3,7 @@
 #include "core/common/unix/safe_assert.h"
 #include "enterprise/common/async/action_adaptor.h"
 #include "enterprise/common/async/metronome.h"
+#include "enterprise/common/async/safe_action.h"
 
 namespace Async {
 
@@ -29,12 +30,8 @@ bool BasicMetronomeListener<Atomics>::Start(Metronome* metronome) {
   }
   ActionRefAdaptor wait(
       [metronome](ActionHandler& handler) { return metronome->WaitTick(handler); });
-  try {
-    control_.Run(wait, *this, nullptr);
-  } catch (...) {
-    FinishWait();  // nobody will tell this listener: a Stop must not wait for good
-    throw;
-  }
+  SafeAction safe_wait(wait);  // whatever it raises ends the wait: a Stop must not wait for good
+  control_.Run(safe_wait, *this, nullptr);
   return true;
 }
 
@@ -77,8 +74,7 @@ void BasicMetronomeListener<Atomics>::FinishWait() {
     former = state_;
     state_ = kStateFinished;
   }
-  // Without a waiting Stop the owner may destroy the listener from here on. A metronome that tells
-  // twice finds no Stop either.
+  // Without a waiting Stop the owner may destroy the listener from here on.
   if (former <= kStateFinished) return;
   reinterpret_cast<SharedEvent*>(former)->event.Set();
 }

@@ -42,7 +42,7 @@ class BasicSynchronizationFork<Atomics>::ForkJob : public ActionHandler {
  private:
   std::unique_ptr<Work> work_;  // destroyed last: its guard may hold what the rest refers to
   std::shared_ptr<ForkJob> self_;
-  JobControl control_;
+  BasicJobControl<Atomics> control_;
 };
 
 template <class Atomics>

@@ -4,10 +4,13 @@
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <new>
+#include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "enterprise/common/async/async_error.h"
@@ -93,14 +96,23 @@ TEST(MetronomeListenerTest, NothingButSuccessTicksAndEveryEndReleasesTheStop) {
   refused.Stop();
   Listener starved;
   FakeMetronome no_memory([](ActionHandler&) -> std::shared_ptr<Job> { throw std::bad_alloc(); });
-  EXPECT_THROW(starved.Start(&no_memory), std::bad_alloc);
+  EXPECT_TRUE(starved.Start(&no_memory));
   starved.Stop();
   EXPECT_EQ(refused.ticks + starved.ticks, 0);
 
-  class : public MetronomeListener {
-    bool Tick() override { throw Failure(); }
-  } throwing;
+  struct ThrowingListener : public MetronomeListener {
+    explicit ThrowingListener(std::function<void()> tick) : throws(std::move(tick)) {}
+    bool Tick() override {
+      throws();
+      return true;
+    }
+    const std::function<void()> throws;
+  };
+  ThrowingListener wild([] { throw std::runtime_error("tick"); });
+  ThrowingListener throwing([] { throw Failure(); });
   FakeMetronome metronome = MetronomeThatTells({});
+  EXPECT_THROW(wild.Start(&metronome), std::runtime_error);
+  wild.Stop();
   TraceRecorder traces;
   EXPECT_TRUE(throwing.Start(&metronome));
   throwing.Stop();

@@ -377,6 +377,36 @@ TEST_P(Cycles, PassesThatEndAtOnceUseOneStackAndGiveTheStarterItsThreadBack) {
 }
 
 // The service doesn't run the work of a cycle of three times the passes that one thread runs.
+// The second runner may come to the address of the first one, whose loop is still on the stack.
+TEST(CyclesOneAfterTheOther, KeepToTheirOwnActions) {
+  ActionHandler* waiting = nullptr;
+  const auto waits_and_fails = [&waiting] {
+    return std::make_shared<FakeAction>(
+        [&waiting, passes = 0](ActionHandler& handler) mutable -> std::shared_ptr<Job> {
+          if (++passes > 1) {
+            handler.Completed(Failure());
+            return nullptr;
+          }
+          waiting = &handler;
+          return std::make_shared<FakeJob>();
+        });
+  };
+  const auto first = waits_and_fails();
+  const auto second = waits_and_fails();
+  FakeHandler end;
+  FakeHandler restart;
+  std::shared_ptr<Job> job = CyclicRunnerImpl::CyclicRunner::Start(first, restart);
+  restart.in_completed = [&] {
+    job.reset();
+    job = CyclicRunnerImpl::CyclicRunner::Start(second, end);
+    waiting->Completed({});
+  };
+  waiting->Completed({});
+  EXPECT_EQ(first->performs, 2);
+  EXPECT_EQ(second->performs, 2);
+  EXPECT_EQ(end.results.size(), 1u);
+}
+
 class CyclesOfAService : public testing::Test {
  protected:
   static constexpr int kShare = CyclicRunnerImpl::CyclicRunner::kMaxImmediatePasses;
