@@ -19,6 +19,19 @@ void Note(const std::string& event) {
   client_libraries.events.append(event).append(" ");
 }
 
+class RefusingAccessPoint final : public Binding::AccessPoint {
+ public:
+  ~RefusingAccessPoint() override { Note("~point"); }
+  Common::Error CreateJob(std::unique_ptr<Binding::Request>,
+                          std::unique_ptr<JobManagement::Job>&) override {
+    return Common::Error(ClientLibraries::kRefusedCode, Common::LineTag{});
+  }
+  std::uint32_t GetConnectionKey() override { return 0; }
+  Common::Error GetInterfaceVersion(std::uint32_t, std::uint32_t&, std::uint32_t&) override {
+    return Common::Error();
+  }
+};
+
 class NotingBrowser final : public Binding::Browser {
  public:
   explicit NotingBrowser(bool is_local) : is_local_(is_local) {}
@@ -32,7 +45,8 @@ class NotingBrowser final : public Binding::Browser {
     EXPECT_EQ(reserved + pair.first + pair.second, 0u);
     Note("connect(" + std::to_string(service_id) + ")");
     if (client_libraries.connect_error.IsFailure()) return client_libraries.connect_error;
-    if (client_libraries.make_access_point) access_point = client_libraries.make_access_point();
+    access_point = client_libraries.make_access_point ? client_libraries.make_access_point()
+                                                      : std::make_unique<RefusingAccessPoint>();
     return Common::Error();
   }
 

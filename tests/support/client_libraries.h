@@ -16,17 +16,20 @@ namespace TestSupport {
 //
 //   init deinit security                     start and stop
 //   local binder bind(HOST,USER,PASSWORD)    the browser of this computer; the way to another
-//   connect(SERVICE ID) ~browser ~binder
+//   connect(SERVICE ID) ~browser ~binder ~point
 //
 // each followed by a space. Stopping the IPC client fails, which nobody may notice.
 struct ClientLibraries {
+  static constexpr unsigned int kRefusedCode = 0x77;
+
   std::string events;
 
   Common::Error init_error;
   Common::Error browser_error;  // there is a browser all the same
   Common::Error bind_error;
   Common::Error connect_error;
-  // What a connect without an error gives; by default nothing.
+  // What a connect without an error gives. By default a connection that refuses every request with
+  // kRefusedCode and notes its end.
   std::function<std::unique_ptr<Binding::AccessPoint>()> make_access_point;
 
   std::uint32_t security_status = 0;

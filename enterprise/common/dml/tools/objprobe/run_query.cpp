@@ -13,11 +13,14 @@
 #include "enterprise/common/dml/tools/objprobe/dml.h"
 #include "enterprise/common/dml/tools/objprobe/output.h"
 #include "enterprise/common/dml/tools/objprobe/output_stream.h"
+#include "enterprise/common/dml/tools/objprobe/service_connection.h"
+#include "enterprise/common/ipc/client/lib/client.h"
 #include "enterprise/common/por/parser/in_memory_data_reader.h"
 #include "enterprise/common/por/parser/unit_construction_format.h"
 #include "enterprise/common/por/unit_factory.h"
 #include "enterprise/common/por/value.h"
 #include "enterprise/common/por/visitor.h"
+#include "enterprise/common/security/client/init.h"
 
 namespace ObjProbe {
 
@@ -27,7 +30,6 @@ namespace {
 constexpr Common::SourceFile kSource{"enterprise/common/dml/tools/objprobe/main"};
 
 constexpr std::uint32_t kCannotReadFile = 1;
-constexpr std::uint32_t kConnectionFailed = 3;
 
 Por::SharedUnit ReadUnit(Utils::DataReader& reader, const Por::Construction::UnitFactory& factory) {
   OutputStream echo(StandardOutput());
@@ -58,10 +60,31 @@ Por::SharedUnit CreateTypePattern(const std::string& object_type,
   return pattern;
 }
 
-// The post office of a service. There is no connection to services yet.
-std::unique_ptr<Dml::PostOffice> CreateRemotePostOffice(const Arguments&) {
-  throw Common::Error(kConnectionFailed, "Connections to services are not supported by this build.",
-                      kSource.At("CreateRemotePostOffice", 160));
+std::unique_ptr<Dml::PostOffice> CreatePostOffice(const Arguments& arguments, bool is_local) {
+  if (is_local) return Dml::CreatePostOffice(Common::Utf8ToString(arguments.hostname.c_str()));
+  if (const Common::Error error = Security::Initialize(kSource.At("RunQuery", 140));
+      error.IsFailure()) {
+    throw Common::Error(error);
+  }
+  return CreateRemotePostOffice(arguments);
+}
+
+// Everything that came from the IPC client is gone when this returns or throws.
+void Query(const Arguments& arguments) {
+  const Dml::ViewSpec spec = CreateViewSpec(arguments);
+  const bool is_local = arguments.service == "DB";
+  const std::unique_ptr<Dml::PostOffice> office = CreatePostOffice(arguments, is_local);
+  if (arguments.report.empty() && !is_local) {
+    Listen(*office, spec);
+  } else {
+    Report(*office, spec);
+  }
+}
+
+void Print(const Common::Error& error) {
+  Output& output = StandardOutput();
+  output.Append(std::u16string_view(error.ToString()));
+  output.EndLine();
 }
 
 }  // namespace
@@ -82,21 +105,15 @@ Dml::ViewSpec CreateViewSpec(const Arguments& arguments) {
 }
 
 std::uint32_t RunQuery(const Arguments& arguments) {
+  const Binding::ScopedIPCClient client;
+  if (const Common::Error& error = client.GetResult(); error.IsFailure()) {
+    Print(error);
+    return error.GetCode();
+  }
   try {
-    const Dml::ViewSpec spec = CreateViewSpec(arguments);
-    const bool is_local = arguments.service == "DB";
-    const std::unique_ptr<Dml::PostOffice> office =
-        is_local ? Dml::CreatePostOffice(Common::Utf8ToString(arguments.hostname.c_str()))
-                 : CreateRemotePostOffice(arguments);
-    if (arguments.report.empty() && !is_local) {
-      Listen(*office, spec);
-    } else {
-      Report(*office, spec);
-    }
+    Query(arguments);
   } catch (const Common::Error& error) {
-    Output& output = StandardOutput();
-    output.Append(std::u16string_view(error.ToString()));
-    output.EndLine();
+    Print(error);
     Common::Trace(Common::kTraceError, error);
     return error.GetCode();
   }

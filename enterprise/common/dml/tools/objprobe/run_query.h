@@ -12,8 +12,10 @@ namespace ObjProbe {
 // options first; an empty text gives a null unit. Throws Common::Error.
 Dml::ViewSpec CreateViewSpec(const Arguments& arguments);
 
-// Runs the query of a complete command line to its end. Returns the exit status: 0, or the code of
-// the Common::Error that ended it, whose text is then the last thing on the standard output.
+// Runs the query of a complete command line to its end, inside the life of the IPC client, which is
+// stopped behind everything else. Returns the exit status: 0, or the code of the Common::Error that
+// ended it or kept the client from starting, whose text is then the last thing on the standard
+// output. The security client is started for a service only.
 std::uint32_t RunQuery(const Arguments& arguments);
 
 }  // namespace ObjProbe

@@ -28,6 +28,14 @@ ProgramResult RunObjprobe(Words words, Sink sink = Sink::kPipe) {
   return RunProgram(OBJPROBE_PROGRAM, words, sink);
 }
 
+// Where no service has its socket.
+ProgramResult RunWithoutServices(Words words) {
+  const TestSupport::TemporaryFolder folder;
+  words.insert(words.begin(), "objprobe");
+  return RunProgram(OBJPROBE_PROGRAM, words,
+                    {.environment = {"VELORIN_IPC_DIR=" + folder.GetPath()}});
+}
+
 constexpr char kUsage[] =
     "Usage: objprobe.exe <hostname> <user> <password> <service> <query>\n"
     "Where: <service> - HUB | VLT | AGT | DML | DB\n"
@@ -82,20 +90,19 @@ std::string WithoutPlaces(const std::string& text) {
 }
 
 TEST(FailedQuery, PrintsItsErrorBehindTheEchoAndExitsWithItsCode) {
-  const std::string no_services =
-      "Error 0x3: Connections to services are not supported by this build.\n| line\n";
+  const std::string no_service = "Error 0x3: Failed to create local connection with HUB\n| line\n";
   const std::string no_files = "Error 0x1: Query files are not supported by this build.\n| line\n";
   const struct {
     Words query;
     std::string text;  // the beginning
     int status;
   } cases[] = {
-      {{"t"}, no_services, 3},
-      {{"t", "report"}, no_services, 3},
-      {{"pattern", ".Composite().End()"}, "Interpret trace: .Composite().End()\n" + no_services, 3},
+      {{"t"}, no_service, 3},
+      {{"t", "report"}, no_service, 3},
+      {{"pattern", ".Composite().End()"}, "Interpret trace: .Composite().End()\n" + no_service, 3},
       // Options go first, whatever the order of evaluation would be.
       {{"pattern", ".Nil().End()", "options", ".DWord(7).End()"},
-       "Interpret trace: .Dword(7).End()\nInterpret trace: .Nil().End()\n" + no_services,
+       "Interpret trace: .Dword(7).End()\nInterpret trace: .Nil().End()\n" + no_service,
        3},
       {{"pattern", "Foo(", "options", "Bar("},
        "Interpret trace: Error 0x6: Statement 'Bar' is unknown.\n| line\n",
@@ -117,18 +124,18 @@ TEST(FailedQuery, PrintsItsErrorBehindTheEchoAndExitsWithItsCode) {
        "line\n",
        7},
       // The options file is not consulted beside a pattern.
-      {{"pattern", " ", "options_file", "/nowhere"}, "Interpret trace: \n" + no_services, 3},
+      {{"pattern", " ", "options_file", "/nowhere"}, "Interpret trace: \n" + no_service, 3},
       {{"pattern_file", "/nowhere"}, no_files, 1},
       {{"pattern_file", "", "options_file", "/nowhere"}, no_files, 1},
       // Options beside a file are not read, and an empty name is no file.
-      {{"pattern_file", "", "options", "Foo("}, no_services, 3},
-      {{"pattern", "", "options", "Foo("}, no_services, 3},
-      {{""}, no_services, 3},
+      {{"pattern_file", "", "options", "Foo("}, no_service, 3},
+      {{"pattern", "", "options", "Foo("}, no_service, 3},
+      {{""}, no_service, 3},
   };
   for (const auto& c : cases) {
-    Words words = {"h", "u", "p", "hub"};
+    Words words = {"localhost", "u", "p", "hub"};
     words.insert(words.end(), c.query.begin(), c.query.end());
-    const ProgramResult result = RunObjprobe(words);
+    const ProgramResult result = RunWithoutServices(words);
     EXPECT_EQ(WithoutPlaces(result.out).substr(0, c.text.size()), c.text);
     EXPECT_EQ(result.out.back(), '\n');
     EXPECT_EQ(result.err, "");
@@ -137,13 +144,16 @@ TEST(FailedQuery, PrintsItsErrorBehindTheEchoAndExitsWithItsCode) {
 }
 
 TEST(FailedQuery, PrintsTheWholeError) {
-  const ProgramResult result = RunObjprobe({"h", "u", "p", "HUB", "t"});
-  EXPECT_EQ(WithoutPlaces(result.out),
-            "Error 0x3: Connections to services are not supported by this build.\n"
-            "| line\n"
-            "| file: enterprise/common/dml/tools/objprobe/main\n"
-            "| function: CreateRemotePostOffice\n"
-            "| $module: objprobe_lxa64_43267\n");
+  const ProgramResult result = RunWithoutServices({"h", "u", "p", "DML", "t"});
+  const std::string head =
+      "Error 0x3: Failed to create local connection with DML\n"
+      "| line\n"
+      "| file: enterprise/common/dml/tools/objprobe/main\n"
+      "| function: CreateAccessPoint\n"
+      "| $module: objprobe_lxa64_43267\n"
+      "|\n"
+      "| error 0xad";
+  EXPECT_EQ(WithoutPlaces(result.out).substr(0, head.size()), head);
 }
 
 // A store with two objects, made by the store's own tool.

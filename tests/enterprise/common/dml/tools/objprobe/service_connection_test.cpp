@@ -19,19 +19,6 @@ namespace {
 const Binding::AccessPoint* provided = nullptr;  // for the last post office
 std::unique_ptr<Dml::PostOffice> next_office;
 
-class DeadAccessPoint final : public Binding::AccessPoint {
- public:
-  ~DeadAccessPoint() override { TestSupport::client_libraries.events.append("~point "); }
-  Common::Error CreateJob(std::unique_ptr<Binding::Request>,
-                          std::unique_ptr<JobManagement::Job>&) override {
-    return Common::Error(0x77, Common::LineTag{});
-  }
-  std::uint32_t GetConnectionKey() override { return 0; }
-  Common::Error GetInterfaceVersion(std::uint32_t, std::uint32_t&, std::uint32_t&) override {
-    return Common::Error();
-  }
-};
-
 }  // namespace
 
 std::unique_ptr<Dml::PostOffice> Dml::Client::CreateRemoteViewProvider(
@@ -47,7 +34,6 @@ using TestSupport::client_libraries;
 
 void Reset() {
   client_libraries = {};
-  client_libraries.make_access_point = [] { return std::make_unique<DeadAccessPoint>(); };
   provided = nullptr;
   next_office.reset();
 }
