@@ -96,7 +96,7 @@ bool xml_reader_binary_old::OpenElement() {
   }
   left_.back() = count - 1;
   Receiver.Text(ReadText(ReadNumber()));
-  return true;
+  return !File.HasFailed();
 }
 
 bool xml_reader_binary_new::ReadTag() {

@@ -9,7 +9,8 @@ namespace Core {
 // kind: "BXML" begins a binary document (core/xml/binary.h), anything else is XML in UTF-8 as
 // core/xml/xml_tokenizer.h describes it.
 //
-// True: the document was read whole and the file has not failed. False: it is bad, or the file
+// True: the document was read whole and the file has not failed; a comment, an instruction or a
+// DOCTYPE behind the root may lack its end. False: it is bad, or the file
 // ended early or failed; what was read until then stays in `document`, to be dropped. A binary
 // document without an element is no failure: true, and no root.
 //

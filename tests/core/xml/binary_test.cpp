@@ -68,9 +68,9 @@ TEST(BinaryXml, IsReadInBothForms) {
       {kOld + "\x00\x01"s + "a\x03\x01\x01k\x01" + "1\x02\x01k\x01" + "2\x01\x01" + "3\x01\x00"s,
        "<a k=\"1\"></a>"},
       {kNew + "\x01\x01" + "a\x02\x01k\x02" + "1\x02\x02" + "2\x00\x00\x00"s, "<a k=\"1\"></a>"},
-      // sorted, whatever their order
+      // in the order of the document
       {kNew + "\x01\x01" + "a\x02\x01z\x00\x03\x01"s + "b\x00\x00\x00\x00"s,
-       "<a b=\"\" z=\"\"></a>"},
+       "<a z=\"\" b=\"\"></a>"},
       // text isn't decoded strictly and ends at a zero
       {kNew + "\x01\x01" + "a\x00\x0A\xFF\xEF\xBF\xBE\x01\x00"s, "<a>&#65533;&#65534;&#1;</a>"},
       {kNew + "\x01\x01" + "a\x00\x06x\x00y\x00"s, "<a>x</a>"},

@@ -108,7 +108,6 @@ class RandomTree {
   xmlNode* MakeElement(unsigned int depth, bool preserve) {
     const std::string name = MakeName();
     xmlNode* const node = xmlNewDocNode(document_.get(), nullptr, Bytes(name), nullptr);
-    // In the order of their names; the tree's attributes are.
     std::set<std::string> names;
     for (unsigned int left = Below(4); left != 0; --left) names.insert(MakeName());
     if (!preserve && Below(6) == 0) {

@@ -60,8 +60,8 @@ TEST(XmlWhiteSpace, IsFoldedInAttributes) {
       {"<a b=\" x  y \"/>", "<a b=\"x&#32;y\"></a>"},
       {"<a b='\n\"\t&#32; ' c\n = \n\"'\"d=''/>", "<a b=\"&#34;&#32;&#32;\" c=\"'\" d=\"\"></a>"},
       {"<a xml:space='preserve' b='  x  ' ><c b=' y  z '/></a>",
-       "<a b=\"x\" xml:space=\"preserve\"><c b=\"y&#32;z\"></c></a>"},
-      {"<a B='>' b=']]>' _='1' :.-9='2'/>", "<a :.-9=\"2\" B=\">\" _=\"1\" b=\"]]>\"></a>"},
+       "<a xml:space=\"preserve\" b=\"x\"><c b=\"y&#32;z\"></c></a>"},
+      {"<a B='>' b=']]>' _='1' :.-9='2'/>", "<a B=\">\" b=\"]]>\" _=\"1\" :.-9=\"2\"></a>"},
   };
   for (const Case& row : cases) Check(row);
 }
@@ -87,7 +87,7 @@ TEST(XmlWhiteSpace, IsKeptInsideAPreservingElement) {
        "<r>" + open + open + "</p>&#32;&#32;<b xml:space=\"default\">&#32;</b></p></r>"},
       // other values and names don't count
       {"<r xml:space='Preserve' space='preserve'> x </r>",
-       "<r space=\"preserve\" xml:space=\"Preserve\">x</r>"},
+       "<r xml:space=\"Preserve\" space=\"preserve\">x</r>"},
   };
   for (const Case& row : cases) Check(row);
 }
@@ -241,6 +241,11 @@ TEST(XmlDocuments, EndOfTheFileAndItsFailureMakeABadDocument) {
   EXPECT_FALSE(result.good);
   EXPECT_EQ(result.tree, ReadXml(document).tree);
   EXPECT_EQ(failed.GetError().GetCode(), 0x40001u);
+  // What is passed over behind the root may lack its end.
+  for (const char* const tail : {"<!-- x", "<?x", "<!DOCTYPE x"}) {
+    EXPECT_TRUE(ReadXml(document + tail).good) << tail;
+  }
+  for (const char* const tail : {"<", "<!-"}) EXPECT_FALSE(ReadXml(document + tail).good) << tail;
 }
 
 TEST(XmlDocuments, TakeThePlaceOfTheFormerTree) {
@@ -314,7 +319,6 @@ TEST(XmlSize, LongTextsAndTokensAreRead) {
 }
 
 TEST(XmlMemory, RunningOutLeavesNothingBehind) {
-  using std::string_literals::operator""s;
   for (const std::string& text : {"<a b='1' cc='2'>" + std::string(9000, 'x') + "<d>y</d> z</a>",
                                   "BXML\x02\x00\x01\x01"s + "a\x02\x01" + "b\x02" +
                                       "1\x00\xA0\x8D\x01"s + std::string(9040, 'x') + "\x00"s}) {

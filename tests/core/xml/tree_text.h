@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
-#include <map>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -38,7 +37,7 @@ class PieceFile final : public Core::i_file {
 };
 
 // A tree as XML in one form of all that say the same: what isn't ASCII and visible and all markup
-// in text is a numeric reference, attributes are in order, an empty element has two tags.
+// in text is a numeric reference, an empty element has two tags.
 class TreeWriter {
  public:
   static std::string Write(const Core::XmlTag* root) {
@@ -68,13 +67,9 @@ class TreeWriter {
 
   void Open(const Core::XmlTag& tag) {
     out_.append("<").append(tag.GetName());
-    std::map<std::string_view, std::u16string_view> attributes;
     for (const Core::XmlAttribute& attribute : tag.GetAttributes()) {
-      attributes.emplace(attribute.GetName(), attribute.GetValue());
-    }
-    for (const auto& [name, value] : attributes) {
-      out_.append(" ").append(name).append("=\"");
-      PutText(value);
+      out_.append(" ").append(attribute.GetName()).append("=\"");
+      PutText(attribute.GetValue());
       out_.append("\"");
     }
     out_.append(">");

@@ -165,8 +165,13 @@ TEST(ElasticPool, TimersComeInTheirOrder) {
   for (const int place : {2, 0, 1}) {
     const auto time = now + std::chrono::milliseconds(20 * (place + 1));
     pool.PostAt(time, Task([&, place, time] {
-                  EXPECT_GE(ElasticPool::Clock::now(), time);
-                  EXPECT_EQ(next++, place);
+                  const auto taken = ElasticPool::Clock::now();
+                  EXPECT_GE(taken, time);
+                  // Unless they are held up for so long that two are due at once.
+                  const int before = next++;
+                  if (taken < time + std::chrono::milliseconds(20)) {
+                    EXPECT_EQ(before, place);
+                  }
                   done.count_down();
                 }));
   }
