@@ -1,0 +1,112 @@
+#include "services/objprobe_service/snapshot_call.h"
+
+#include <new>
+#include <utility>
+
+#include "core/common/entry_point.h"
+#include "core/common/line_tag.h"
+#include "enterprise/common/async/async_error.h"
+#include "enterprise/common/por/unit_blob.h"
+#include "services/objprobe_service/service_error.h"
+
+namespace ObjProbeService {
+
+namespace {
+
+constexpr Common::SourceFile kSource{"services/objprobe_service/snapshot_call"};
+
+}  // namespace
+
+SnapshotCall::SnapshotCall(std::shared_ptr<Platform::Ipc::ServerCall> call, ViewMethod method,
+                           Dml::ViewSpec spec, std::unique_ptr<ReplyWriter> reply,
+                           std::size_t max_bytes, End end)
+    : call_(std::move(call)),
+      method_(method),
+      spec_(std::move(spec)),
+      reply_(std::move(reply)),
+      max_bytes_(max_bytes),
+      end_(std::move(end)) {}
+
+void SnapshotCall::Start(Dml::PostOffice& office) {
+  const std::shared_ptr<SnapshotCall> self = shared_from_this();
+  bool is_cancelled = false;
+  {
+    const std::lock_guard lock(mutex_);
+    self_ = self;
+    is_cancelled = is_cancelled_;
+  }
+  if (is_cancelled) return Completed(Common::Error(Async::canceled_error.Get()));
+  Common::Error failure;
+  std::shared_ptr<Async::Job> job;
+  try {
+    const std::shared_ptr<Dml::ReportReader> reader = self;
+    job = method_ == ViewMethod::kOpenStaticView
+              ? office.Report(Core::EntryPoint(), spec_, reader, *this)
+              : office.Subscribe(Core::EntryPoint(), spec_, reader, subscription_, *this);
+  } catch (const Common::Error& error) {
+    failure = error;
+  } catch (const std::bad_alloc&) {
+    failure = Common::Error::OutOfMemory();
+  }
+  if (failure.IsFailure()) return Completed(failure);
+  {
+    const std::lock_guard lock(mutex_);
+    if (is_ended_) return;
+    job_ = job;
+    is_cancelled = is_cancelled_;
+  }
+  if (is_cancelled && job != nullptr) job->Cancel();
+}
+
+void SnapshotCall::Cancel() {
+  std::shared_ptr<Async::Job> job;
+  {
+    const std::lock_guard lock(mutex_);
+    is_cancelled_ = true;
+    job = job_;
+  }
+  if (job != nullptr) job->Cancel();
+}
+
+// What is thrown here is dropped by the store, with the object.
+void SnapshotCall::Read(const Por::View::Unit& object) {
+  if (failure_.IsFailure()) return;
+  Por::Util::WriteUnitBlob(object, object_.bytes);
+  reply_->WriteItem(object_);
+  if (reply_->GetItemsSize() <= max_bytes_) return;
+  failure_ = MakeServiceError(kReplyTooLarge, kSource.At("Read", 10));
+  reply_.reset();
+  Cancel();
+}
+
+void SnapshotCall::Completed(Common::Error result) {
+  std::shared_ptr<SnapshotCall> self;
+  std::shared_ptr<Async::Job> job;
+  {
+    const std::lock_guard lock(mutex_);
+    self.swap(self_);
+    job.swap(job_);
+    is_ended_ = true;
+    if (is_cancelled_ && !result.IsFailure()) result = Common::Error(Async::canceled_error.Get());
+  }
+  spec_ = {};
+  if (failure_.IsFailure()) result = failure_;
+  if (result.IsFailure()) subscription_.reset();
+  try {
+    result = std::exchange(end_, nullptr)(result, std::move(subscription_));
+  } catch (const std::bad_alloc&) {
+    result = Common::Error::OutOfMemory();
+  }
+  Answer(result);
+}
+
+void SnapshotCall::Answer(const Common::Error& result) {
+  if (result.IsFailure()) return SendFailure(*call_, method_, result);
+  try {
+    std::exchange(reply_, nullptr)->Send(*call_);
+  } catch (const std::bad_alloc&) {
+    call_->Fail(Common::Error::OutOfMemory());
+  }
+}
+
+}  // namespace ObjProbeService

@@ -1,0 +1,110 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "core/common/error.h"
+#include "core/common/non_copyable.h"
+#include "enterprise/common/dml/reader.h"
+#include "platform/ipc/server.h"
+#include "services/objprobe_service/encoded_records.h"
+#include "services/objprobe_service/pull_timer.h"
+#include "services/objprobe_service/service_limits.h"
+#include "services/objprobe_service/view_budget.h"
+
+namespace ObjProbeService {
+
+// The updates of all interests of one client in one stream, which it pulls.
+//
+// Each interest has a channel. All records of a channel come in this order and have the trait
+// ChannelID on their first unit:
+//
+//   ChannelCreation   nil; the channel is there
+//   updates           created, updated, deleted, in the order of their commits
+//   ChannelError      the error as value; nothing but the removal comes behind it
+//   ChannelRemoval    nil; the last record
+//
+// What waits to be pulled is bounded (ServiceLimits). When it exceeds that, the transmission fails:
+// its channels end, its memory goes, and all that is asked of it is answered by that failure.
+//
+// Threads: any. Nothing is held during calls into calls, subscriptions and the timer's waiters.
+class Transmission final : public PullTimer::Waiter,
+                           public std::enable_shared_from_this<Transmission>,
+                           public Common::NonCopyable {
+ public:
+  // `timer` must outlive it. `on_failure` is told when it fails.
+  Transmission(unsigned int id, const ServiceLimits& limits, PullTimer& timer,
+               std::function<void(const Common::Error&)> on_failure);
+  ~Transmission() override;
+
+  unsigned int GetId() const { return id_; }
+  // Why it has failed or ended; success as long as it runs.
+  Common::Error GetFailure() const;
+
+  // Answers ReadSubscription: at once when something waits or it has failed or ended, else when
+  // something comes or the time of the timer has passed, then with nothing. A second call while one
+  // waits is refused. A cancel of the call ends the wait.
+  void Pull(std::shared_ptr<Platform::Ipc::ServerCall> call);
+
+  // A number for a channel, never 0. Throws the failure.
+  unsigned int ReserveChannel();
+  // The channel is there and follows the subscription.
+  Common::Error OpenChannel(unsigned int channel, std::unique_ptr<Dml::Subscription> subscription,
+                            std::shared_ptr<ViewBudget::Share> share);
+  Common::Error RemoveChannel(unsigned int channel);
+
+  // Ends the channels and the waiting pull, which is told `reason`. The second call does nothing.
+  void End(const Common::Error& reason);
+
+ private:
+  class Channel;
+  using Channels = std::map<unsigned int, std::shared_ptr<Channel>>;
+  using Updates = std::vector<EncodedUpdate>;
+  using Call = std::shared_ptr<Platform::Ipc::ServerCall>;
+
+  // What a change of the state leaves to be done when nothing is held any more.
+  struct Aftermath {
+    Call call;  // to be answered, with `failure` or else with `updates`
+    Common::Error failure;
+    Updates updates;
+    std::uint64_t wait = 0;  // to be taken out of the timer
+    Channels ended;
+    bool has_failed = false;
+  };
+
+  void OnWaited(std::uint64_t number) override;
+
+  // Records of a channel, unless it was removed.
+  void Add(const Channel& channel, Updates updates);
+  static EncodedUpdate MakeRecord(unsigned int channel, const char* mark,
+                                  const Common::Error* error);
+
+  // With the lock held.
+  void Append(Updates updates, Aftermath& aftermath);
+  void Stop(const Common::Error& reason, Aftermath& aftermath);
+  void TakeUpdates(Updates& updates);
+  // Without.
+  void Finish(Aftermath aftermath);
+
+  const unsigned int id_;
+  const ServiceLimits limits_;
+  PullTimer* const timer_;
+  const std::function<void(const Common::Error&)> on_failure_;
+
+  mutable std::mutex mutex_;  // guards the fields below
+  Common::Error failure_;
+  Channels channels_;
+  unsigned int last_channel_ = 0;
+  std::deque<EncodedUpdate> queue_;
+  std::size_t queue_cost_ = 0;
+  Call pull_;               // that waits; the queue is empty then
+  std::uint64_t wait_ = 0;  // of the pull
+};
+
+}  // namespace ObjProbeService
