@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -7,10 +8,12 @@
 #include "core/common/number_text.h"
 #include "enterprise/common/por/fwd.h"
 #include "enterprise/common/por/unit_blob.h"
+#include "enterprise/common/por/unit_factory.h"
+#include "enterprise/common/por/unit_operations.h"
 #include "fuzz/fuzz_target.h"
 #include "tests/support/text.h"
 
-// Units as texts that can be compared.
+// Units as texts that can be compared, and units compared.
 
 namespace Fuzz {
 
@@ -20,6 +23,21 @@ inline std::string ToBytes(const Por::View::Unit* unit) {
   std::vector<unsigned char> bytes;
   Por::Util::WriteUnitBlob(*unit, bytes);
   return std::string(bytes.begin(), bytes.end());
+}
+
+// Both null, or the same unit.
+inline bool IsSame(const Por::SharedUnit& left, const Por::SharedUnit& right) {
+  if (left == nullptr || right == nullptr) return left == right;
+  if (Por::Util::UnitEqual(*left, *right)) return true;
+  // A unit with a NaN equals nothing, not even its copy. Then the bytes decide.
+  const Por::OwnedUnit copy = Por::Util::CopyUnit(*left, *Por::GetStaticUnitFactory());
+  return !Por::Util::UnitEqual(*left, *copy) && ToBytes(left.get()) == ToBytes(right.get());
+}
+inline bool IsSame(const std::vector<Por::SharedUnit>& left,
+                   const std::vector<Por::SharedUnit>& right) {
+  return std::equal(
+      left.begin(), left.end(), right.begin(), right.end(),
+      [](const Por::SharedUnit& a, const Por::SharedUnit& b) { return IsSame(a, b); });
 }
 
 // What a call that gives a unit comes to: the unit's bytes, or its error. Nothing else may leave

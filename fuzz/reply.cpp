@@ -13,7 +13,7 @@
 #include "enterprise/common/ipc/utils.h"
 #include "enterprise/common/por/serialization/unit_serializer.h"
 #include "enterprise/serialize/xml_serializer.h"
-#include "fuzz/fuzz_target.h"
+#include "fuzz/fuzz_units.h"
 
 using namespace Dml::ViewManagement;
 using namespace Serialization;
@@ -29,6 +29,24 @@ struct Results {
   Topic topic;
   SubscriptionContent content;
 };
+
+using Fuzz::IsSame;
+
+bool IsSame(const std::vector<ViewUpdate>& left, const std::vector<ViewUpdate>& right) {
+  return std::equal(left.begin(), left.end(), right.begin(), right.end(),
+                    [](const ViewUpdate& a, const ViewUpdate& b) {
+                      return a.type == b.type && IsSame(a.key, b.key) &&
+                             IsSame(a.packed_update, b.packed_update);
+                    });
+}
+bool IsSame(const Results& left, const Results& right) {
+  return left.view_id == right.view_id && IsSame(left.snapshot, right.snapshot) &&
+         IsSame(left.updates, right.updates) && left.subscription.id == right.subscription.id &&
+         left.topic.id.subscriber == right.topic.id.subscriber &&
+         left.topic.id.interest == right.topic.id.interest &&
+         IsSame(left.topic.content, right.topic.content) &&
+         IsSame(left.content.topic_updates, right.content.topic_updates);
+}
 
 std::unique_ptr<Binding::Request> MakeRequest(char method, Results& to) {
   switch (method) {
@@ -87,13 +105,12 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     ReadReply(method, input.substr(std::min<std::size_t>(2, size)), results);
   } catch (const Common::Error& error) {
     Fuzz::Require(error.IsFailure(), "a failure has a code");
-    Fuzz::RequireEqual(WriteReply(method, results), WriteReply(method, Results()),
-                       "a reply that can't be read leaves the results alone");
+    Fuzz::Require(IsSame(results, Results()),
+                  "a reply that can't be read leaves the results alone");
     return 0;
   }
-  const std::string again = WriteReply(method, results);
   Results read_again;
-  ReadReply(method, again, read_again);
-  Fuzz::RequireEqual(WriteReply(method, read_again), again, "results that were read come back");
+  ReadReply(method, WriteReply(method, results), read_again);
+  Fuzz::Require(IsSame(read_again, results), "results that were read come back");
   return 0;
 }
