@@ -22,6 +22,7 @@ class OutputBuffer : public Common::NonCopyable {
   const char* GetData() const { return begin_; }
   // Whether something is missing in the content, since room for it couldn't be had. It stays so.
   bool HasFailed() const { return has_failed_; }
+  void SetFailed() { has_failed_ = true; }
 
   // The end of the content, with room for `size` bytes behind it. What is written there counts from
   // the call of SetEnd on; until then nothing else may be called.

@@ -59,11 +59,10 @@ class XMLPacketSerializer final : public Serializer {
     });
   }
   void Write(const MetaInfo& meta, const Common::Error& value) override {
-    WriteValue(meta, [&] {
-      unsigned int size = 0;
-      const std::unique_ptr<unsigned char[]> bytes = value.Save(size);
-      AppendBase64(buffer_, bytes.get(), size);
-    });
+    unsigned int size = 0;
+    std::unique_ptr<unsigned char[]> bytes;
+    TakeRoom([&] { bytes = value.Save(size); });
+    WriteValue(meta, [&] { AppendBase64(buffer_, bytes.get(), size); });
   }
   void Write(const MetaInfo& meta, const Common::String& value) override {
     WriteValue(meta, [&] { AppendXmlText(buffer_, std::u16string_view(value)); });
@@ -112,13 +111,17 @@ class XMLPacketSerializer final : public Serializer {
     if (IsOfOtherCategory(meta)) {
       OpenTag outer = open_.empty() ? OpenTag() : open_.back();
       outer.is_skipped = true;
-      open_.push_back(outer);
+      TakeRoom([&] { open_.push_back(outer); });
       return;
     }
-    const std::size_t name_at = buffer_.GetSize() + 1;
-    WriteStartTag(meta);
-    // Only now, since the start tag may find no room.
-    open_.push_back({name_at, meta.name.size(), false});
+    // Ahead of the tag, so that no tag stands there whose element isn't known as open.
+    TakeRoom([&] { open_.push_back({buffer_.GetSize() + 1, meta.name.size(), false}); });
+    try {
+      WriteStartTag(meta);
+    } catch (const std::bad_alloc&) {
+      open_.pop_back();
+      throw;
+    }
   }
   void EndElement(const MetaInfo& meta) override {
     if (meta.name.empty()) return;
@@ -143,6 +146,17 @@ class XMLPacketSerializer final : public Serializer {
     std::size_t name_size = 0;
     bool is_skipped = false;
   };
+
+  // Runs what takes room outside the buffer; the packet has failed where there is none.
+  template <class Take>
+  void TakeRoom(Take&& take) {
+    try {
+      take();
+    } catch (const std::bad_alloc&) {
+      buffer_.SetFailed();
+      throw;
+    }
+  }
 
   std::string_view GetName(const OpenTag& tag) const {
     return {buffer_.GetData() + tag.name_at, tag.name_size};
@@ -362,6 +376,8 @@ class XMLPacketDeserializer final : public Deserializer {
     if (versions_.empty()) throw MakeInconsistentError(kSource.At("GetSubjectVersion", 60));
     return versions_.back();
   }
+
+  bool IsAtEnd() override { return !ranges_.empty() && ranges_.back().next == nullptr; }
 
  private:
   // The children of a tag and the one that is expected next.

@@ -54,9 +54,11 @@ void TryReadElement(Serialization::Deserializer& deserializer, Serialization::Me
     // The next one is read.
   }
 }
-// The same of a field of a record, which is searched by its name.
+// The same of a field of a record, which is searched by its name. A record may be nothing but an
+// end, and a reply nothing but such records: what can't be found then is not worth a throw.
 template <class T>
 void ReadField(Serialization::Deserializer& deserializer, const char* name, T& value) {
+  if (deserializer.IsAtEnd()) return;
   TryReadElement(deserializer, Serialization::MetaInfo(name), value);
 }
 

@@ -24,7 +24,7 @@ using namespace std::string_literals;
 //   NAME, !NAME        reads an int, strictly if marked: the int, or the code of the error;
 //                      the name may be none
 //   (NAME, !(NAME, )NAME   begins and ends an element: "ok" or the code
-//   ?                  the name of the next child
+//   ?                  'the name of the next child', or 'end
 //   @                  the subject version
 std::string RunScript(Deserializer& from, std::string_view script) {
   std::string result;
@@ -43,7 +43,7 @@ std::string RunScript(Deserializer& from, std::string_view script) {
     const std::uint32_t code = CodeOf([&] {
       if (kind == '(') from.BeginElement(meta);
       if (kind == ')') from.EndElement(meta);
-      if (kind == '?') text = "'" + from.PeekMetaInfo().name + "'";
+      if (kind == '?') text = "'" + from.PeekMetaInfo().name + (from.IsAtEnd() ? "end" : "'");
       if (kind == '@') text = std::to_string(from.GetSubjectVersion());
       if (is_read) {
         from.Read(meta, number);
@@ -63,7 +63,7 @@ TEST(XMLPacketReader, FindsChildren) {
     const char* script;
     const char* expected;
   } rows[] = {
-      {"<a>1</a><b>2</b>", "? a ? b ?", "'a' 1 'b' 2 ''"},
+      {"<a>1</a><b>2</b>", "? a ? b ?", "'a' 1 'b' 2 'end"},
       // A search: the child that stood there is passed, the found one isn't taken out.
       {"<a>1</a><b>2</b><c>3</c>", "b ? a ? b", "2 'b' 1 'c' 2"},
       // The search begins at the first child, the look at the next one doesn't.
@@ -82,7 +82,7 @@ TEST(XMLPacketReader, FindsChildren) {
       {"<a><b>1</b></a>", "!(x !(a", "9c0002 9c0002"},
       // Without a name: no element. The enclosing one has no number before its first child.
       {"7<a>8<b>1</b></a>", " ( ) (a  b )a", "7 ok ok ok 8 1 ok"},
-      {"", "? a (a", "'' 9c0002 9c0002"},
+      {"", "? a (a", "'end 9c0002 9c0002"},
   };
   for (const auto& row : rows) {
     const std::unique_ptr<Deserializer> from = OpenElements(row.elements);
@@ -171,15 +171,16 @@ TEST(XMLPacketReader, RefusesBadPackets) {
 }
 
 TEST(XMLPacketReader, ReadsBinaryDocuments) {
-  // <r><a version="9">7</a></r> in the newer of both forms.
+  // <r><a version="9">7</a></r> in the newer of both forms, and behind the a a child without name.
   const std::unique_ptr<Deserializer> from = OpenPacket(
       "BXML\2\0"
       "\1\1r\0\0"
       "\2\1a\3\7version\2"
       "9\0\2"
       "7\0"
+      "\0\4\0\0\0\0"
       "\0\0"s);
-  EXPECT_EQ(RunScript(*from, "? (a @  )a"), "'a' ok 9 7 ok");
+  EXPECT_EQ(RunScript(*from, "? (a @  )a ? a ?"), "'a' ok 9 7 ok '' 7 'end");
 }
 
 // The value that a text reads as, over one that stood there; none: the code of the failure fits

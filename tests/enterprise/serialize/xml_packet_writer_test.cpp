@@ -14,11 +14,13 @@
 #include "tests/enterprise/serialize/packet_support.h"
 #include "tests/support/trace_recorder.h"
 
-// Packets grow by realloc, which the linker turns to here.
+// Packets grow by realloc, and the list of open elements by operator new. The linker turns both to
+// here.
 
 namespace {
 
 std::size_t most_memory = std::numeric_limits<std::size_t>::max();
+bool has_no_objects_left = false;
 
 }  // namespace
 
@@ -27,6 +29,11 @@ extern "C" void* __real_realloc(void* block, std::size_t size);
 extern "C" void* __wrap_realloc(void* block, std::size_t size);
 void* __wrap_realloc(void* block, std::size_t size) {
   return size <= most_memory ? __real_realloc(block, size) : nullptr;
+}
+extern "C" void* __real__Znwm(std::size_t size);
+extern "C" void* __wrap__Znwm(std::size_t size);
+void* __wrap__Znwm(std::size_t size) {
+  return has_no_objects_left ? throw std::bad_alloc() : __real__Znwm(size);
 }
 // NOLINTEND(bugprone-reserved-identifier)
 
@@ -55,7 +62,7 @@ TEST(XMLPacketWriter, PacketHasTheseBytes) {
   std::vector<unsigned char> bytes{1, 2, 3};
   serializer->Finish(bytes);
   EXPECT_EQ(std::string(bytes.begin(), bytes.end()), expected);
-  // Nothing stays; what is open stays open.
+  // Nothing stays, and what is open gets no end tag.
   const TestSupport::TraceRecorder trace;
   serializer->BeginElement(MetaInfo("a"));
   {
@@ -258,6 +265,31 @@ TEST(XMLPacketWriter, PacketsWithoutRoomAreNotFinished) {
   for (const unsigned int count : {good, without_content, without_end, without_root_end}) {
     EXPECT_NE(count, 0u);
   }
+}
+
+TEST(XMLPacketWriter, ElementsWithoutRoomAreNotOpen) {
+  MetaInfo skipped("c");
+  skipped.category = 4;
+  unsigned int failures = 0;
+  for (unsigned int depth = 0; depth < 40; ++depth) {
+    SCOPED_TRACE(depth);
+    const std::unique_ptr<Serializer> to = CreateXMLPacketSerializer(3);
+    for (unsigned int i = 0; i < depth; ++i) to->BeginElement(MetaInfo("a"));
+    const MetaInfo last = depth % 2 == 0 ? skipped : MetaInfo("b");
+    has_no_objects_left = true;
+    try {
+      to->BeginElement(last);
+      has_no_objects_left = false;
+      EXPECT_NO_THROW(to->Finish());
+    } catch (const std::bad_alloc&) {
+      has_no_objects_left = false;
+      ++failures;
+      EXPECT_EQ(to->GetCurrentMetaInfo().name, depth == 0 ? "" : "a");
+      EXPECT_THROW(to->Finish(), std::bad_alloc);
+    }
+  }
+  EXPECT_NE(failures, 0u);
+  EXPECT_NE(failures, 40u);
 }
 
 TEST(XMLPacketWriter, ElementsTellVersionAndTraits) {
