@@ -91,7 +91,7 @@ class ViewManagerProxy : public ::testing::Test {
     SCOPED_TRACE(method);
     Answer(method, results);
     EXPECT_FALSE(call().IsFailure());
-    EXPECT_EQ(point->asked_method, Join({"271 ", numbers, " 2"}));
+    EXPECT_EQ(point->asked_method, Join({"271 ", numbers, " 2 18446744073709551615"}));
     EXPECT_EQ(point->asked, Element(std::string("request_ViewManager_").append(method), arguments));
   }
 
@@ -125,10 +125,12 @@ TEST_F(ViewManagerProxy, SendsArgumentsAndInitialValuesAndStoresResults) {
   EXPECT_EQ(Describe(units), "t7");
 
   const std::string update = Update("1", kSeven, kText);
-  std::vector<ViewUpdate> updates;
-  ExpectCall("AcquireUpdates", "3 1", "<viewID>3</viewID><updates><vector></vector></updates>",
+  std::vector<ViewUpdate> updates{{kUpdateCreated, Text(), Seven()}};
+  ExpectCall("AcquireUpdates", "3 1",
+             Join({"<viewID>4294967295</viewID><updates><vector>", Update("0", kText, kSeven),
+                   "</vector></updates>"}),
              Join({"<updates><vector>", update, "</vector></updates>"}),
-             [&] { return proxy.AcquireUpdates(3, updates); });
+             [&] { return proxy.AcquireUpdates(kMost, updates); });
   EXPECT_EQ(Describe(updates), "17t ");
   SubscriptionContent content{{{kUpdateDeleted, Seven(), nullptr}, {kMost, nullptr, Text()}}};
   ExpectCall(
@@ -140,30 +142,32 @@ TEST_F(ViewManagerProxy, SendsArgumentsAndInitialValuesAndStoresResults) {
       [&] { return proxy.ReadSubscription(0, content); });
   EXPECT_EQ(Describe(content.topic_updates), "17t 17t ");
 
-  Subscription subscription;
-  ExpectCall("Subscribe", "5 2", "<spec></spec><subscription><ID>0</ID></subscription>",
+  Subscription subscription{kMost};
+  ExpectCall("Subscribe", "5 2", "<spec></spec><subscription><ID>4294967295</ID></subscription>",
              "<subscription><ID>5</ID></subscription>",
              [&] { return proxy.Subscribe(SubscriptionSpec(), subscription); });
   EXPECT_EQ(subscription.id, 5u);
-  Topic topic;
+  Topic topic{{kMost, 1}, {Seven(), nullptr}};
   ExpectCall("AddInterest", "6 2",
-             Join({"<spec><Subscription>3</Subscription><Interest version=\"2\">", fields,
+             Join({"<spec><Subscription>4294967295</Subscription><Interest version=\"2\">", fields,
                    Traits("Dml::ViewSpec"), "</Interest></spec>",
-                   Topics("<Subscriber>0</Subscriber><Interest>0</Interest>", "")}),
+                   Topics("<Subscriber>4294967295</Subscriber><Interest>1</Interest>",
+                          Join({Element("item", kSeven), Element("item", kNull)}))}),
              Topics("<Subscriber>5</Subscriber><Interest>6</Interest>", snapshot), [&] {
-               return proxy.AddInterest(TopicSpec{3, spec}, topic);
+               return proxy.AddInterest(TopicSpec{kMost, spec}, topic);
              });
   EXPECT_EQ(topic.id.subscriber, 5u);
   EXPECT_EQ(topic.id.interest, 6u);
   EXPECT_EQ(Describe(topic.content), "t7");
 
-  ExpectCall("CloseView", "4 1", "<viewID>7</viewID>", "", [&] { return proxy.CloseView(7); });
+  ExpectCall("CloseView", "4 1", "<viewID>4294967295</viewID>", "",
+             [&] { return proxy.CloseView(kMost); });
   ExpectCall("RemoveInterest", "8 2",
              "<topic><Subscriber>3</Subscriber><Interest>4294967295</Interest></topic>", "", [&] {
                return proxy.RemoveInterest(TopicID{3, kMost});
              });
-  ExpectCall("Unsubscribe", "9 2", "<subscriber>9</subscriber>", "",
-             [&] { return proxy.Unsubscribe(9); });
+  ExpectCall("Unsubscribe", "9 2", "<subscriber>4294967295</subscriber>", "",
+             [&] { return proxy.Unsubscribe(kMost); });
   point->create_error = Common::Error(0x61, Common::LineTag{});
   EXPECT_EQ(proxy.Unsubscribe(1).GetCode(), 0x61u);
 }
@@ -231,6 +235,45 @@ TEST_F(ViewManagerProxy, KeepsWhatAMalformedUpdateLacks) {
     EXPECT_FALSE(proxy.ReadSubscription(1, content).IsFailure());
     EXPECT_EQ(Describe(content.topic_updates), Join({expected.update, " 1-- "}));
   }
+}
+
+TEST_F(ViewManagerProxy, KeepsWhatOtherMalformedResultsLack) {
+  const std::string content = "<Content><vector>" + Element("item", kSeven) + "</vector></Content>";
+  const std::string id = "<ID><Subscriber>5</Subscriber><Interest>6</Interest></ID>";
+  const struct {
+    std::string topic;
+    const char* values;  // subscriber, interest, content
+  } cases[] = {
+      {content + id, "5 6 7"},
+      {"<ID><Interest>6</Interest><x/></ID>" + content, "1 6 7"},
+      {"<ID><Subscriber>x</Subscriber><Interest>6</Interest></ID>" + content, "0 6 7"},
+      {"<ID>5</ID>" + content, "1 2 7"},
+      {content + "<x/>", "1 2 7"},
+      {id + "<Content></Content>", "5 6 t"},
+  };
+  for (const auto& expected : cases) {
+    SCOPED_TRACE(expected.topic);
+    Topic topic{{1, 2}, {Text()}};
+    Answer("AddInterest", Element("topic", expected.topic));
+    EXPECT_FALSE(proxy.AddInterest(TopicSpec(), topic).IsFailure());
+    EXPECT_EQ(std::to_string(topic.id.subscriber) + " " + std::to_string(topic.id.interest) + " " +
+                  Describe(topic.content),
+              expected.values);
+  }
+
+  Subscription subscription;
+  Answer("Subscribe", "<subscription><x/><ID>5</ID></subscription>");
+  EXPECT_FALSE(proxy.Subscribe(SubscriptionSpec(), subscription).IsFailure());
+  EXPECT_EQ(subscription.id, 5u);
+
+  // The miss of the one uses up the other.
+  unsigned int id_of_view = 3;
+  Units snapshot{Text()};
+  Answer("OpenDynamicView",
+         "<snapshot><vector>" + Element("item", kSeven) + "</vector></snapshot>");
+  EXPECT_FALSE(proxy.OpenDynamicView(ViewSpec(), id_of_view, snapshot).IsFailure());
+  EXPECT_EQ(id_of_view, 3u);
+  EXPECT_EQ(Describe(snapshot), "t");
 }
 
 TEST(ViewManagerReply, CutShortIsRefused) {

@@ -31,7 +31,7 @@ class ScriptedAccessPoint final : public AccessPoint {
   Common::Error run_error;
   std::string reply;         // elements of the next reply
   std::string asked;         // elements of the last request
-  std::string asked_method;  // "COMPONENT NUMBER SINCE VERSION"
+  std::string asked_method;  // "COMPONENT NUMBER SINCE VERSION CATEGORY"
   std::string events;
 
  private:
@@ -50,7 +50,8 @@ class ScriptedAccessPoint final : public AccessPoint {
       owner_.asked_method = std::to_string(request_->GetComponentId()) + ' ' +
                             std::to_string(request_->GetMethodNumber()) + ' ' +
                             std::to_string(base->GetMethodInfo().since_version) + ' ' +
-                            std::to_string(request_->GetInterfaceVersion());
+                            std::to_string(request_->GetInterfaceVersion()) + ' ' +
+                            std::to_string(request_->GetCategory());
       if (owner_.run_error.IsFailure()) return owner_.run_error;
       request_->ReadReply(*Serialization::Packets::OpenElements(owner_.reply));
       return Common::Error();
