@@ -31,6 +31,7 @@ TEST(Client, ConnectsThroughTheLocalBrowserAndReleasesIt) {
   client_libraries.connect_error = Common::Error(0x55, "down", Common::LineTag{});
   const Common::Error refused = ConnectLocal(46, 0, point, WordPair());
   EXPECT_EQ(refused.GetRecord(), client_libraries.connect_error.GetRecord());
+  EXPECT_EQ(client_libraries.events, "local connect(46) ~browser local connect(46) ~browser ");
   client_libraries.events.clear();
   client_libraries.browser_error = Common::Error(0x56, "no library", Common::LineTag{});
   const Common::Error error = ConnectLocal(46, 0, point, WordPair());
@@ -41,6 +42,13 @@ TEST(Client, ConnectsThroughTheLocalBrowserAndReleasesIt) {
   EXPECT_STREQ(error.GetLineTag().function, "ConnectLocalImpl");
   EXPECT_EQ(error.GetLineTag().line, 38u);
   EXPECT_EQ(error.GetNextError().GetRecord(), client_libraries.browser_error.GetRecord());
+}
+
+TEST(Client, HandsOverTheBinderOfTheLibrary) {
+  client_libraries = {};
+  const std::unique_ptr<Binder> binder = CreateBinder();
+  EXPECT_NE(binder, nullptr);
+  EXPECT_EQ(client_libraries.events, "binder ");
 }
 
 }  // namespace
