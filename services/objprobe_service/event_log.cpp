@@ -1,0 +1,20 @@
+#include "services/objprobe_service/event_log.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "tools/objprobe_store/error_text.h"
+
+namespace ObjProbeService {
+
+void LogEvent(const std::string& text) {
+  const std::string line =
+      std::string("objprobe-service: ").append(StoreTool::MakePrintable(text)).append("\n");
+  ssize_t result = 0;
+  do {
+    result = ::write(STDERR_FILENO, line.data(), line.size());
+  } while (result < 0 && errno == EINTR);
+}
+
+}  // namespace ObjProbeService

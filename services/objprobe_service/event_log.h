@@ -1,0 +1,12 @@
+#pragma once
+
+#include <string>
+
+namespace ObjProbeService {
+
+// Writes one line of UTF-8 to standard error: the program's name and the text, whose control
+// characters become "?". Failures are not told, as there is nobody to tell. Threads: any, lines
+// stay whole.
+void LogEvent(const std::string& text);
+
+}  // namespace ObjProbeService
