@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <functional>
+#include <initializer_list>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -79,17 +80,17 @@ class TellingHandler final : public Async::ActionHandler {
   std::optional<Common::Error> result_;
 };
 
-// Notes kinds and numbers, for example "+1*1,2-1 ". Stars that a raising reader notes stand alone.
+// Notes kinds and numbers, for example "+1*1,2-1", unless in_read raises.
 class NotingChanges final : public SubscriptionReader {
  public:
   using SubscriptionReader::OnCreated;
   using SubscriptionReader::OnDeleted;
   using SubscriptionReader::OnUpdated;
-  void OnCreated(const Por::View::Unit& object) override { Note("+" + Number(object)); }
+  void OnCreated(const Por::View::Unit& object) override { Note({"+", Number(object)}); }
   void OnUpdated(const Por::View::Unit& key, const Por::View::Unit& diff) override {
-    Note("*" + Number(key) + "," + Number(diff));
+    Note({"*", Number(key), ",", Number(diff)});
   }
-  void OnDeleted(const Por::View::Unit& key) override { Note("-" + Number(key)); }
+  void OnDeleted(const Por::View::Unit& key) override { Note({"-", Number(key)}); }
 
   // What was read since the last time.
   std::string Take() {
@@ -104,9 +105,9 @@ class NotingChanges final : public SubscriptionReader {
     if (in_read) in_read(unit);
     return std::to_string(Por::Util::GetValue<unsigned int>(unit));
   }
-  void Note(const std::string& text) {
+  void Note(std::initializer_list<std::string> texts) {
     const std::lock_guard lock(mutex_);
-    read_ += text;
+    for (const std::string& text : texts) read_ += text;
   }
 
   std::mutex mutex_;
