@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <initializer_list>
+#include <map>
 #include <string_view>
 #include <thread>
 
@@ -211,6 +212,312 @@ TEST_F(ViewServiceTest, DynamicViewTellsChangesPullByPull) {
     for (const ViewUpdate& update : updates) texts.push_back(Describe(update));
   }
   EXPECT_EQ(texts, (Texts{"~2v3", "-1", "+3v1", "-3"}));
+}
+
+TEST_F(ViewServiceTest, ViewsWaitForAChangeAndEndWithTheirClient) {
+  Serve(1);
+  unsigned int view = 0;
+  Units snapshot;
+  ASSERT_EQ(Call(CreateOpenDynamicViewRequest({}, view, snapshot)), 0U);
+  // Nothing happens: the answer is empty, and the next pull waits again.
+  std::vector<ViewUpdate> updates{{}};
+  EXPECT_EQ(Call(CreateAcquireUpdatesRequest(view, updates)), 0U);
+  EXPECT_EQ(Describe(updates), Texts());
+  // A cancelled pull takes no change with it.
+  SentRequest cancelled = Send(CreateAcquireUpdatesRequest(view, updates));
+  cancelled.call->Cancel();
+  Store({MakeVersion(1, 1)});
+  EXPECT_EQ(Call(CreateAcquireUpdatesRequest(view, updates)), 0U);
+  EXPECT_EQ(Describe(updates), (Texts{"+1v1"}));
+  // A pull of a view that is closed is told.
+  SentRequest waiting = Send(CreateAcquireUpdatesRequest(view, updates));
+  EXPECT_EQ(Call(CreateCloseViewRequest(view)), 0U);
+  EXPECT_EQ(waiting.Wait().GetCode(), kViewClosing);
+  EXPECT_EQ(Call(CreateCloseViewRequest(view)), kUnknownView);
+}
+
+TEST_F(ViewServiceTest, InterestsShareOneStreamInChannels) {
+  Store({MakeVersion(1, 1), MakeVersion(2, 1, "Other")});
+  Serve();
+  const unsigned int id = Subscribe();
+  const Topic things = AddInterest(id, kThings);
+  EXPECT_EQ(Describe(things.content), (Texts{"1v1"}));
+  EXPECT_EQ(Pull(id, 1), (Texts{"1 open"}));
+  const Topic all = AddInterest(id);
+  EXPECT_EQ(all.id.interest, 2U);
+  EXPECT_EQ(Describe(all.content), (Texts{"1v1", "2v1"}));
+  // One object begins to match, one goes on, one stops, one is gone.
+  Store({MakeVersion(2, 2), MakeVersion(2, 3), MakeVersion(1, 2, "Other")});
+  Delete(2);
+  Texts texts = Pull(id, 9);
+  std::stable_sort(texts.begin(), texts.end(),
+                   [](const std::string& a, const std::string& b) { return a[0] < b[0]; });
+  EXPECT_EQ(texts,
+            (Texts{"1+2v2", "1~2v3", "1-1", "1-2", "2 open", "2~2v2", "2~2v3", "2~1v2", "2-2"}));
+  // The removal is the last that is told of a channel; the other one goes on.
+  EXPECT_EQ(Call(CreateRemoveInterestRequest(things.id)), 0U);
+  EXPECT_EQ(Call(CreateRemoveInterestRequest(things.id)), kUnknownChannel);
+  EXPECT_EQ(Pull(id, 1), (Texts{"1 closed"}));
+  Store({MakeVersion(3, 1)});
+  EXPECT_EQ(Pull(id, 1), (Texts{"2+3v1"}));
+}
+
+TEST_F(ViewServiceTest, PullsWaitOneAtATime) {
+  Serve();
+  const unsigned int id = Subscribe();
+  SubscriptionContent content{{{}}};
+  EXPECT_EQ(Call(CreateReadSubscriptionRequest(id, content)), 0U);  // the time has passed
+  EXPECT_TRUE(content.topic_updates.empty());
+  limits_.pull_wait = std::chrono::minutes(1);
+  session_->OnClosed();
+  Serve();
+  const unsigned int other = Subscribe();
+  SentRequest cancelled = Send(CreateReadSubscriptionRequest(other, content));
+  SubscriptionContent refused;
+  EXPECT_EQ(Call(CreateReadSubscriptionRequest(other, refused)), kAlreadyRunning);
+  cancelled.call->Cancel();
+  SentRequest waiting = Send(CreateReadSubscriptionRequest(other, content));
+  EXPECT_FALSE(waiting.call->IsAnswered());
+  AddInterest(other);
+  EXPECT_EQ(waiting.Wait().GetCode(), 0U);
+  ASSERT_EQ(content.topic_updates.size(), 1U);
+  EXPECT_EQ(DescribeRecord(content.topic_updates[0]), "1 open");
+  waiting = Send(CreateReadSubscriptionRequest(other, content));
+  EXPECT_EQ(Call(CreateUnsubscribeRequest(other)), 0U);
+  EXPECT_EQ(waiting.Wait().GetCode(), kViewClosing);
+  EXPECT_EQ(Call(CreateUnsubscribeRequest(other)), kUnknownTransmission);
+}
+
+TEST_F(ViewServiceTest, LargeQueuesComeInSeveralAnswers) {
+  limits_.max_pull_bytes = 1000;
+  Serve();
+  const unsigned int id = Subscribe();
+  AddInterest(id);
+  Texts expected{"1 open"};
+  std::vector<std::string> objects;
+  for (int i = 1; i <= 30; ++i) {
+    objects.push_back(MakeVersion(i, 1));
+    expected.push_back(Join({"1+", std::to_string(i), "v1"}));
+  }
+  Store(objects);
+  Texts texts;
+  int answers = 0;
+  for (; texts.size() < expected.size(); ++answers) {
+    for (const std::string& text : Pull(id, 1)) texts.push_back(text);
+  }
+  EXPECT_EQ(texts, expected);
+  EXPECT_GT(answers, 3);
+}
+
+TEST_F(ViewServiceTest, ClientThatDoesNotPullLosesItsTransmission) {
+  const struct {
+    std::size_t records;
+    std::size_t bytes;
+  } cases[] = {{10, std::size_t{1} << 20}, {1000, 2000}};
+  for (const auto& limit : cases) {
+    SCOPED_TRACE(limit.records);
+    limits_.max_queue_records = limit.records;
+    limits_.max_queue_bytes = limit.bytes;
+    log_.clear();
+    Serve();
+    const unsigned int id = Subscribe();
+    const Topic topic = AddInterest(id);
+    for (int i = 1; i <= 20; ++i) Store({MakeVersion(i, static_cast<unsigned int>(limit.records))});
+    EXPECT_TRUE(Eventually([&] {
+      const std::lock_guard lock(log_mutex_);
+      return log_.find("client: transmission failed: More updates wait") == 0;
+    }));
+    SubscriptionContent content;
+    Topic none;
+    for (int i = 0; i < 2; ++i) {
+      EXPECT_EQ(Call(CreateReadSubscriptionRequest(id, content)), kUpdatesNotTaken);
+      EXPECT_EQ(Call(CreateAddInterestRequest({id, {}}, none)), kUpdatesNotTaken);
+      EXPECT_EQ(Call(CreateRemoveInterestRequest(topic.id)), kUpdatesNotTaken);
+    }
+    // Only the transmission is over, not the connection.
+    const unsigned int next = Subscribe();
+    EXPECT_NE(next, id);
+    AddInterest(next);
+    EXPECT_EQ(Pull(next, 1), (Texts{"1 open"}));
+    EXPECT_EQ(Call(CreateUnsubscribeRequest(id)), kUnknownTransmission);
+    EXPECT_EQ(Call(CreateUnsubscribeRequest(next)), 0U);
+    session_->OnClosed();
+  }
+}
+
+TEST_F(ViewServiceTest, ChannelThatCannotGoOnSaysWhy) {
+  Store({MakeVersion(1, 1)});
+  Serve();
+  const unsigned int id = Subscribe();
+  const Topic topic = AddInterest(id);
+  // The log no longer leads on from where the channel stands.
+  Execute(path_, "DELETE FROM changes");
+  Store({MakeVersion(1, 2)});
+  EXPECT_EQ(Pull(id, 2), (Texts{"1 open", Join({"1 error ", std::to_string(0x40005)})}));
+  // The others don't mind, and the channel can be put away.
+  AddInterest(id);
+  EXPECT_EQ(Call(CreateRemoveInterestRequest(topic.id)), 0U);
+  EXPECT_EQ(Pull(id, 2), (Texts{"2 open", "1 closed"}));
+}
+
+TEST_F(ViewServiceTest, ObjectsDoNotSpeakForTheService) {
+  Serve();
+  const unsigned int id = Subscribe();
+  AddInterest(id);
+  Store({MakeObject(1, "Thing",
+                    ".Trait(\"ChannelID\").DWord(7).End().Trait(\"ChannelRemoval\").Nil().End()"
+                    ".Trait(\"ChannelError\").Nil().End().Trait(\"Alpha\").Nil().End()")});
+  SubscriptionContent content;
+  while (content.topic_updates.empty() || DescribeRecord(content.topic_updates[0]) == "1 open") {
+    ASSERT_EQ(Call(CreateReadSubscriptionRequest(id, content)), 0U);
+  }
+  // All else is as it was.
+  EXPECT_TRUE(Por::Util::UnitEqual(
+      *content.topic_updates[0].key,
+      *Parse(MakeObject(1, "Thing",
+                        ".Trait(\"ChannelID\").DWord(1).End().Trait(\"Alpha\").Nil().End()"))));
+}
+
+TEST_F(ViewServiceTest, ClientThatVanishesLeavesNothing) {
+  limits_.pull_wait = std::chrono::minutes(10);
+  Store({MakeVersion(1, 1)});
+  Serve();
+  unsigned int view = 0;
+  Units snapshot;
+  std::vector<ViewUpdate> updates;
+  SubscriptionContent content;
+  ASSERT_EQ(Call(CreateOpenDynamicViewRequest({}, view, snapshot)), 0U);
+  const unsigned int id = Subscribe();
+  AddInterest(id);
+  EXPECT_EQ(Pull(id, 1), (Texts{"1 open"}));
+  std::vector<std::weak_ptr<TestCall>> calls;
+  for (int i = 0; i < 2; ++i) {
+    SentRequest waiting = Send(i == 0 ? CreateAcquireUpdatesRequest(view, updates)
+                                      : CreateReadSubscriptionRequest(id, content));
+    calls.push_back(waiting.call);
+    waiting.call->Cancel();
+  }
+  session_->OnClosed();
+  session_.reset();
+  for (const auto& call : calls) {
+    EXPECT_TRUE(Eventually([&] { return call.expired(); }));
+  }
+  // What it asked for means nothing to the next one.
+  session_ = service_->Open("next");
+  EXPECT_EQ(Call(CreateCloseViewRequest(view)), kUnknownView);
+  EXPECT_EQ(Call(CreateReadSubscriptionRequest(id, content)), kUnknownTransmission);
+  EXPECT_NE(Subscribe(), id);
+}
+
+TEST_F(ViewServiceTest, ClientIsHeldToItsLimits) {
+  Store({MakeVersion(1, 1), MakeVersion(2, 1)});
+  limits_.max_views = 2;
+  limits_.max_reports = 1;
+  Serve();
+  const unsigned int id = Subscribe();
+  Subscription second;
+  EXPECT_EQ(Call(CreateSubscribeRequest({}, second)), kSecondTransmission);
+  const Topic topic = AddInterest(id);
+  unsigned int view = 0;
+  Units snapshot;
+  ASSERT_EQ(Call(CreateOpenDynamicViewRequest({}, view, snapshot)), 0U);
+  Topic refused;
+  EXPECT_EQ(Call(CreateAddInterestRequest({id, {}}, refused)), kTooManyViews);
+  EXPECT_EQ(Call(CreateRemoveInterestRequest(topic.id)), 0U);
+  EXPECT_EQ(AddInterest(id).id.interest, 2U);
+  // Calls that must wait for their turn come to it, those that were cancelled meanwhile, too.
+  std::vector<SentRequest> sent;
+  std::vector<Units> results(8);
+  for (Units& units : results) sent.push_back(Send(CreateOpenStaticViewRequest({}, units)));
+  sent[5].call->Cancel();
+  for (std::size_t i = 0; i < sent.size(); ++i) {
+    if (i == 5) continue;
+    EXPECT_EQ(sent[i].Wait().GetCode(), 0U);
+    EXPECT_EQ(Describe(results[i]), (Texts{"1v1", "2v1"}));
+  }
+  session_->OnClosed();
+  limits_.max_reply_bytes = 300;  // one object takes some 190
+  limits_.max_view_bytes = 2000;
+  Serve();
+  EXPECT_EQ(Call(CreateOpenStaticViewRequest({}, snapshot)), kReplyTooLarge);
+  EXPECT_EQ(
+      Call(CreateOpenStaticViewRequest(
+          MakeSpec("", ".Composite().Property(\"LimitOptions\").DWord(1).End().End()"), snapshot)),
+      0U);
+  EXPECT_EQ(Call(CreateOpenDynamicViewRequest({}, view, snapshot)), kReplyTooLarge);
+  const std::string long_text(1000, 'x');
+  EXPECT_EQ(Call(CreateOpenDynamicViewRequest(
+                MakeSpec(Join({".String(\"", long_text, "\").End()"})), view, snapshot)),
+            kTooManyViews);
+}
+
+TEST_F(ViewServiceTest, SecondGenerationIsNotServedInTheFirst) {
+  Serve(1);
+  EXPECT_EQ(service_->GetInterfaces().at(0).version, 1U);
+  Subscription subscription;
+  SubscriptionContent content;
+  Topic topic;
+  EXPECT_EQ(Call(CreateSubscribeRequest({}, subscription)), kUnknownMethod);
+  EXPECT_EQ(Call(CreateAddInterestRequest({1, {}}, topic)), kUnknownMethod);
+  EXPECT_EQ(Call(CreateReadSubscriptionRequest(1, content)), kUnknownMethod);
+  EXPECT_EQ(Call(CreateRemoveInterestRequest({1, 1})), kUnknownMethod);
+  EXPECT_EQ(Call(CreateUnsubscribeRequest(1)), kUnknownMethod);
+  session_->OnClosed();
+  Serve();
+  EXPECT_EQ(service_->GetInterfaces().at(0).component_id, 271U);
+  EXPECT_EQ(service_->GetInterfaces().at(0).version, 2U);
+}
+
+// Two threads add and remove interests and one pulls while the store changes: of each channel comes
+// its opening, then versions without a gap, then its removal.
+TEST_F(ViewServiceTest, ChannelsKeepTheirOrderUnderLoad) {
+  constexpr int kRounds = 15;
+  constexpr unsigned int kVersions = 60;
+  Store({MakeVersion(1, 0)});
+  Serve();
+  const unsigned int id = Subscribe();
+  std::mutex mutex;
+  std::map<unsigned int, unsigned int> starts;  // the version in the snapshot of a channel
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 2; ++i) {
+    threads.emplace_back([&] {
+      for (int round = 0; round < kRounds; ++round) {
+        const Topic topic = AddInterest(id);
+        {
+          const std::lock_guard lock(mutex);
+          starts[topic.id.interest] = Por::Util::GetValue<unsigned int>(
+              Por::Util::GetProperty(*topic.content.at(0), "V").GetValue());
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        EXPECT_EQ(Call(CreateRemoveInterestRequest(topic.id)), 0U);
+      }
+    });
+  }
+  threads.emplace_back([&] {
+    for (unsigned int version = 1; version <= kVersions; ++version)
+      Store({MakeVersion(1, version)});
+  });
+  std::map<unsigned int, Texts> channels;
+  std::size_t closed = 0;
+  while (closed < 2 * kRounds) {
+    for (const std::string& text : Pull(id, 1)) {
+      std::size_t end = 0;
+      const auto number = static_cast<unsigned int>(std::stoul(text, &end));
+      channels[number].push_back(text.substr(end));
+      if (text.ends_with(" closed")) ++closed;
+    }
+  }
+  for (std::thread& thread : threads) thread.join();
+  for (auto& [number, texts] : channels) {
+    ASSERT_GE(texts.size(), 2U);
+    Texts expected{" open"};
+    for (std::size_t i = 1; i + 1 < texts.size(); ++i) {
+      expected.push_back(Join({"~1v", std::to_string(starts[number] + i)}));
+    }
+    expected.emplace_back(" closed");
+    EXPECT_EQ(texts, expected) << number;
+  }
+  EXPECT_EQ(channels.size(), 2U * kRounds);
 }
 
 }  // namespace
