@@ -1,0 +1,263 @@
+#include "services/objprobe_service/authenticator.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include "core/common/error.h"
+#include "services/objprobe_service/user_file.h"
+#include "tests/support/temporary_folder.h"
+
+namespace ObjProbeService {
+
+namespace {
+
+using Clock = FailureCounter::Clock;
+using std::chrono::milliseconds;
+
+// Of "Hello world!", by `openssl passwd -6` and by crypt(3) of Perl.
+constexpr char kSha512[] =
+    "$6$saltstring$svn8UoSVapNtMuq1ukKS4tPQd8iKwSMHWjl/O817G3uBnIFNjnQJuesI"
+    "68u4OTLiBFdcbYEdFCoEOfaS35inz1";
+constexpr char kYescrypt[] =
+    "$y$j9T$F5Jx5fExrKuPp53xLKQ..1$42RgPIrXdXSEEs77lDi/4IqKVqFBAVaHJkzw5uD1r57";
+constexpr char kPassword[] = "Hello world!";
+
+std::uint32_t CodeOf(const auto& action) {
+  try {
+    action();
+  } catch (const Common::Error& error) {
+    return error.GetCode();
+  }
+  return 0;
+}
+
+class UserFileTest : public testing::Test {
+ protected:
+  void Write(const std::string& text, mode_t mode = 0600) {
+    std::ofstream(path_) << text;
+    ASSERT_EQ(::chmod(path_.c_str(), mode), 0);
+  }
+  std::string ReadText() const {
+    std::ostringstream text;
+    text << std::ifstream(path_).rdbuf();
+    return text.str();
+  }
+  static std::string Line(const std::string& user, const std::string& hash = kSha512) {
+    return std::string(user).append(":").append(hash).append("\n");
+  }
+
+  const TestSupport::TemporaryFolder folder_;
+  const std::string path_ = folder_ / "users";
+};
+
+TEST(PasswordHash, IsThatOfCrypt) {
+  for (const char* hash : {kSha512, kYescrypt}) {
+    EXPECT_TRUE(MatchesHash(kPassword, hash));
+    EXPECT_FALSE(MatchesHash("Hello world", hash));
+    EXPECT_FALSE(MatchesHash("", hash));
+    EXPECT_FALSE(MatchesHash(kPassword, std::string(hash) + "x"));
+  }
+  const std::string made = HashPassword("p");
+  EXPECT_TRUE(made.starts_with("$y$"));
+  EXPECT_TRUE(MatchesHash("p", made));
+  EXPECT_NE(HashPassword("p"), made);
+}
+
+TEST_F(UserFileTest, IsReadAgainWhenItChanges) {
+  UserFile file(path_);
+  EXPECT_EQ(CodeOf([&] { file.Read(); }), 0x40011U);
+  Write(std::string("# People\n\n").append(Line("anna")).append(Line("bob \xC3\xA9", kYescrypt)));
+  EXPECT_EQ(*file.Read(), (UserHashes{{"anna", kSha512}, {"bob \xC3\xA9", kYescrypt}}));
+  Write(Line("carl"));
+  EXPECT_EQ(*file.Read(), (UserHashes{{"carl", kSha512}}));
+  // What isn't in order lets nobody in, who was in it before included.
+  const std::string bad[] = {
+      Line("anna") + Line("anna"), Line(""),       "anna\n",   "anna:\n",
+      "anna:$1$salt$hash\n",       "anna:plain\n", "anna:*\n", Line("anna\t"),
+  };
+  for (const std::string& text : bad) {
+    Write(text);
+    EXPECT_EQ(CodeOf([&] { file.Read(); }), 0x4000DU) << text;
+  }
+  std::filesystem::remove(path_);
+  EXPECT_EQ(CodeOf([&] { file.Read(); }), 0x40011U);
+}
+
+TEST_F(UserFileTest, IsForItsOwnerOnly) {
+  UserFile file(path_);
+  for (const mode_t mode : {0604U, 0602U, 0601U, 0620U, 0666U}) {
+    Write(Line("anna"), mode);
+    EXPECT_EQ(CodeOf([&] { file.Read(); }), 0x40023U) << std::oct << mode;
+  }
+  Write(Line("anna"), 0640);
+  EXPECT_EQ(file.Read()->size(), 1U);
+  std::filesystem::remove(path_);
+  std::filesystem::create_directory(path_);
+  std::filesystem::permissions(path_, std::filesystem::perms::owner_all);
+  EXPECT_EQ(CodeOf([&] { file.Read(); }), 0x40023U);
+}
+
+TEST_F(UserFileTest, PasswordsAreSetOneByOne) {
+  SetPassword(path_, "anna", "one");
+  Write(std::string("# People\n").append(ReadText()).append(Line("bob")));
+  SetPassword(path_, "carl", "two");
+  SetPassword(path_, "anna", "three");
+  UserFile file(path_);
+  const auto users = file.Read();
+  EXPECT_EQ(users->size(), 3U);
+  EXPECT_TRUE(MatchesHash("three", users->at("anna")));
+  EXPECT_FALSE(MatchesHash("one", users->at("anna")));
+  EXPECT_TRUE(MatchesHash("two", users->at("carl")));
+  EXPECT_EQ(users->at("bob"), kSha512);
+  EXPECT_TRUE(ReadText().starts_with("# People\nanna:"));
+  struct stat status = {};
+  ASSERT_EQ(::stat(path_.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777U, 0600U);
+  // A file that isn't in order stays as it is, and nothing is left beside it.
+  Write("anna\n");
+  EXPECT_EQ(CodeOf([&] { SetPassword(path_, "anna", "four"); }), 0x4000DU);
+  EXPECT_EQ(ReadText(), "anna\n");
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder_.GetPath()), {}), 1);
+}
+
+TEST(UserName, MakesOneFieldOfALine) {
+  for (const char* good : {"a", "anna maria", "\xC3\xA9", "a#"}) EXPECT_TRUE(IsUserName(good));
+  for (const char* bad : {"", "a:b", "#a", "a\n", "\x7F"}) EXPECT_FALSE(IsUserName(bad));
+  EXPECT_TRUE(IsUserName(std::string(256, 'a')));
+  EXPECT_FALSE(IsUserName(std::string(257, 'a')));
+  EXPECT_TRUE(IsPassword(std::string(511, 'a')));
+  EXPECT_FALSE(IsPassword(std::string(512, 'a')));
+  EXPECT_FALSE(IsPassword(""));
+  EXPECT_FALSE(IsPassword(std::string("a\0b", 3)));
+}
+
+TEST(FailureCounter, CountsWithinAWindow) {
+  FailureCounter counter(2, milliseconds(100), 3);
+  const Clock::time_point start;
+  const auto begin = [&](const char* name, int after) {
+    return counter.Begin(name, start + milliseconds(after));
+  };
+  EXPECT_TRUE(begin("a", 0));
+  counter.Forgive("a");
+  EXPECT_TRUE(begin("a", 10));
+  EXPECT_TRUE(begin("a", 20));
+  EXPECT_FALSE(begin("a", 30));
+  EXPECT_TRUE(begin("b", 30));
+  EXPECT_FALSE(begin("a", 109));
+  EXPECT_TRUE(begin("a", 110));  // a new window
+  EXPECT_TRUE(begin("a", 120));
+  EXPECT_FALSE(begin("a", 130));
+  // With one name too many the oldest window goes: that of b.
+  EXPECT_TRUE(begin("b", 120));
+  EXPECT_TRUE(begin("c", 125));
+  EXPECT_TRUE(begin("d", 126));
+  EXPECT_TRUE(begin("b", 127));
+  EXPECT_TRUE(begin("b", 128));
+}
+
+TEST(Network, IsTheHostOrHalfOfALongAddress) {
+  EXPECT_EQ(GetNetwork("192.0.2.7"), "192.0.2.7");
+  EXPECT_EQ(GetNetwork("192.0.2.7:1234"), "192.0.2.7");
+  EXPECT_EQ(GetNetwork("[2001:db8:1:2:3:4:5:6]:1234"), "2001:db8:1:2::");
+  EXPECT_EQ(GetNetwork("2001:db8:1:2::9"), "2001:db8:1:2::");
+  EXPECT_EQ(GetNetwork("::ffff:192.0.2.7"), "192.0.2.7");
+  EXPECT_EQ(GetNetwork("[fe80::1%eth0]:1"), "fe80::");
+  EXPECT_EQ(GetNetwork("["), "");
+  EXPECT_EQ(GetNetwork(""), "");
+}
+
+class AuthenticatorTest : public UserFileTest {
+ protected:
+  AuthenticatorTest() {
+    limits_.refusal_time = milliseconds(0);
+    Write(Line("anna") + Line("bob", kYescrypt));
+  }
+  std::unique_ptr<Authenticator> Make() {
+    return std::make_unique<Authenticator>(path_, limits_, [this](const std::string& line) {
+      const std::lock_guard lock(mutex_);
+      log_ += line + "\n";
+    });
+  }
+
+  Authenticator::Limits limits_;
+  std::mutex mutex_;
+  std::string log_;
+};
+
+TEST_F(AuthenticatorTest, LetsInWhoHasThePassword) {
+  const auto authenticator = Make();
+  EXPECT_TRUE(authenticator->Authenticate("anna", kPassword, "192.0.2.1:5"));
+  EXPECT_TRUE(authenticator->Authenticate("bob", kPassword, "192.0.2.1:6"));
+  EXPECT_EQ(log_, "");
+  EXPECT_FALSE(authenticator->Authenticate("anna", "hello world!", "192.0.2.1:5"));
+  EXPECT_FALSE(authenticator->Authenticate("anna", "", "192.0.2.1:5"));
+  // Nothing behind a 0 is lost.
+  EXPECT_FALSE(authenticator->Authenticate("anna", std::string(kPassword) + '\0' + "x", "a"));
+  EXPECT_FALSE(authenticator->Authenticate("", kPassword, "192.0.2.1:5"));
+  log_.clear();
+  EXPECT_FALSE(authenticator->Authenticate("no\nbody", kPassword, "192.0.2.1:5"));
+  EXPECT_EQ(log_, "user \"no?body\" at 192.0.2.1:5 refused: unknown user or wrong password\n");
+  // The user that stands in for unknown ones is not let in under another name, or with no users.
+  EXPECT_FALSE(authenticator->Authenticate("zoe", kPassword, "192.0.2.1:5"));
+  Write("");
+  EXPECT_FALSE(authenticator->Authenticate("anna", kPassword, "192.0.2.1:5"));
+  EXPECT_FALSE(authenticator->Authenticate("nobody", "nobody", "192.0.2.2:5"));
+  Write("no\n");
+  EXPECT_FALSE(authenticator->Authenticate("anna", kPassword, "192.0.2.1:5"));
+  EXPECT_EQ(CodeOf([&] { Make(); }), 0x4000DU);
+}
+
+TEST_F(AuthenticatorTest, RefusesAfterTooManyFailures) {
+  limits_.max_failures_of_address = 3;
+  limits_.max_failures_of_user = 5;
+  const auto authenticator = Make();
+  // Success costs nothing, however often.
+  for (int i = 0; i < 4; ++i) {
+    EXPECT_TRUE(authenticator->Authenticate("anna", kPassword, "192.0.2.1:5"));
+  }
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_FALSE(authenticator->Authenticate(i == 1 ? "x" : "anna", "no", "192.0.2.1:5"));
+  }
+  EXPECT_FALSE(authenticator->Authenticate("anna", kPassword, "192.0.2.1:7"));
+  EXPECT_FALSE(authenticator->Authenticate("bob", kPassword, "192.0.2.1:7"));
+  EXPECT_NE(log_.find("refused: too many failures of the address"), std::string::npos);
+  // From elsewhere they can still come, until the user has had too many, too.
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_TRUE(authenticator->Authenticate("anna", kPassword, "192.0.2.2:5"));
+    const std::string address = std::string("192.0.2.").append(std::to_string(10 + i));
+    EXPECT_FALSE(authenticator->Authenticate("anna", "no", address));
+  }
+  EXPECT_FALSE(authenticator->Authenticate("anna", kPassword, "192.0.2.2:5"));
+  EXPECT_TRUE(authenticator->Authenticate("bob", kPassword, "192.0.2.2:5"));
+  EXPECT_NE(log_.find("refused: too many failures of the user"), std::string::npos);
+}
+
+TEST_F(AuthenticatorTest, RefusalTakesItsTimeUnlessTheServiceEnds) {
+  limits_.refusal_time = milliseconds(300);
+  const auto authenticator = Make();
+  for (const char* user : {"anna", "nobody"}) {
+    const Clock::time_point start = Clock::now();
+    EXPECT_FALSE(authenticator->Authenticate(user, "no", "192.0.2.1:5"));
+    EXPECT_GE(Clock::now() - start, limits_.refusal_time);
+  }
+  limits_.refusal_time = std::chrono::minutes(10);
+  const auto patient = Make();
+  std::thread stopper([&] { patient->Stop(); });
+  EXPECT_FALSE(patient->Authenticate("anna", "no", "192.0.2.1:5"));
+  stopper.join();
+}
+
+}  // namespace
+
+}  // namespace ObjProbeService
