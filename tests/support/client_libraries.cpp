@@ -84,6 +84,7 @@ void IPCClient_Init(unsigned int reserved, Common::Error& error) {
 
 void IPCClient_Deinit(Common::Error& error) {
   EXPECT_FALSE(error.IsFailure());
+  if (client_libraries.in_deinit) client_libraries.in_deinit();
   TestSupport::Note("deinit");
   error = Common::Error(0x99, Common::LineTag{});
 }

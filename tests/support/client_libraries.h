@@ -32,6 +32,9 @@ struct ClientLibraries {
   // kRefusedCode and notes its end.
   std::function<std::unique_ptr<Binding::AccessPoint>()> make_access_point;
 
+  // Before the IPC client is told to have stopped.
+  std::function<void()> in_deinit;
+
   std::uint32_t security_status = 0;
   std::uint64_t security_started_from = 0;
   std::vector<unsigned char> security_error;  // byte form of the last error, if there is one

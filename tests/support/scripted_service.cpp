@@ -178,8 +178,9 @@ class ScriptedAccessPoint final : public Binding::AccessPoint {
     return {};
   }
   std::uint32_t GetConnectionKey() override { return service_.connection_key; }
-  Common::Error GetInterfaceVersion(std::uint32_t, std::uint32_t& version,
+  Common::Error GetInterfaceVersion(std::uint32_t component_id, std::uint32_t& version,
                                     std::uint32_t&) override {
+    EXPECT_EQ(component_id, 271u);
     version = service_.interface_version;
     return service_.version_error;
   }
@@ -192,8 +193,8 @@ ScriptedService::~ScriptedService() {
   pool_.Stop();
 }
 
-std::shared_ptr<Binding::AccessPoint> ScriptedService::Connect() {
-  return std::make_shared<ScriptedAccessPoint>(*this);
+std::unique_ptr<Binding::AccessPoint> ScriptedService::Connect() {
+  return std::make_unique<ScriptedAccessPoint>(*this);
 }
 
 void ScriptedService::On(const std::string& method, Script script) {

@@ -83,7 +83,7 @@ class ScriptedService {
   ScriptedService() = default;
   ~ScriptedService();
 
-  std::shared_ptr<Binding::AccessPoint> Connect();
+  std::unique_ptr<Binding::AccessPoint> Connect();
 
   // What happens to the calls of a method, on the thread that starts them. A call without a script
   // waits for Next.

@@ -1,8 +1,6 @@
 #include "enterprise/common/dml/tools/objprobe/dml.h"
 
 #include <gtest/gtest.h>
-#include <sys/ioctl.h>
-#include <unistd.h>
 
 #include <functional>
 #include <memory>
@@ -20,6 +18,7 @@
 #include "enterprise/common/por/unit_factory.h"
 #include "enterprise/common/por/unit_handle.h"
 #include "tests/enterprise/common/dml/scripted_post_office.h"
+#include "tests/enterprise/common/dml/tools/objprobe/standard_input.h"
 
 namespace ObjProbe {
 namespace {
@@ -83,36 +82,6 @@ TEST(Report, AFailureBecomesTheReasonOfCodeFive) {
   EXPECT_STREQ(failure.GetLineTag().function, "Report");
   EXPECT_EQ(failure.GetNextError().GetCode(), 0x40001u);
 }
-
-// A pipe as standard input.
-class StandardInput {
- public:
-  StandardInput() {
-    int ends[2];
-    EXPECT_EQ(::pipe(ends), 0);
-    ::dup2(ends[0], STDIN_FILENO);
-    ::close(ends[0]);
-    writer_ = ends[1];
-  }
-  ~StandardInput() {
-    End();
-    ::dup2(former_, STDIN_FILENO);
-    ::close(former_);
-  }
-  void Type() { EXPECT_EQ(::write(writer_, "q", 1), 1); }
-  void End() {
-    if (writer_ >= 0) ::close(std::exchange(writer_, -1));
-  }
-  static int CountUnread() {
-    int count = -1;
-    EXPECT_EQ(::ioctl(STDIN_FILENO, FIONREAD, &count), 0);
-    return count;
-  }
-
- private:
-  const int former_ = ::dup(STDIN_FILENO);
-  int writer_ = -1;
-};
 
 // Each read runs one step on a thread of its own. Behind the last step a read waits for its cancel.
 class SteppedSubscription final : public Dml::Subscription {

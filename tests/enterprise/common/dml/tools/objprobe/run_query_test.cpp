@@ -7,7 +7,10 @@
 
 #include "core/common/error.h"
 #include "enterprise/common/dml/tools/objprobe/output.h"
+#include "enterprise/common/por/unit_factory.h"
+#include "tests/enterprise/common/dml/tools/objprobe/standard_input.h"
 #include "tests/support/client_libraries.h"
+#include "tests/support/scripted_service.h"
 #include "tests/support/trace_recorder.h"
 
 namespace ObjProbe {
@@ -54,6 +57,64 @@ TEST(RunQuery, StartsWhatTheQueryNeedsAndStopsTheClientLast) {
     client_libraries = {};
     EXPECT_EQ(Answer(expected.words).status, expected.status);
     EXPECT_EQ(client_libraries.events, expected.events);
+  }
+}
+
+// An object as services send it; its key is that of the program's documentation.
+Por::SharedUnit MakeObject() {
+  const Por::Construction::InMemoryUnitFactory factory;
+  Por::OwnedUnit unit = factory.CreateDWord(5);
+  unit->GetTraits().Add(factory.CreateTrait("PrimaryKey", factory.CreateGuid(Common::Guid{})));
+  return unit;
+}
+
+// The character is there from the beginning, so a listen ends behind its snapshot.
+TEST(RunQuery, TakesLeaveOfTheServiceBeforeTheClientStops) {
+  using TestSupport::ScriptedService;
+  const struct {
+    std::uint32_t version;
+    std::vector<const char*> words;
+    const char* element;
+    const char* log;
+  } cases[] = {
+      {1, {"h", "u", "p", "DML", "t", "report"}, "object", "OpenStaticView "},
+      {2, {"h", "u", "p", "DML", "t", "report"}, "object", "OpenStaticView "},
+      {1,
+       {"h", "u", "p", "DML", "t"},
+       "created",
+       "OpenDynamicView AcquireUpdates CloseView CloseView "},
+      {2,
+       {"h", "u", "p", "DML", "t"},
+       "created",
+       "Subscribe ReadSubscription AddInterest RemoveInterest RemoveInterest Unsubscribe "},
+  };
+  for (const auto& expected : cases) {
+    SCOPED_TRACE(expected.log);
+    client_libraries = {};
+    std::string log;
+    {
+      ScriptedService service;
+      service.interface_version = expected.version;
+      for (const char* const method : {"CloseView", "RemoveInterest", "Unsubscribe"}) {
+        service.Answer(method);
+      }
+      service.Answer("OpenStaticView", TestSupport::OpenViewResults({MakeObject()}));
+      service.Answer("OpenDynamicView", TestSupport::OpenViewResults({MakeObject()}, 8));
+      service.Answer("Subscribe", TestSupport::SubscribeResults(3));
+      service.Answer("AddInterest", TestSupport::AddInterestResults(3, 4, {MakeObject()}));
+      client_libraries.make_access_point = [&] { return service.Connect(); };
+      client_libraries.in_deinit = [&] { log = service.GetLog(); };
+      StandardInput input;
+      input.Type();
+      const Outcome outcome = Answer(expected.words);
+      EXPECT_EQ(outcome.status, 0u);
+      const std::string head = std::string("<").append(expected.element) +
+                               " id=\"00000000-0000-0000-0000-000000000000\"";
+      EXPECT_EQ(outcome.text.substr(0, head.size()), head);
+    }
+    EXPECT_EQ(log, expected.log);
+    EXPECT_EQ(client_libraries.events, "init security local connect(46) ~browser deinit ");
+    client_libraries = {};
   }
 }
 
