@@ -153,6 +153,10 @@ TEST_F(StoreToolTest, FailuresAreOneReadableLineAndChangeNothing) {
   std::filesystem::create_symlink(store_, folder_ / "link");
   EXPECT_EQ(Fail({"import", folder_ / "link", one, store_}),
             store_ + ": The file belongs to the store itself.\n");
+  for (const std::string& file : {store_ + "-wal", store_ + "-shm"}) {
+    EXPECT_EQ(Fail({"import", folder_ / "link", file}),
+              file + ": The file belongs to the store itself.\n");
+  }
   EXPECT_EQ(Fail({"list", one}),
             one + ": The file is corrupted. SQLite: file is not a database (26). (0x4000d)\n");
   EXPECT_EQ(Fail({"import", store_, one, nowhere}), nowhere + missing);

@@ -148,12 +148,12 @@ void ImportFile(Change& change, const std::string& file, Progress& progress) {
   }
 }
 
-// A file of the store must not be read as text while the store is open: its end would give up the
-// locks that this process has on it.
+// A file of the store, which is open, must not be read as text: its end would give up the locks
+// that this process has on it.
 void RefuseFileOfStore(const std::string& store, const std::string& file) {
   std::error_code ignored;  // what can't be looked at is told when it is opened
   const std::filesystem::path real =
-      std::filesystem::weakly_canonical(Platform::Store::GetStorePath(store), ignored);
+      std::filesystem::canonical(Platform::Store::GetStorePath(store), ignored);
   for (const char* ending : {"", "-wal", "-shm"}) {
     if (std::filesystem::equivalent(real.native() + ending, file, ignored)) {
       throw CommandFailure(file + ": The file belongs to the store itself.");
@@ -178,8 +178,9 @@ void Create(const std::string& store) {
 }
 
 void Import(const std::string& store, const std::vector<std::string>& files) {
-  for (const std::string& file : files) RefuseFileOfStore(store, file);
   Change change(store);
+  // Only now all files of the store are there.
+  for (const std::string& file : files) RefuseFileOfStore(store, file);
   Progress progress(0);
   for (const std::string& file : files) ImportFile(change, file, progress);
   progress.Finish();
