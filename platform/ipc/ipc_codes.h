@@ -29,6 +29,8 @@ inline constexpr IpcFailure kRequestRaised{
     0xAD0107, "The request raised an exception that is no error of this system."};
 inline constexpr IpcFailure kBadEnvironment{
     0xAD0108, "The file of certificates in VELORIN_IPC_CA can't be used."};
+inline constexpr IpcFailure kNoResult{0xAD0109, "The request has read no result from its reply."};
+inline constexpr IpcFailure kNullHandler{0xAD010A, "There is no handler to be told."};
 
 // Ways to a service.
 inline constexpr IpcFailure kBadAddress{0xAD0110, "The address of the host is malformed."};
@@ -46,6 +48,8 @@ inline constexpr IpcFailure kUnknownService{0xAD0118, "The peer does not have th
 inline constexpr IpcFailure kTooManyConnections{0xAD0119, "The service has too many connections."};
 inline constexpr IpcFailure kNotAdmitted{
     0xAD011A, "The service admits only its own user and root on this computer."};
+
+inline constexpr IpcFailure kLongCredentials{0xAD011B, "The user or the password is too long."};
 
 // Services of this computer.
 inline constexpr IpcFailure kNoRuntimeDirectory{

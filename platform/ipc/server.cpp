@@ -1,6 +1,28 @@
 #include "platform/ipc/server.h"
 
+#include <sys/socket.h>
+
+#include <atomic>
+#include <cerrno>
+#include <deque>
+#include <exception>
+#include <map>
+#include <mutex>
+#include <new>
+#include <random>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "core/common/trace.h"
+#include "platform/async_service/elastic_pool.h"
+#include "platform/ipc/delivery.h"
+#include "platform/ipc/host_socket.h"
+#include "platform/ipc/io_loop.h"
 #include "platform/ipc/ipc_codes.h"
+#include "platform/ipc/local_socket.h"
+#include "platform/ipc/server_connection.h"
+#include "platform/ipc/tls.h"
 
 namespace Platform::Ipc {
 
@@ -8,22 +30,255 @@ namespace {
 
 constexpr Common::SourceFile kSource{"platform/ipc/server"};
 
-// Can't listen yet.
-class UnlisteningServer final : public Server {
- public:
-  void ListenLocal(unsigned int) override {
-    throw MakeError(kListenFailed, kSource.At("ListenLocal", 10));
-  }
-  std::uint16_t ListenTls(const std::string&, const std::string&, const std::string&) override {
-    throw MakeError(kListenFailed, kSource.At("ListenTls", 20));
-  }
-  void Stop() override {}
+// Who logs in is checked by slow hashes, so that only so many are at it at a time.
+constexpr std::size_t kMaxOpenings = 32;
+// Beyond those that are let in, connections that are still to be told that there are too many.
+constexpr std::size_t kMaxStrangers = 128;
+constexpr int kMaxAccepts = 32;
+constexpr std::chrono::milliseconds kAcceptPause{100};
+
+class ServerImpl;
+
+// A socket that is listened on. Watch and timer are the loop's.
+struct Listener {
+  std::unique_ptr<LocalListener> local;
+  unsigned int service_id = 0;  // local
+  UniqueDescriptor host;
+  std::unique_ptr<TlsContext> tls;
+  std::unique_ptr<IoWatch> watch;
+  std::unique_ptr<IoTimer> timer;
+
+  int GetDescriptor() const { return local != nullptr ? local->Get() : host.Get(); }
 };
+
+class ServerImpl final : public Server, public ServerCore {
+ public:
+  ServerImpl(ServiceHost& host, const Limits& limits)
+      : host_(host), limits_(limits), next_key_(std::random_device()()) {}
+  ~ServerImpl() override { Stop(); }
+
+  void ListenLocal(unsigned int service_id) override;
+  std::uint16_t ListenTls(const std::string& address, const std::string& certificate_file,
+                          const std::string& key_file) override;
+  void Stop() override;
+
+  ServiceHost& GetHost() override { return host_; }
+  Delivery& GetDelivery() override { return delivery_; }
+  void PostOpening(std::function<void()> task) override;
+  bool Enter() override;
+  void Leave() override;
+  std::uint32_t MakeConnectionKey() override;
+  void Forget(Connection& connection) override;
+
+ private:
+  void Add(std::unique_ptr<Listener> listener);
+  void EndOpening();
+  // On the loop's thread.
+  void WaitAccept(Listener& listener);
+  void Accept(Listener& listener);
+  void Admit(Listener& listener, UniqueDescriptor socket);
+
+  ServiceHost& host_;
+  const Limits limits_;
+  ElasticPool pool_;
+  Delivery delivery_{pool_};
+  std::unique_ptr<IoLoop> loop_;                      // from the first Listen on
+  std::vector<std::unique_ptr<Listener>> listeners_;  // those who listen and stop
+  bool is_stopped_ = false;
+
+  std::mutex mutex_;  // guards what follows
+  std::map<Connection*, std::shared_ptr<ServerConnection>> connections_;
+  std::size_t entered_ = 0;
+  std::size_t openings_ = 0;
+  std::deque<std::function<void()>> waiting_openings_;
+  std::uint32_t next_key_;
+};
+
+void ServerImpl::ListenLocal(unsigned int service_id) {
+  auto listener = std::make_unique<Listener>();
+  listener->local = std::make_unique<LocalListener>(GetRuntimeDirectory(), service_id);
+  listener->service_id = service_id;
+  Add(std::move(listener));
+}
+
+std::uint16_t ServerImpl::ListenTls(const std::string& address, const std::string& certificate_file,
+                                    const std::string& key_file) {
+  auto listener = std::make_unique<Listener>();
+  TlsSettings settings;
+  settings.is_server = true;
+  settings.certificate_file = certificate_file;
+  settings.key_file = key_file;
+  listener->tls = CreateTlsContext(settings);
+  std::uint16_t port = 0;
+  listener->host = ListenHost(ParseHostAddress(address), port);
+  Add(std::move(listener));
+  return port;
+}
+
+void ServerImpl::Add(std::unique_ptr<Listener> listener) {
+  if (is_stopped_) throw MakeError(kServerStopped, kSource.At("Add", 10));
+  try {
+    if (loop_ == nullptr) {
+      loop_ = IoLoop::Create();
+      delivery_.SetLoop(*loop_);
+    }
+  } catch (const std::system_error& failure) {
+    throw MakeReasonedError(kNoResources, failure.what(), kSource.At("Add", 20));
+  }
+  Listener* const borrowed = listener.get();
+  listeners_.push_back(std::move(listener));
+  loop_->Post([this, borrowed] {
+    borrowed->watch = loop_->CreateWatch(borrowed->GetDescriptor());
+    borrowed->timer = loop_->CreateTimer();
+    WaitAccept(*borrowed);
+  });
+}
+
+void ServerImpl::WaitAccept(Listener& listener) {
+  listener.watch->WaitReadable([this, &listener] { Accept(listener); });
+}
+
+void ServerImpl::Accept(Listener& listener) {
+  for (int accepted = 0; accepted < kMaxAccepts; ++accepted) {
+    UniqueDescriptor socket(
+        ::accept4(listener.GetDescriptor(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (!socket && (errno == EINTR || errno == ECONNABORTED)) continue;
+    if (!socket && errno == EAGAIN) break;
+    if (!socket) {
+      // Most likely a lack of descriptors; the client waits in the queue until one is free.
+      Common::Trace(Common::kTraceWarning,
+                    MakeSystemError(kListenFailed, errno, kSource.At("Accept", 30)));
+      listener.timer->Wait(kAcceptPause, [this, &listener] { WaitAccept(listener); });
+      return;
+    }
+    try {
+      Admit(listener, std::move(socket));
+    } catch (const Common::Error& error) {
+      Common::Trace(Common::kTraceWarning, error);
+    } catch (const std::exception& failure) {
+      Common::Trace(Common::kTraceWarning,
+                    MakeReasonedError(kNoResources, failure.what(), kSource.At("Accept", 40)));
+    }
+  }
+  WaitAccept(listener);
+}
+
+void ServerImpl::Admit(Listener& listener, UniqueDescriptor socket) {
+  ServerConnection::Origin origin;
+  std::unique_ptr<TlsFilter> filter;
+  if (listener.local != nullptr) {
+    uid_t user = 0;
+    origin.is_local = true;
+    origin.service_id = listener.service_id;
+    origin.is_admitted = IsAdmitted(socket.Get(), user);
+    origin.peer.is_local = true;
+    origin.peer.user = std::to_string(user);
+    origin.peer.address = "local";
+  } else {
+    SetHostOptions(socket.Get());
+    origin.peer.address = GetPeerAddress(socket.Get());
+    filter = listener.tls->CreateFilter();
+  }
+  std::shared_ptr<ServerConnection> connection;
+  {
+    const std::lock_guard lock(mutex_);
+    if (connections_.size() >= limits_.max_connections + kMaxStrangers) {
+      throw MakeError(kTooManyConnections, kSource.At("Admit", 50), origin.peer.address);
+    }
+    connection = std::make_shared<ServerConnection>(*this, *loop_, std::move(socket),
+                                                    std::move(filter), std::move(origin), limits_);
+    connections_.emplace(connection.get(), connection);
+  }
+  connection->Open();
+}
+
+void ServerImpl::PostOpening(std::function<void()> task) {
+  {
+    const std::lock_guard lock(mutex_);
+    if (openings_ == kMaxOpenings) {
+      waiting_openings_.push_back(std::move(task));
+      return;
+    }
+    ++openings_;
+  }
+  delivery_.Post([this, task = std::move(task)] {
+    task();
+    EndOpening();
+  });
+}
+
+void ServerImpl::EndOpening() {
+  std::function<void()> next;
+  {
+    const std::lock_guard lock(mutex_);
+    --openings_;
+    if (waiting_openings_.empty()) return;
+    next = std::move(waiting_openings_.front());
+    waiting_openings_.pop_front();
+  }
+  PostOpening(std::move(next));
+}
+
+bool ServerImpl::Enter() {
+  const std::lock_guard lock(mutex_);
+  if (entered_ >= limits_.max_connections) return false;
+  ++entered_;
+  return true;
+}
+
+void ServerImpl::Leave() {
+  const std::lock_guard lock(mutex_);
+  --entered_;
+}
+
+std::uint32_t ServerImpl::MakeConnectionKey() {
+  const std::lock_guard lock(mutex_);
+  if (++next_key_ == 0) ++next_key_;
+  return next_key_;
+}
+
+void ServerImpl::Forget(Connection& connection) {
+  std::shared_ptr<ServerConnection> last;
+  const std::lock_guard lock(mutex_);
+  const auto found = connections_.find(&connection);
+  if (found == connections_.end()) return;
+  last = std::move(found->second);
+  connections_.erase(found);
+}
+
+void ServerImpl::Stop() {
+  if (std::exchange(is_stopped_, true)) return;
+  if (loop_ != nullptr) {
+    loop_->Post([this] {
+      for (const std::unique_ptr<Listener>& listener : listeners_) {
+        listener->watch.reset();
+        listener->timer.reset();
+      }
+      // From now on none comes.
+      const std::lock_guard lock(mutex_);
+      for (const auto& [key, connection] : connections_) {
+        connection->Close(MakeError(kServerStopped, kSource.At("Stop", 60)));
+      }
+    });
+    // What Close has posted must be in the queue before it is closed.
+    const auto passed = std::make_shared<std::atomic<bool>>(false);
+    loop_->Post([passed] {
+      passed->store(true);
+      passed->notify_all();
+    });
+    passed->wait(false);
+    delivery_.PrepareStop();
+    loop_->Stop();
+  }
+  listeners_.clear();
+  pool_.Stop();
+  delivery_.Flush();
+}
 
 }  // namespace
 
-std::unique_ptr<Server> Server::Create(ServiceHost&, const Limits&) {
-  return std::make_unique<UnlisteningServer>();
+std::unique_ptr<Server> Server::Create(ServiceHost& host, const Limits& limits) {
+  return std::make_unique<ServerImpl>(host, limits);
 }
 
 }  // namespace Platform::Ipc

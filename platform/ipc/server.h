@@ -52,7 +52,8 @@ class Session : public Common::NonCopyable {
   virtual ~Session() = default;
   // A call has come. Several may run at once, in no particular order.
   virtual void OnCall(std::shared_ptr<ServerCall> call) = 0;
-  // The connection is gone: no call comes after this, and those that are open have been told.
+  // The connection is gone: no call comes after this, those that are open have been told, and
+  // every OnCall has returned. So one that waits has to be woken by its cancel callback.
   virtual void OnClosed() = 0;
 };
 
@@ -70,7 +71,7 @@ class ServiceHost : public Common::NonCopyable {
   virtual bool Authenticate(const std::string& user, const std::string& password,
                             const std::string& address) = 0;
   // A session of the service with that number, whose interfaces go to `interfaces`; null, and an
-  // error, to refuse it.
+  // error, to refuse it. Null without an error: there is no such service (kUnknownService).
   virtual std::unique_ptr<Session> Open(unsigned int service_id, const Peer& peer,
                                         std::vector<InterfaceVersion>& interfaces,
                                         Common::Error& error) = 0;
@@ -80,6 +81,7 @@ class ServiceHost : public Common::NonCopyable {
 struct Limits {
   std::size_t max_request_size = std::size_t{64} << 20;  // bytes of a request packet
   std::size_t max_reply_size = std::size_t{1} << 30;     // bytes of a reply packet
+  std::size_t max_input = std::size_t{256} << 20;        // bytes of its open requests, together
   std::size_t max_calls = 1024;                          // open on one connection
   std::size_t max_connections = 1024;
   std::size_t max_output = std::size_t{1} << 30;  // bytes that wait for one peer to take them

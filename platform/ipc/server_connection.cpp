@@ -1,0 +1,388 @@
+#include "platform/ipc/server_connection.h"
+
+#include <algorithm>
+#include <exception>
+#include <string>
+#include <utility>
+
+#include "core/common/trace.h"
+
+namespace Platform::Ipc {
+
+namespace {
+
+constexpr Common::SourceFile kSource{"platform/ipc/server_connection"};
+
+// What is reserved on the word of a size field alone.
+constexpr std::size_t kMaxPromised = std::size_t{1} << 20;
+
+// A service has no reason to throw. What it throws all the same is traced and told as an error.
+template <class Function>
+Common::Error Guard(Function&& function) {
+  Common::Error error;
+  try {
+    function();
+    return error;
+  } catch (const Common::Error& failure) {
+    error = failure;
+  } catch (const std::exception& failure) {
+    error = MakeReasonedError(kNoResources, failure.what(), kSource.At("Guard", 10));
+  } catch (...) {
+    error = MakeError(kNoResources, kSource.At("Guard", 20));
+  }
+  Common::Trace(Common::kTraceError, error);
+  return error;
+}
+
+}  // namespace
+
+// The call that a service has in hand.
+class ConnectionCall final : public ServerCall {
+ public:
+  ConnectionCall(std::shared_ptr<ServerConnection> connection, const PacketStart& start,
+                 std::vector<unsigned char> packet)
+      : connection_(std::move(connection)), start_(start), packet_(std::move(packet)) {}
+  ~ConnectionCall() override {
+    if (state_ == State::kIsOpen) {
+      Guard([&] {
+        connection_->Fail(start_.call_id, MakeError(kNoAnswer, kSource.At("~ConnectionCall", 30)));
+      });
+    }
+    connection_->Release(packet_.size());
+  }
+
+  std::uint32_t GetComponentId() const override { return start_.component_id; }
+  std::uint32_t GetMethodNumber() const override { return start_.method_number; }
+  const std::vector<unsigned char>& GetPacket() const override { return packet_; }
+
+  void Reply(std::vector<unsigned char> packet) override {
+    if (BeginAnswer()) connection_->Reply(start_.call_id, std::move(packet));
+  }
+  void Fail(const Common::Error& error) override {
+    if (BeginAnswer()) connection_->Fail(start_.call_id, error);
+  }
+
+  void SetCancelCallback(std::function<void()> callback) override {
+    {
+      const std::lock_guard lock(mutex_);
+      if (state_ == State::kIsOpen) callback_.swap(callback);
+      if (state_ != State::kIsCancelled) return;
+    }
+    callback();
+  }
+
+  // Behind this nothing is answered. On the pool.
+  void Cancel() {
+    std::function<void()> callback;
+    {
+      const std::lock_guard lock(mutex_);
+      if (state_ != State::kIsOpen) return;
+      state_ = State::kIsCancelled;
+      callback.swap(callback_);
+    }
+    if (callback) Guard(callback);
+  }
+
+ private:
+  enum class State { kIsOpen, kIsAnswered, kIsCancelled };
+
+  bool BeginAnswer() {
+    std::function<void()> dropped;  // outside the lock
+    const std::lock_guard lock(mutex_);
+    if (state_ != State::kIsOpen) return false;
+    state_ = State::kIsAnswered;
+    dropped.swap(callback_);
+    return true;
+  }
+
+  const std::shared_ptr<ServerConnection> connection_;
+  const PacketStart start_;
+  const std::vector<unsigned char> packet_;
+
+  std::mutex mutex_;  // guards what follows
+  State state_ = State::kIsOpen;
+  std::function<void()> callback_;
+};
+
+void SessionRunner::Call(std::shared_ptr<ServerCall> call) {
+  {
+    const std::lock_guard lock(mutex_);
+    if (is_closed_) return;
+    ++running_;
+  }
+  // Of one that throws the call is dropped, and answered by that.
+  Guard([&] { session_->OnCall(std::move(call)); });
+  bool is_last = false;
+  {
+    const std::lock_guard lock(mutex_);
+    is_last = --running_ == 0 && is_closed_;
+  }
+  if (is_last) Finish();
+}
+
+void SessionRunner::Close() {
+  {
+    const std::lock_guard lock(mutex_);
+    is_closed_ = true;
+    if (running_ != 0) return;
+  }
+  Finish();
+}
+
+void SessionRunner::Finish() {
+  Guard([&] { session_->OnClosed(); });
+  session_.reset();
+}
+
+ServerConnection::ServerConnection(ServerCore& core, IoLoop& loop, UniqueDescriptor socket,
+                                   std::unique_ptr<TlsFilter> filter, Origin origin,
+                                   const Limits& limits)
+    : Connection(loop, std::move(socket), std::move(filter), Side::kServer, limits),
+      core_(core),
+      origin_(std::move(origin)) {}
+
+bool ServerConnection::EndMalformed(const IpcFailure& failure, const char* detail,
+                                    std::uint32_t line) {
+  End(MakeError(failure, kSource.At("EndMalformed", line), detail), true);
+  return false;
+}
+
+bool ServerConnection::OnFrame(FrameKind kind, std::uint64_t call_id, Bytes payload) {
+  if (kind == FrameKind::kHello && phase_ == Phase::kHello) return TakeHello(payload);
+  if (kind == FrameKind::kCancel && phase_ == Phase::kOpen) {
+    TakeCancel(call_id);
+    return true;
+  }
+  return EndMalformed(kUnexpectedFrame, "", 40);
+}
+
+bool ServerConnection::Refuse(const Common::Error& error) {
+  Finish(FrameKind::kRefused, error);
+  return false;
+}
+
+bool ServerConnection::TakeHello(Bytes payload) {
+  const auto hello = std::make_shared<Hello>();
+  if (!DecodeHello(payload, *hello)) return EndMalformed(kMalformedFrame, "Hello", 50);
+  if (hello->lowest_version > kTransportVersion || hello->highest_version < kTransportVersion) {
+    return Refuse(MakeError(kVersionMismatch, kSource.At("TakeHello", 60)));
+  }
+  if (origin_.is_local) {
+    if (!origin_.is_admitted) return Refuse(MakeError(kNotAdmitted, kSource.At("TakeHello", 70)));
+    if (!hello->user.Get().empty() || !hello->password.Get().empty()) {
+      return EndMalformed(kMalformedFrame, "credentials on a local socket", 80);
+    }
+    if (hello->service_id != origin_.service_id) {
+      return Refuse(MakeError(kUnknownService, kSource.At("TakeHello", 90),
+                              std::to_string(hello->service_id)));
+    }
+  }
+  if (!core_.Enter()) {
+    return Refuse(MakeError(kTooManyConnections, kSource.At("TakeHello", 100)));
+  }
+  has_entered_ = true;
+  phase_ = Phase::kOpening;
+  const auto self = std::static_pointer_cast<ServerConnection>(shared_from_this());
+  core_.PostOpening([self, hello] { self->Authenticate(*hello); });
+  return true;
+}
+
+void ServerConnection::Authenticate(Hello& hello) {
+  std::shared_ptr<SessionRunner> session;
+  std::vector<InterfaceVersion> interfaces;
+  Common::Error error;
+  const Common::Error raised = Guard([&] {
+    Peer peer = origin_.peer;
+    if (!origin_.is_local) {
+      peer.user = hello.user.Get();
+      const bool is_right =
+          core_.GetHost().Authenticate(peer.user, hello.password.Get(), peer.address);
+      hello.password.Wipe();
+      if (!is_right) {
+        error = MakeError(kWrongPassword, kSource.At("Authenticate", 110));
+        return;
+      }
+    }
+    std::unique_ptr<Session> opened =
+        core_.GetHost().Open(hello.service_id, peer, interfaces, error);
+    if (opened != nullptr) {
+      session = std::make_shared<SessionRunner>(std::move(opened));
+      error = Common::Error();
+    } else if (!error.IsFailure()) {
+      error = MakeError(kUnknownService, kSource.At("Authenticate", 120),
+                        std::to_string(hello.service_id));
+    }
+  });
+  if (raised.IsFailure()) error = raised;
+  const auto self = std::static_pointer_cast<ServerConnection>(shared_from_this());
+  const bool is_posted = GetLoop().Post(
+      [self, session, interfaces, error] { self->FinishOpening(session, interfaces, error); });
+  if (!is_posted && session != nullptr) session->Close();
+}
+
+void ServerConnection::FinishOpening(std::shared_ptr<SessionRunner> session,
+                                     std::vector<InterfaceVersion> interfaces,
+                                     const Common::Error& error) {
+  if (has_ended_) {
+    if (session != nullptr) core_.GetDelivery().Post([session] { session->Close(); });
+    return;
+  }
+  if (session == nullptr) {
+    Refuse(error);
+    return;
+  }
+  Welcome welcome;
+  welcome.connection_key = core_.MakeConnectionKey();
+  welcome.interfaces = std::move(interfaces);
+  std::vector<unsigned char> payload = EncodeWelcome(welcome);
+  if (payload.size() > kMaxMessageFrame) {
+    core_.GetDelivery().Post([session] { session->Close(); });
+    Refuse(MakeError(kFrameTooLong, kSource.At("FinishOpening", 220), "Welcome"));
+    return;
+  }
+  session_ = std::move(session);
+  phase_ = Phase::kOpen;
+  SetWelcomed();
+  SendMessage(FrameKind::kWelcome, 0, std::move(payload));
+}
+
+bool ServerConnection::OnPacketStart(const PacketStart& start) {
+  if (phase_ != Phase::kOpen) return EndMalformed(kUnexpectedFrame, "Request", 130);
+  Common::Error error;
+  {
+    const std::lock_guard lock(calls_mutex_);
+    const Limits& limits = GetLimits();
+    if (calls_.contains(start.call_id) || incoming_.contains(start.call_id)) {
+      error = MakeError(kMalformedFrame, kSource.At("OnPacketStart", 140), "call id in use");
+    } else if (start.size > limits.max_request_size) {
+      error = MakeError(kRequestTooLarge, kSource.At("OnPacketStart", 150),
+                        std::to_string(start.size) + " bytes");
+    } else if (calls_.size() + incoming_.size() >= limits.max_calls ||
+               living_calls_ + incoming_.size() >= 2 * limits.max_calls) {
+      error = MakeError(kTooManyCalls, kSource.At("OnPacketStart", 160));
+    } else if (start.size > limits.max_input || input_size_ > limits.max_input - start.size) {
+      error = MakeError(kInputFull, kSource.At("OnPacketStart", 170));
+    } else {
+      input_size_ += static_cast<std::size_t>(start.size);
+    }
+  }
+  if (error.GetCode() == kMalformedFrame.code) {
+    End(error, true);
+    return false;
+  }
+  if (error.IsFailure()) {
+    SendMessage(FrameKind::kFault, start.call_id, EncodeError(error));
+    return true;
+  }
+  IncomingPacket packet{start, {}};
+  if (start.size == 0) return Dispatch(std::move(packet));
+  packet.data.reserve(static_cast<std::size_t>(std::min<std::uint64_t>(start.size, kMaxPromised)));
+  incoming_.emplace(start.call_id, std::move(packet));
+  return true;
+}
+
+bool ServerConnection::OnPacketBytes(std::uint64_t call_id, Bytes bytes) {
+  if (phase_ != Phase::kOpen) return EndMalformed(kUnexpectedFrame, "RequestPart", 180);
+  const auto found = incoming_.find(call_id);
+  if (found == incoming_.end()) return true;  // refused, or cancelled
+  IncomingPacket& packet = found->second;
+  if (bytes.size() > packet.start.size - packet.data.size()) {
+    return EndMalformed(kMalformedFrame, "request beyond its size", 190);
+  }
+  packet.data.insert(packet.data.end(), bytes.begin(), bytes.end());
+  if (packet.data.size() < packet.start.size) return true;
+  IncomingPacket whole = std::move(packet);
+  incoming_.erase(found);
+  return Dispatch(std::move(whole));
+}
+
+bool ServerConnection::Dispatch(IncomingPacket packet) {
+  const auto self = std::static_pointer_cast<ServerConnection>(shared_from_this());
+  auto call = std::make_shared<ConnectionCall>(self, packet.start, std::move(packet.data));
+  {
+    const std::lock_guard lock(calls_mutex_);
+    calls_.emplace(packet.start.call_id, call);
+    ++living_calls_;
+  }
+  // The task lives a little longer than its run, so it hands its reference on.
+  core_.GetDelivery().Post(
+      [session = session_, call = std::make_shared<std::shared_ptr<ConnectionCall>>(
+                               std::move(call))] { session->Call(std::move(*call)); });
+  return true;
+}
+
+bool ServerConnection::Take(std::uint64_t call_id, std::shared_ptr<ConnectionCall>* call) {
+  const std::lock_guard lock(calls_mutex_);
+  const auto found = calls_.find(call_id);
+  if (found == calls_.end()) return false;
+  if (call != nullptr) *call = found->second.lock();
+  calls_.erase(found);
+  return true;
+}
+
+void ServerConnection::TakeCancel(std::uint64_t call_id) {
+  const auto found = incoming_.find(call_id);
+  if (found != incoming_.end()) {
+    const std::size_t size = static_cast<std::size_t>(found->second.start.size);
+    incoming_.erase(found);
+    const std::lock_guard lock(calls_mutex_);
+    input_size_ -= size;
+    return;
+  }
+  DropPacket(call_id);
+  std::shared_ptr<ConnectionCall> call;
+  if (!Take(call_id, &call) || call == nullptr) return;
+  core_.GetDelivery().Post([call = std::move(call)] { call->Cancel(); });
+}
+
+void ServerConnection::Reply(std::uint64_t call_id, std::vector<unsigned char> packet) {
+  if (packet.size() > GetLimits().max_reply_size) {
+    Fail(call_id, MakeError(kReplyTooLarge, kSource.At("Reply", 200),
+                            std::to_string(packet.size()) + " bytes"));
+    return;
+  }
+  if (!Take(call_id)) return;
+  const auto owner = std::make_shared<const std::vector<unsigned char>>(std::move(packet));
+  OutgoingPacket outgoing;
+  outgoing.start.call_id = call_id;
+  outgoing.start.size = owner->size();
+  outgoing.data = owner->data();
+  outgoing.owner = owner;
+  if (SendPacket(std::move(outgoing)) == Sending::kFull) {
+    SendMessage(FrameKind::kFault, call_id,
+                EncodeError(MakeError(kOutputFull, kSource.At("Reply", 210))));
+  }
+}
+
+void ServerConnection::Fail(std::uint64_t call_id, const Common::Error& error) {
+  if (Take(call_id)) SendMessage(FrameKind::kFault, call_id, EncodeError(error));
+}
+
+void ServerConnection::Release(std::size_t size) {
+  const std::lock_guard lock(calls_mutex_);
+  --living_calls_;
+  input_size_ -= size;
+}
+
+void ServerConnection::OnEnd(const Common::Error&) {
+  has_ended_ = true;
+  incoming_.clear();
+  std::vector<std::shared_ptr<ConnectionCall>> open;
+  {
+    const std::lock_guard lock(calls_mutex_);
+    for (const auto& [id, weak] : calls_) {
+      if (std::shared_ptr<ConnectionCall> call = weak.lock()) open.push_back(std::move(call));
+    }
+    calls_.clear();
+  }
+  if (session_ != nullptr) {
+    core_.GetDelivery().Post([open = std::move(open), session = std::move(session_)] {
+      for (const std::shared_ptr<ConnectionCall>& call : open) call->Cancel();
+      session->Close();
+    });
+  }
+  if (has_entered_) core_.Leave();
+  core_.Forget(*this);
+}
+
+}  // namespace Platform::Ipc

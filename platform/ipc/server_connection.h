@@ -1,0 +1,115 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/ipc/connection.h"
+#include "platform/ipc/delivery.h"
+#include "platform/ipc/ipc_codes.h"
+#include "platform/ipc/server.h"
+
+namespace Platform::Ipc {
+
+class ServerConnection;
+
+// What a connection needs of its server, which outlives its openness. Threads: any.
+class ServerCore : public Common::NonCopyable {
+ public:
+  virtual ~ServerCore() = default;
+  virtual ServiceHost& GetHost() = 0;
+  virtual Delivery& GetDelivery() = 0;
+  // Runs the task on the pool, with those of few other connections at a time.
+  virtual void PostOpening(std::function<void()> task) = 0;
+  // Counts connections beyond their Hello; false: there are too many. Each that came in leaves.
+  virtual bool Enter() = 0;
+  virtual void Leave() = 0;
+  virtual std::uint32_t MakeConnectionKey() = 0;
+  // The connection has ended.
+  virtual void Forget(Connection& connection) = 0;
+};
+
+// A session with the calls that run in it, so that its end comes behind all of them.
+class SessionRunner : public Common::NonCopyable {
+ public:
+  explicit SessionRunner(std::unique_ptr<Session> session) : session_(std::move(session)) {}
+  // On the pool. Nothing behind Close.
+  void Call(std::shared_ptr<ServerCall> call);
+  // On the pool. Once.
+  void Close();
+
+ private:
+  void Finish();
+
+  std::unique_ptr<Session> session_;
+  std::mutex mutex_;
+  std::size_t running_ = 0;
+  bool is_closed_ = false;
+};
+
+class ConnectionCall;
+
+// The server's end of a connection.
+class ServerConnection final : public Connection {
+ public:
+  struct Origin {
+    bool is_local = false;
+    bool is_admitted = true;      // local
+    unsigned int service_id = 0;  // local: that of the socket
+    Peer peer;                    // of a host without its user
+  };
+
+  ServerConnection(ServerCore& core, IoLoop& loop, UniqueDescriptor socket,
+                   std::unique_ptr<TlsFilter> filter, Origin origin, const Limits& limits);
+
+  // From the calls. Only the first one for an id does something.
+  void Reply(std::uint64_t call_id, std::vector<unsigned char> packet);
+  void Fail(std::uint64_t call_id, const Common::Error& error);
+  // A call with a packet of that size has been destroyed.
+  void Release(std::size_t size);
+
+ private:
+  enum class Phase { kHello, kOpening, kOpen };
+
+  struct IncomingPacket {
+    PacketStart start;
+    std::vector<unsigned char> data;
+  };
+
+  void OnReady() override {}
+  bool OnFrame(FrameKind kind, std::uint64_t call_id, Bytes payload) override;
+  bool OnPacketStart(const PacketStart& start) override;
+  bool OnPacketBytes(std::uint64_t call_id, Bytes bytes) override;
+  void OnEnd(const Common::Error& error) override;
+
+  bool TakeHello(Bytes payload);
+  bool Refuse(const Common::Error& error);
+  void Authenticate(Hello& hello);  // on the pool
+  void FinishOpening(std::shared_ptr<SessionRunner> session,
+                     std::vector<InterfaceVersion> interfaces, const Common::Error& error);
+  bool EndMalformed(const IpcFailure& failure, const char* detail, std::uint32_t line);
+  bool Dispatch(IncomingPacket packet);
+  void TakeCancel(std::uint64_t call_id);
+  // Takes a call out of the open ones. False: it isn't open.
+  bool Take(std::uint64_t call_id, std::shared_ptr<ConnectionCall>* call = nullptr);
+
+  ServerCore& core_;
+  const Origin origin_;
+
+  // The loop's alone.
+  Phase phase_ = Phase::kHello;
+  bool has_entered_ = false;
+  bool has_ended_ = false;
+  std::shared_ptr<SessionRunner> session_;
+  std::unordered_map<std::uint64_t, IncomingPacket> incoming_;
+
+  std::mutex calls_mutex_;  // guards what follows
+  std::unordered_map<std::uint64_t, std::weak_ptr<ConnectionCall>> calls_;
+  std::size_t living_calls_ = 0;  // with those that were answered or cancelled and are still held
+  std::size_t input_size_ = 0;    // of the packets of living calls and incoming packets
+};
+
+}  // namespace Platform::Ipc

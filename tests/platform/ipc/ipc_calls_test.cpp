@@ -1,0 +1,385 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <chrono>
+#include <deque>
+#include <latch>
+#include <memory>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "enterprise/common/ipc/call.h"
+#include "enterprise/common/ipc/client/lib/client.h"
+#include "platform/ipc/ipc_codes.h"
+#include "tests/platform/ipc/ipc_test_support.h"
+
+// Calls between a client and a server over a local socket.
+
+namespace Platform::Ipc::Test {
+namespace {
+
+using JobPointer = std::unique_ptr<JobManagement::Job>;
+
+TEST(IpcCalls, CarriesARequestAndItsReply) {
+  LocalPair pair;
+  const auto access_point = pair.Connect();
+  std::string reply;
+  EXPECT_EQ(Call(*access_point, kEcho, "J\xFCrgen <&> 7", &reply).GetCode(), 0u);
+  EXPECT_EQ(reply, "J\xFCrgen <&> 7");
+
+  std::uint32_t version = 0;
+  std::uint32_t further = 0;
+  EXPECT_EQ(access_point->GetInterfaceVersion(kComponent, version, further).GetCode(), 0u);
+  EXPECT_EQ(version, 2u);
+  EXPECT_EQ(further, 7u);
+  EXPECT_EQ(access_point->GetInterfaceVersion(99, version, further).GetCode(),
+            kUnknownInterface.code);
+  const std::uint32_t key = access_point->GetConnectionKey();
+  EXPECT_NE(key, 0u);
+  EXPECT_EQ(access_point->GetConnectionKey(), key);
+  EXPECT_NE(pair.Connect()->GetConnectionKey(), key);
+  EXPECT_EQ(pair.host.last_peer.user, std::to_string(::geteuid()));
+  EXPECT_TRUE(pair.host.last_peer.is_local);
+}
+
+TEST(IpcCalls, TheFinalErrorIsThatOfTheReplyOrOfWhatStoodInItsWay) {
+  LocalPair pair;
+  const auto access_point = pair.Connect();
+  const struct {
+    Method method;
+    const char* text;
+    std::uint32_t code;
+  } cases[] = {
+      {kFailing, "", kResultCode},
+      {kFault, "", kFaultCode},
+      {kDropping, "", kNoAnswer.code},
+      {kThrowing, "", kNoAnswer.code},
+      {kGarbage, "", 0x9C0003},  // the reader's: no element
+      {kEmpty, "", 0x9C0003},
+      {kEcho, "throw error", kResultCode},
+      {kEcho, "throw", kRequestRaised.code},
+      {kEcho, "throw at reading", kRequestRaised.code},
+  };
+  ::setenv("VELORIN_SAFE_ASSERT", "0", 1);
+  for (const auto& entry : cases) {
+    std::string reply = "as before";
+    EXPECT_EQ(Call(*access_point, entry.method, entry.text, &reply).GetCode(), entry.code)
+        << entry.method << " " << entry.text;
+    EXPECT_EQ(reply, "as before");
+
+    WaitingJobHandler handler;
+    const JobPointer job = MakeJob(*access_point, entry.method, entry.text, &reply);
+    const Common::Error started = job->Start(&handler);
+    EXPECT_EQ((started.IsFailure() ? started : handler.Wait()).GetCode(), entry.code);
+    EXPECT_EQ(handler.HasEnded(), !started.IsFailure());
+  }
+  std::string reply;
+  EXPECT_EQ(Call(*access_point, kEcho, "goes on", &reply).GetCode(), 0u);
+  EXPECT_EQ(reply, "goes on");
+}
+
+TEST(IpcCalls, NullRequestsAndUsedJobsAreErrors) {
+  LocalPair pair;
+  const auto access_point = pair.Connect();
+  JobPointer job;
+  EXPECT_EQ(access_point->CreateJob(nullptr, job).GetCode(), kNullRequest.code);
+  EXPECT_EQ(job, nullptr);
+  EXPECT_EQ(Binding::Call(*access_point, nullptr).GetCode(), kNullRequest.code);
+
+  job = MakeJob(*access_point, kEcho, "once");
+  EXPECT_EQ(job->Run(nullptr).GetCode(), 0u);
+  WaitingJobHandler handler;
+  EXPECT_EQ(job->Start(&handler).GetCode(), kJobUsedTwice.code);
+  EXPECT_FALSE(handler.HasEnded());
+
+  job = MakeJob(*access_point, kEcho, "cancelled before");
+  EXPECT_EQ(job->Cancel().GetCode(), 0u);
+  EXPECT_EQ(job->Start(&handler).GetCode(), kCancelled.code);
+}
+
+TEST(IpcCalls, ManyAtOnceFromManyThreadsEachGetTheirOwnReply) {
+  LocalPair pair;
+  const auto access_point = pair.Connect();
+  constexpr int kThreads = 4;
+  constexpr int kCalls = 100;
+  std::atomic<int> good = 0;
+  std::vector<std::jthread> threads;
+  for (int thread = 0; thread < kThreads; ++thread) {
+    threads.emplace_back([&, thread] {
+      struct Entry {
+        WaitingJobHandler handler;
+        std::string reply;
+        JobPointer job;
+      };
+      std::deque<Entry> entries(kCalls);
+      for (int i = 0; i < kCalls; ++i) {
+        Entry& entry = entries[static_cast<std::size_t>(i)];
+        entry.job = MakeJob(*access_point, kEcho, std::to_string(1000 * thread + i), &entry.reply);
+        EXPECT_EQ(entry.job->Start(&entry.handler).GetCode(), 0u);
+      }
+      for (int i = 0; i < kCalls; ++i) {
+        Entry& entry = entries[static_cast<std::size_t>(i)];
+        EXPECT_EQ(entry.handler.Wait().GetCode(), 0u);
+        EXPECT_TRUE(entry.handler.IsTold());
+        if (entry.reply == std::to_string(1000 * thread + i)) ++good;
+      }
+    });
+  }
+  threads.clear();
+  EXPECT_EQ(good, kThreads * kCalls);
+}
+
+TEST(IpcCalls, LongPacketsTravelInPartsAndShortOnesGetBetween) {
+  LocalPair pair;
+  const auto access_point = pair.Connect();
+  // A part of 256 KiB more or less, and both directions.
+  for (const std::size_t size : {std::size_t{262'144 - 200}, std::size_t{262'144},
+                                 std::size_t{524'288}, std::size_t{20'000'000}}) {
+    std::string reply;
+    EXPECT_EQ(Call(*access_point, kLong, std::to_string(size), &reply).GetCode(), 0u);
+    EXPECT_EQ(reply.size(), size);
+    const std::string text(size, 'y');
+    EXPECT_EQ(Call(*access_point, kEcho, text, &reply).GetCode(), 0u);
+    EXPECT_EQ(reply == text, true);
+  }
+  WaitingJobHandler handler;
+  std::string long_reply;
+  const JobPointer job = MakeJob(*access_point, kLong, "30000000", &long_reply);
+  ASSERT_EQ(job->Start(&handler).GetCode(), 0u);
+  std::string reply;
+  EXPECT_EQ(Call(*access_point, kEcho, "between", &reply).GetCode(), 0u);
+  EXPECT_EQ(handler.Wait().GetCode(), 0u);
+  EXPECT_EQ(long_reply.size(), 30'000'000u);
+}
+
+TEST(IpcCalls, ACancelEndsTheCallHereAndTellsTheService) {
+  LocalPair pair;
+  const auto access_point = pair.Connect();
+  WaitingJobHandler handler;
+  std::string reply = "as before";
+  const JobPointer job = MakeJob(*access_point, kWaiting, "", &reply);
+  ASSERT_EQ(job->Start(&handler).GetCode(), 0u);
+  ASSERT_TRUE(pair.host.WaitFor(pair.host.calls, 1));
+  EXPECT_EQ(job->Cancel().GetCode(), 0u);
+  EXPECT_EQ(handler.Wait().GetCode(), kCancelled.code);
+  EXPECT_TRUE(pair.host.WaitFor(pair.host.cancelled, 1));
+  pair.host.Release();  // too late
+  EXPECT_EQ(job->Cancel().GetCode(), 0u);
+  EXPECT_EQ(Call(*access_point, kEcho).GetCode(), 0u);
+  EXPECT_EQ(reply, "as before");
+  EXPECT_TRUE(handler.IsTold());
+}
+
+TEST(IpcCalls, CancelsThatMeetRepliesEndEachCallOnce) {
+  LocalPair pair;
+  const auto access_point = pair.Connect();
+  for (int i = 0; i < 300; ++i) {
+    WaitingJobHandler handler;
+    std::string reply;
+    const JobPointer job = MakeJob(*access_point, i % 3 == 0 ? kLong : kEcho, "300000", &reply);
+    ASSERT_EQ(job->Start(&handler).GetCode(), 0u);
+    for (int spin = 0; spin < i * 20; ++spin) std::atomic_signal_fence(std::memory_order_seq_cst);
+    job->Cancel();
+    const std::uint32_t code = handler.Wait().GetCode();
+    EXPECT_TRUE(code == 0 || code == kCancelled.code) << code;
+    EXPECT_TRUE(handler.IsTold());
+  }
+  EXPECT_EQ(Call(*access_point, kEcho).GetCode(), 0u);
+}
+
+TEST(IpcCalls, CallbacksMayDeleteTheirJobCallAgainAndDropTheConnection) {
+  LocalPair pair;
+  auto access_point = pair.Connect();
+  WaitingJobHandler handler;
+  JobPointer job = MakeJob(*access_point, kEcho, "1");
+  std::uint32_t code = 1;
+  handler.at_end = [&] {
+    job.reset();
+    code = Call(*access_point, kEcho, "2").GetCode();
+    access_point.reset();
+  };
+  ASSERT_EQ(job->Start(&handler).GetCode(), 0u);
+  EXPECT_EQ(handler.Wait().GetCode(), 0u);
+  EXPECT_EQ(code, 0u);
+  EXPECT_TRUE(pair.host.WaitFor(pair.host.closed, 1));
+  EXPECT_TRUE(pair.host.WaitFor(pair.host.destroyed, 1));
+}
+
+TEST(IpcCalls, BlockedCallbacksHoldNobodyUp) {
+  LocalPair pair;
+  const auto access_point = pair.Connect();
+  constexpr int kBlocked = 12;  // more than the pool has threads for by itself
+  std::latch go(1);
+  std::deque<WaitingJobHandler> handlers(kBlocked);
+  std::vector<JobPointer> jobs;
+  for (WaitingJobHandler& handler : handlers) {
+    handler.at_end = [&] { go.wait(); };
+    jobs.push_back(MakeJob(*access_point, kEcho));
+    ASSERT_EQ(jobs.back()->Start(&handler).GetCode(), 0u);
+  }
+  WaitingJobHandler free_handler;
+  const JobPointer free_job = MakeJob(*access_point, kEcho);
+  ASSERT_EQ(free_job->Start(&free_handler).GetCode(), 0u);
+  EXPECT_EQ(free_handler.Wait().GetCode(), 0u);
+  go.count_down();
+  for (WaitingJobHandler& handler : handlers) EXPECT_EQ(handler.Wait().GetCode(), 0u);
+}
+
+TEST(IpcCalls, StopEndsOpenCallsAndWaitsForTheirCallbacks) {
+  LocalPair pair;
+  const auto access_point = pair.Connect();
+  std::deque<WaitingJobHandler> handlers(20);
+  std::vector<JobPointer> jobs;
+  std::atomic<int> ended = 0;
+  for (WaitingJobHandler& handler : handlers) {
+    handler.at_end = [&] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      // The connection is gone, so this ends at once.
+      EXPECT_NE(Call(*access_point, kEcho).GetCode(), 0u);
+      ++ended;
+    };
+    jobs.push_back(MakeJob(*access_point, jobs.size() % 2 == 0 ? kWaiting : kLong, "1000000"));
+    ASSERT_EQ(jobs.back()->Start(&handler).GetCode(), 0u);
+  }
+  EXPECT_EQ(pair.client->Stop().GetCode(), 0u);
+  EXPECT_EQ(ended, 20);
+  for (WaitingJobHandler& handler : handlers) EXPECT_TRUE(handler.IsTold());
+
+  JobPointer job;
+  EXPECT_EQ(
+      access_point->CreateJob(std::make_unique<TextRequest>(kEcho, "", nullptr), job).GetCode(),
+      kNotConnected.code);
+  std::uint32_t version = 0;
+  EXPECT_EQ(access_point->GetInterfaceVersion(kComponent, version, version).GetCode(),
+            kNotConnected.code);
+  EXPECT_EQ(pair.client->Stop().GetCode(), 0u);
+  std::unique_ptr<Binding::AccessPoint> another;
+  EXPECT_EQ(pair.Connect(another).GetCode(), kNotStarted.code);
+}
+
+TEST(IpcCalls, StopFromACallbackIsRefused) {
+  LocalPair pair;
+  const auto access_point = pair.Connect();
+  WaitingJobHandler handler;
+  std::uint32_t code = 0;
+  handler.at_end = [&] { code = pair.client->Stop().GetCode(); };
+  const JobPointer job = MakeJob(*access_point, kEcho);
+  ASSERT_EQ(job->Start(&handler).GetCode(), 0u);
+  EXPECT_EQ(handler.Wait().GetCode(), 0u);
+  EXPECT_EQ(code, kDeinitInCallback.code);
+  EXPECT_EQ(Call(*access_point, kEcho).GetCode(), 0u);
+}
+
+TEST(IpcCalls, AServerThatStopsEndsItsCallsAndSessions) {
+  LocalPair pair;
+  const auto access_point = pair.Connect();
+  WaitingJobHandler handler;
+  const JobPointer job = MakeJob(*access_point, kWaiting);
+  ASSERT_EQ(job->Start(&handler).GetCode(), 0u);
+  ASSERT_TRUE(pair.host.WaitFor(pair.host.calls, 1));
+  pair.server->Stop();
+  EXPECT_EQ(pair.host.Read(pair.host.cancelled), 1);
+  EXPECT_EQ(pair.host.Read(pair.host.closed), 1);
+  EXPECT_EQ(pair.host.Read(pair.host.destroyed), 1);
+  const Common::Error error = handler.Wait();
+  EXPECT_EQ(error.GetCode(), kConnectionLost.code);
+  EXPECT_TRUE(error.HoldsCode(kServerStopped.code));
+
+  std::uint32_t version = 0;
+  const Common::Error dead = access_point->GetInterfaceVersion(kComponent, version, version);
+  EXPECT_EQ(dead.GetCode(), kNotConnected.code);
+  EXPECT_TRUE(dead.HoldsCode(kConnectionLost.code));
+
+  // Its socket is gone.
+  std::unique_ptr<Binding::AccessPoint> another;
+  EXPECT_EQ(pair.Connect(another).GetCode(), kNoLocalService.code);
+  // An answer that comes after all of it does nothing.
+  pair.host.Release();
+}
+
+TEST(IpcCalls, WhatIsBeyondALimitFailsByItself) {
+  Limits server_limits;
+  server_limits.max_request_size = 100'000;
+  server_limits.max_input = 150'000;
+  server_limits.max_calls = 4;
+  server_limits.max_output = 2'000'000;
+  server_limits.max_connections = 1;
+  Limits client_limits;
+  client_limits.max_reply_size = 1'000'000;
+  LocalPair pair(server_limits, client_limits);
+  const auto access_point = pair.Connect();
+  const std::string text(90'000, 'x');
+
+  EXPECT_EQ(Call(*access_point, kEcho, std::string(700'000, 'x')).GetCode(), kRequestTooLarge.code);
+  EXPECT_EQ(Call(*access_point, kLong, "1100000").GetCode(), kReplyTooLarge.code);
+  EXPECT_EQ(Call(*access_point, kLong, "2100000").GetCode(), kOutputFull.code);
+  EXPECT_EQ(Call(*access_point, kEcho, text).GetCode(), 0u);
+
+  std::deque<WaitingJobHandler> handlers(4);
+  std::vector<JobPointer> jobs;
+  for (WaitingJobHandler& handler : handlers) {
+    jobs.push_back(MakeJob(*access_point, kWaiting, handlers.size() > jobs.size() + 1 ? "" : text));
+    ASSERT_EQ(jobs.back()->Start(&handler).GetCode(), 0u);
+  }
+  ASSERT_TRUE(pair.host.WaitFor(pair.host.calls, 6));
+  EXPECT_EQ(Call(*access_point, kEcho).GetCode(), kTooManyCalls.code);
+  jobs.front()->Cancel();
+  EXPECT_EQ(handlers.front().Wait().GetCode(), kCancelled.code);
+  EXPECT_EQ(Call(*access_point, kEcho, text).GetCode(), kInputFull.code);
+
+  std::unique_ptr<Binding::AccessPoint> another;
+  EXPECT_EQ(pair.Connect(another).GetCode(), kTooManyConnections.code);
+  pair.host.Release();
+  for (std::size_t i = 1; i < handlers.size(); ++i) EXPECT_EQ(handlers[i].Wait().GetCode(), 0u);
+  EXPECT_EQ(Call(*access_point, kEcho, text).GetCode(), 0u);
+}
+
+TEST(IpcCalls, TheClientHasLimitsOfItsOwn) {
+  Limits limits;
+  limits.max_request_size = 1000;
+  limits.max_calls = 1;
+  LocalPair pair({}, limits);
+  const auto access_point = pair.Connect();
+  EXPECT_EQ(Call(*access_point, kEcho, std::string(1000, 'x')).GetCode(), kRequestTooLarge.code);
+  WaitingJobHandler handler;
+  const JobPointer job = MakeJob(*access_point, kWaiting);
+  ASSERT_EQ(job->Start(&handler).GetCode(), 0u);
+  EXPECT_EQ(Call(*access_point, kEcho).GetCode(), kTooManyCalls.code);
+  job->Cancel();
+  EXPECT_EQ(handler.Wait().GetCode(), kCancelled.code);
+  EXPECT_EQ(Call(*access_point, kEcho).GetCode(), 0u);
+}
+
+TEST(IpcCalls, TheLibraryReachesAServiceByItsPort) {
+  LocalPair pair;
+  Common::Error error;
+  std::unique_ptr<Binding::AccessPoint> access_point;
+  EXPECT_EQ(Binding::ConnectLocal(kServiceId, 0, access_point, {}).GetCode(),
+            Binding::kNoLocalBrowserCode);
+  Binding::ConnectionRecord record;
+  record.host = "localhost";
+  std::unique_ptr<Binding::Browser> browser;
+  EXPECT_EQ(Binding::CreateBinder()->Bind(record, browser).GetCode(), kNotStarted.code);
+  IPCClient_Deinit(error);
+  EXPECT_EQ(error.GetCode(), kNotStarted.code);
+  for (int round = 0; round < 2; ++round) {
+    const Binding::ScopedIPCClient library;
+    EXPECT_EQ(library.GetResult().GetCode(), 0u);
+    ASSERT_EQ(Binding::ConnectLocal(kServiceId, 0, access_point, {}).GetCode(), 0u);
+    EXPECT_EQ(Call(*access_point, kEcho).GetCode(), 0u);
+    EXPECT_EQ(Binding::ConnectLocal(kServiceId + 1, 0, access_point, {}).GetCode(),
+              kNoLocalService.code);
+    access_point.reset();
+    ::setenv("VELORIN_IPC_DIR", (pair.folder / "none").c_str(), 1);
+    const Common::Error no_browser = Binding::ConnectLocal(kServiceId, 0, access_point, {});
+    EXPECT_EQ(no_browser.GetCode(), Binding::kNoLocalBrowserCode);
+    EXPECT_TRUE(no_browser.HoldsCode(kNoRuntimeDirectory.code));
+    ::setenv("VELORIN_IPC_DIR", pair.folder.GetPath().c_str(), 1);
+  }
+}
+
+}  // namespace
+}  // namespace Platform::Ipc::Test
