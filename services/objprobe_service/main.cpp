@@ -3,19 +3,21 @@
 // Exit status: 0 ended by a signal, or done; 1 failed; 2 wrong command line. Events and failures
 // are told on standard error, one line each.
 
+#include <signal.h>
+#include <string.h>
+
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <exception>
 #include <iostream>
 #include <memory>
 #include <new>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <vector>
-
-#include <pwd.h>
-#include <signal.h>
-#include <unistd.h>
 
 #include "core/common/error.h"
 #include "core/common/text.h"
@@ -58,7 +60,6 @@ struct Settings {
   std::string certificate;
   std::string key;
   std::string users;
-  std::vector<std::string> local_users;
   unsigned int version = 2;
   ServiceLimits limits;
   Platform::Ipc::Limits transport;
@@ -75,20 +76,6 @@ unsigned int FindService(const std::string& keyword) {
     if (keyword == service.keyword) return service.id;
   }
   return 0;
-}
-
-std::string FindUser(const std::string& user) {
-  if (user.find_first_not_of("0123456789") == std::string::npos) return user;
-  const passwd* const entry = ::getpwnam(user.c_str());
-  if (entry == nullptr) throw UsageFailure("There is no user \"" + user + "\".");
-  return std::to_string(entry->pw_uid);
-}
-
-// Those who may use the service without a password: its own user, root, and those named.
-std::set<std::string> FindLocalUsers(const std::vector<std::string>& names) {
-  std::set<std::string> users{"0", std::to_string(::geteuid())};
-  for (const std::string& name : names) users.insert(FindUser(name));
-  return users;
 }
 
 void Check(const Settings& settings) {
@@ -133,7 +120,7 @@ void Serve(const Settings& settings) {
   if (!settings.users.empty()) {
     authenticator = std::make_unique<Authenticator>(settings.users, LogEvent);
   }
-  StoreHost host(authenticator.get(), FindLocalUsers(settings.local_users), LogEvent);
+  StoreHost host(authenticator.get(), LogEvent);
   std::set<unsigned int> ids;
   for (const std::string& text : settings.stores) {
     const std::size_t equals = std::min(text.find('='), text.size());
@@ -180,14 +167,11 @@ int Run(int argc, char** argv) {
   settings.transport.max_request_size = kMaxRequestSize;
   settings.transport.max_calls = kMaxCalls;
   CLI::App app(
-      "Serves object stores to objprobe: on local sockets, and with --listen over TLS.\n"
-      "Local clients must be the service's own user, root, or one of --local-user.",
+      "Serves object stores to objprobe: on local sockets to its own user and root, and with\n"
+      "--listen over TLS to its users.",
       "objprobe-service");
   app.add_option("--serve", settings.stores,
                  "KEYWORD=STORE: serve a store as HUB, VLT, AGT or DML; repeat it for others")
-      ->allow_extra_args(false);
-  app.add_option("--local-user", settings.local_users,
-                 "A further user of this computer who may connect, by name or number; repeatable")
       ->allow_extra_args(false);
   app.add_option("--listen", settings.address,
                  "HOST:PORT or [HOST]:PORT to serve other computers, port 0 for any");

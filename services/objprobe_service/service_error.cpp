@@ -29,10 +29,6 @@ const char16_t* GetText(std::uint32_t code) {
              u"the option \"LimitOptions\".";
     case kUpdatesNotTaken:
       return u"More updates wait than the service keeps, because the client does not take them.";
-    case kUnknownService:
-      return u"There is no such service here.";
-    case kUserRefused:
-      return u"The user may not use the service.";
     case kViewClosing:
       return Common::GetMessageText(Common::MessageRow::DmlViewClosing);
     case kAlreadyRunning:

@@ -18,8 +18,6 @@ inline constexpr std::uint32_t kSecondTransmission = 0xFC0106;
 inline constexpr std::uint32_t kTooManyViews = 0xFC0107;
 inline constexpr std::uint32_t kReplyTooLarge = 0xFC0108;
 inline constexpr std::uint32_t kUpdatesNotTaken = 0xFC0109;
-inline constexpr std::uint32_t kUnknownService = 0xFC010A;
-inline constexpr std::uint32_t kUserRefused = 0xFC010B;
 // Of the data management layer.
 inline constexpr std::uint32_t kViewClosing = 0xFC000B;     // the view or transmission has ended
 inline constexpr std::uint32_t kAlreadyRunning = 0xFC000C;  // a second pull while one waits

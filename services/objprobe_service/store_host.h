@@ -2,8 +2,8 @@
 
 #include <map>
 #include <memory>
-#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/ipc/server.h"
@@ -12,12 +12,13 @@
 
 namespace ObjProbeService {
 
-// The services of this program and who may use them: remote clients that the authenticator knows,
-// and of this computer the users that were named.
+// The services of this program. Remote clients are let in by the authenticator; of this computer
+// the transport lets in none but root and the user of the process.
 class StoreHost final : public Platform::Ipc::ServiceHost {
  public:
-  // `authenticator` may be null: then no remote client is let in. `local_users` by number.
-  StoreHost(Authenticator* authenticator, std::set<std::string> local_users, ViewService::Log log);
+  // `authenticator` may be null: then no remote client is let in.
+  StoreHost(Authenticator* authenticator, ViewService::Log log)
+      : authenticator_(authenticator), log_(std::move(log)) {}
 
   // Before the first client comes. `keyword` names it in the log.
   void Add(unsigned int service_id, const std::string& keyword,
@@ -38,7 +39,6 @@ class StoreHost final : public Platform::Ipc::ServiceHost {
   };
 
   Authenticator* const authenticator_;
-  const std::set<std::string> local_users_;
   const ViewService::Log log_;
   std::map<unsigned int, Service> services_;
 };
