@@ -196,7 +196,7 @@ TEST(UpdateCacheInterleavings, CancelsOfAWaitingRead) {
 TEST(UpdateCacheInterleavings, FailuresAmongDeliveriesAndCancels) {
   EXPECT_EQ(Async::Testing::Explore<CacheScenario>(Situation{2, 2, true, 0}), "");
   EXPECT_EQ(Async::Testing::Explore<CacheScenario>(Situation{2, 1, true, 1}), "");
-  EXPECT_EQ(Async::Testing::Explore<CacheScenario>(Situation{3, 2, true, 1}, 4), "");
+  EXPECT_EQ(Async::Testing::Explore<CacheScenario>(Situation{3, 2, true, 1}, 3), "");
 }
 
 }  // namespace
