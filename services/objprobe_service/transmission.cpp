@@ -100,6 +100,7 @@ class Transmission::Channel final : public Dml::SubscriptionReader,
       if (result.IsFailure()) {
         updates.push_back(MakeRecord(number_, kChannelError, &result));
         Close();
+        transmission->on_failure_("channel " + std::to_string(number_), result);
       }
       transmission->Add(*this, std::move(updates));
     } catch (const std::bad_alloc&) {
@@ -125,7 +126,7 @@ class Transmission::Channel final : public Dml::SubscriptionReader,
 };
 
 Transmission::Transmission(unsigned int id, const ServiceLimits& limits, PullTimer& timer,
-                           std::function<void(const Common::Error&)> on_failure)
+                           OnFailure on_failure)
     : id_(id), limits_(limits), timer_(&timer), on_failure_(std::move(on_failure)) {}
 
 Transmission::~Transmission() {
@@ -297,7 +298,7 @@ void Transmission::TakeUpdates(Updates& updates) {
 void Transmission::Finish(Aftermath aftermath) {
   if (aftermath.wait != 0) timer_->Remove(aftermath.wait);
   for (const auto& [number, channel] : aftermath.ended) channel->Close();
-  if (aftermath.has_failed && on_failure_) on_failure_(aftermath.failure);
+  if (aftermath.has_failed) on_failure_("transmission", aftermath.failure);
   if (aftermath.call == nullptr) return;
   if (aftermath.failure.IsFailure()) {
     return SendFailure(*aftermath.call, kPullMethod, aftermath.failure);

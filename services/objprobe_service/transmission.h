@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "core/common/error.h"
@@ -38,9 +39,12 @@ class Transmission final : public PullTimer::Waiter,
                            public std::enable_shared_from_this<Transmission>,
                            public Common::NonCopyable {
  public:
-  // `timer` must outlive it. `on_failure` is told when it fails.
+  // Told when the transmission or a channel of it fails; `what` says which.
+  using OnFailure = std::function<void(const std::string& what, const Common::Error& failure)>;
+
+  // `timer` must outlive it.
   Transmission(unsigned int id, const ServiceLimits& limits, PullTimer& timer,
-               std::function<void(const Common::Error&)> on_failure);
+               OnFailure on_failure);
   ~Transmission() override;
 
   unsigned int GetId() const { return id_; }
@@ -95,7 +99,7 @@ class Transmission final : public PullTimer::Waiter,
   const unsigned int id_;
   const ServiceLimits limits_;
   PullTimer* const timer_;
-  const std::function<void(const Common::Error&)> on_failure_;
+  const OnFailure on_failure_;
 
   mutable std::mutex mutex_;  // guards the fields below
   Common::Error failure_;

@@ -226,8 +226,9 @@ class ViewService::Connection final : public std::enable_shared_from_this<Connec
     while (id == 0) id = ++service_.last_transmission_;
     transmission_ = std::make_shared<Transmission>(
         id, service_.limits_, service_.timer_,
-        [log = service_.log_, client = client_](const Common::Error& failure) {
-          log(client + ": transmission failed: " + StoreTool::DescribeError(failure));
+        [log = service_.log_, client = client_](const std::string& what,
+                                                const Common::Error& failure) {
+          log(client + ": " + what + " failed: " + StoreTool::DescribeError(failure));
         });
     return id;
   }
