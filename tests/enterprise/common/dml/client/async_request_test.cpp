@@ -147,6 +147,8 @@ TEST_F(Requests, TheirEndWaitsForTheCall) {
   request.reset();
   EXPECT_TRUE(answers);
   EXPECT_TRUE(call->HasEnded());
+  // Told behind that, while this test still has its handler.
+  EXPECT_FALSE(handler_.Await().IsFailure());
 }
 
 TEST_F(Requests, WhatAHandlerRaisesIsTracedAndDropped) {
