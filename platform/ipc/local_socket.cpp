@@ -113,7 +113,11 @@ UniqueDescriptor ConnectLocalService(const std::string& directory, unsigned int 
     throw MakeSystemError(kNoLocalService, errno, kSource.At("ConnectLocalService", 60),
                           directory + "/" + name);
   }
-  if (!IsOwn(found.st_uid) || !S_ISSOCK(found.st_mode)) {
+  if (!S_ISSOCK(found.st_mode)) {
+    throw MakeSystemError(kNoLocalService, ENOTSOCK, kSource.At("ConnectLocalService", 65),
+                          directory + "/" + name);
+  }
+  if (!IsOwn(found.st_uid)) {
     throw MakeError(kWrongOwner, kSource.At("ConnectLocalService", 70), directory + "/" + name);
   }
   UniqueDescriptor result = MakeSocket();
@@ -122,8 +126,8 @@ UniqueDescriptor ConnectLocalService(const std::string& directory, unsigned int 
     const int failure = Connect(result.Get(), address);
     if (failure == 0) break;
     if (failure != EAGAIN) {
-      throw MakeSystemError(kNoLocalService, failure, kSource.At("ConnectLocalService", 80),
-                            directory + "/" + name);
+      throw MakeSystemError(failure == EACCES ? kNotAdmitted : kNoLocalService, failure,
+                            kSource.At("ConnectLocalService", 80), directory + "/" + name);
     }
     // The service has a queue of clients that wait; no readiness tells when it gets shorter.
     if (Clock::now() >= deadline) {

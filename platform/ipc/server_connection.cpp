@@ -48,7 +48,7 @@ class ConnectionCall final : public ServerCall {
         connection_->Fail(start_.call_id, MakeError(kNoAnswer, kSource.At("~ConnectionCall", 30)));
       });
     }
-    connection_->Release(packet_.size());
+    if (state_ != State::kIsAnswered) connection_->Release(packet_.size());
   }
 
   std::uint32_t GetComponentId() const override { return start_.component_id; }
@@ -88,10 +88,14 @@ class ConnectionCall final : public ServerCall {
 
   bool BeginAnswer() {
     std::function<void()> dropped;  // outside the lock
-    const std::lock_guard lock(mutex_);
-    if (state_ != State::kIsOpen) return false;
-    state_ = State::kIsAnswered;
-    dropped.swap(callback_);
+    {
+      const std::lock_guard lock(mutex_);
+      if (state_ != State::kIsOpen) return false;
+      state_ = State::kIsAnswered;
+      dropped.swap(callback_);
+    }
+    // Before the answer goes, so that the client may make its next call on it.
+    connection_->Release(packet_.size());
     return true;
   }
 

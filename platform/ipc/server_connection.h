@@ -68,7 +68,7 @@ class ServerConnection final : public Connection {
   // From the calls. Only the first one for an id does something.
   void Reply(std::uint64_t call_id, std::vector<unsigned char> packet);
   void Fail(std::uint64_t call_id, const Common::Error& error);
-  // A call with a packet of that size has been destroyed.
+  // A call with a packet of that size is about to be answered, or is destroyed without an answer.
   void Release(std::size_t size);
 
  private:
@@ -108,7 +108,7 @@ class ServerConnection final : public Connection {
 
   std::mutex calls_mutex_;  // guards what follows
   std::unordered_map<std::uint64_t, std::weak_ptr<ConnectionCall>> calls_;
-  std::size_t living_calls_ = 0;  // with those that were answered or cancelled and are still held
+  std::size_t living_calls_ = 0;  // with those that were cancelled and are still held
   std::size_t input_size_ = 0;    // of the packets of living calls and incoming packets
 };
 

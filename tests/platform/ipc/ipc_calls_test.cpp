@@ -324,7 +324,7 @@ TEST(IpcCalls, WhatIsBeyondALimitFailsByItself) {
     jobs.push_back(MakeJob(*access_point, kWaiting, handlers.size() > jobs.size() + 1 ? "" : text));
     ASSERT_EQ(jobs.back()->Start(&handler).GetCode(), 0u);
   }
-  ASSERT_TRUE(pair.host.WaitFor(pair.host.calls, 6));
+  ASSERT_TRUE(pair.host.WaitFor(pair.host.calls, 7));
   EXPECT_EQ(Call(*access_point, kEcho).GetCode(), kTooManyCalls.code);
   jobs.front()->Cancel();
   EXPECT_EQ(handlers.front().Wait().GetCode(), kCancelled.code);
