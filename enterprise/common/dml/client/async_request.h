@@ -24,7 +24,7 @@ class AsyncRequest final : public Async::BaseJob, public JobManagement::JobHandl
   // borrowed until it has been told.
   AsyncRequest(std::shared_ptr<Binding::AccessPoint> access_point,
                std::unique_ptr<Binding::Request> request, Async::ActionHandler& handler);
-  // Waits for the end of the library's job.
+  // Waits for the end of the library's job, but not until the handler has been told.
   ~AsyncRequest() override;
 
   // Never throws: a failure to start is told to the handler, on this thread.

@@ -1,11 +1,14 @@
 #include "enterprise/common/dml/client/remote_subscription_dispatcher.h"
 
+#include <cstddef>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <utility>
 
 #include "core/common/line_tag.h"
 #include "core/common/message_table.h"
+#include "core/common/non_copyable.h"
 #include "enterprise/common/async/operation_description.h"
 #include "enterprise/common/dml/client/async_request.h"
 #include "enterprise/common/dml/dml_codes.h"
@@ -158,17 +161,34 @@ Marks ReadMarks(const Por::View::Unit* unit) {
   return marks;
 }
 
-// The unit as readers see it, kept alive.
-Por::SharedUnit HideChannel(const Por::SharedUnit& unit) {
-  struct HiddenChannel {
-    explicit HiddenChannel(const Por::SharedUnit& hidden)
-        : received(hidden), shown(*hidden, kChannelId) {}
-    const Por::SharedUnit received;
-    const Por::View::ExcludeTraitUnit shown;
-  };
-  const auto hidden = std::make_shared<const HiddenChannel>(unit);
-  return {hidden, &hidden->shown};
-}
+// The first units of a run as readers see them, with the received ones that they keep alive. They
+// are made and go together, as the records of a run stay together in the cache.
+struct ShownUnit {
+  explicit ShownUnit(const Por::SharedUnit& unit) : received(unit), shown(*unit, kChannelId) {}
+  const Por::SharedUnit received;
+  const Por::View::ExcludeTraitUnit shown;
+};
+class ShownUnits : public Common::NonCopyable {
+ public:
+  explicit ShownUnits(std::size_t capacity)
+      : units_(Allocator().allocate(capacity)), capacity_(capacity) {}
+  ~ShownUnits() {
+    std::destroy_n(units_, size_);
+    Allocator().deallocate(units_, capacity_);
+  }
+
+  // At most as often as the capacity says.
+  const Por::View::Unit* Add(const Por::SharedUnit& received) {
+    return &std::construct_at(units_ + size_++, received)->shown;
+  }
+
+ private:
+  using Allocator = std::allocator<ShownUnit>;
+
+  ShownUnit* const units_;
+  const std::size_t capacity_;
+  std::size_t size_ = 0;
+};
 
 }  // namespace
 
@@ -247,7 +267,7 @@ void RemoteSubscriptionDispatcher::End() {
 }
 
 void RemoteSubscriptionDispatcher::Consume(const std::vector<ViewUpdate>& records) {
-  std::vector<ViewUpdate> run;  // of `current`
+  Run run;  // of `current`
   std::uint32_t current = 0;
   for (const ViewUpdate& record : records) {
     const Marks marks = ReadMarks(record.key.get());
@@ -260,13 +280,13 @@ void RemoteSubscriptionDispatcher::Consume(const std::vector<ViewUpdate>& record
     } else if (marks.is_creation) {
       // Carries nothing.
     } else if (marks.is_removal) {
-      run.clear();
+      run.received.clear();
       RemoveChannel(current);
     } else if (marks.is_error) {
-      run.clear();
+      run.received.clear();
       FindCache(current)->Fail(Por::Util::GetValue<Common::Error>(*record.key, Common::Error()));
     } else {
-      run.push_back({record.type, HideChannel(record.key), record.packed_update});
+      run.received.push_back(&record);
     }
   }
   Deliver(current, run);
@@ -311,9 +331,21 @@ void RemoteSubscriptionDispatcher::RemoveChannel(std::uint32_t number) {
   removed = channels_.extract(number);
 }
 
-void RemoteSubscriptionDispatcher::Deliver(std::uint32_t number, std::vector<ViewUpdate>& run) {
-  if (run.empty()) return;
-  FindCache(number)->Take(run);
+void RemoteSubscriptionDispatcher::Deliver(std::uint32_t number, Run& run) {
+  if (run.received.empty()) return;
+  run.shown.clear();
+  if (run.received.size() == 1) {
+    const ViewUpdate& record = *run.received.front();
+    const auto unit = std::make_shared<const ShownUnit>(record.key);
+    run.shown.push_back({record.type, {unit, &unit->shown}, record.packed_update});
+  } else {
+    const auto units = std::make_shared<ShownUnits>(run.received.size());
+    for (const ViewUpdate* const record : run.received) {
+      run.shown.push_back({record->type, {units, units->Add(record->key)}, record->packed_update});
+    }
+  }
+  run.received.clear();
+  FindCache(number)->Take(run.shown);
 }
 
 }  // namespace Dml::Client

@@ -60,12 +60,18 @@ class RemoteSubscriptionDispatcher final : public Consumer {
     std::weak_ptr<InMemoryUpdateCache> cache;
   };
 
+  // Adjacent records of one channel.
+  struct Run {
+    std::vector<const ViewManagement::ViewUpdate*> received;
+    std::vector<ViewManagement::ViewUpdate> shown;  // memory for the delivery
+  };
+
   // Under the mutex: the channel's entry and its cache, both made if there is none.
   Channel& FindChannel(std::uint32_t number, std::shared_ptr<InMemoryUpdateCache>& cache);
   std::shared_ptr<InMemoryUpdateCache> FindCache(std::uint32_t number);
   void RemoveChannel(std::uint32_t number);
   // Leaves `run` empty. No records are no delivery.
-  void Deliver(std::uint32_t number, std::vector<ViewManagement::ViewUpdate>& run);
+  void Deliver(std::uint32_t number, Run& run);
 
   const std::shared_ptr<Binding::AccessPoint> access_point_;
   Common::Mutex mutex_;                     // guards what follows

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <vector>
 
@@ -55,6 +56,10 @@ class BasicInMemoryUpdateCache final : public Consumer {
   // The iterators over `records` copy them or move them out.
   template <class Iterator>
   void Deliver(const Updates& records, Iterator begin, Iterator end, Common::Error result);
+
+  // Of a vector that was read, for the next records; not of one that a burst has made large.
+  static constexpr std::size_t kKeptRecords = 256;
+  void KeepMemory(Updates& updates);
 
   typename Atomics::Mutex mutex_;                    // guards all other fields
   std::vector<ViewManagement::ViewUpdate> updates_;  // what has arrived and was not read

@@ -124,9 +124,20 @@ std::shared_ptr<Async::Job> BasicInMemoryUpdateCache<Atomics>::CheckOut(
       return pending_;
     }
   }
-  if (!updates.empty()) result = Detail::ReadGuarded(updates, reader);
+  if (!updates.empty()) {
+    result = Detail::ReadGuarded(updates, reader);
+    KeepMemory(updates);
+  }
   TellHandler(handler, std::move(result));
   return nullptr;
+}
+
+template <class Atomics>
+void BasicInMemoryUpdateCache<Atomics>::KeepMemory(Updates& updates) {
+  updates.clear();
+  if (updates.capacity() > kKeptRecords) return;
+  const typename Atomics::MutexLock lock(mutex_);
+  if (updates_.capacity() == 0) updates_.swap(updates);
 }
 
 }  // namespace Dml::Client
