@@ -38,6 +38,13 @@ class ServerCall : public Common::NonCopyable {
   // Answers the call, with a packet or with an error in its place. The first answer counts; after
   // the call was cancelled or the connection is gone there is none, and these do nothing.
   virtual void Reply(std::vector<unsigned char> packet) = 0;
+  // The same of a packet that somebody else holds, and `owner` keeps: a large one need not be
+  // copied.
+  virtual void ReplyShared(std::shared_ptr<const void> owner, const unsigned char* packet,
+                           std::size_t size) {
+    Reply(std::vector<unsigned char>(packet, packet + size));
+    owner.reset();
+  }
   virtual void Fail(const Common::Error& error) = 0;
 
   // `callback` is called once when the client has cancelled the call or the connection is gone, at

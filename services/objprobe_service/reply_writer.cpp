@@ -1,8 +1,8 @@
 #include "services/objprobe_service/reply_writer.h"
 
+#include <memory>
 #include <new>
 #include <string>
-#include <utility>
 
 #include "enterprise/common/ipc/utils.h"
 #include "enterprise/serialize/xml_serializer.h"
@@ -17,6 +17,12 @@ constexpr char kResultName[] = "result";
 
 MetaInfo MakeEnvelope(ViewMethod method) {
   return MetaInfo(std::string("reply_ViewManager_").append(GetMethodName(method)));
+}
+
+// The block in which it was written is what goes out.
+void SendPacket(Platform::Ipc::ServerCall& call, Serialization::Serializer& serializer) {
+  const auto packet = std::make_shared<const Serialization::CountedBytes>(serializer.Finish());
+  call.ReplyShared(packet, packet->data.get(), packet->size);
 }
 
 }  // namespace
@@ -78,9 +84,7 @@ void ReplyWriter::WriteItem(const EncodedUpdate& update) {
 
 void ReplyWriter::Send(Platform::Ipc::ServerCall& call) {
   for (; !open_.empty(); open_.pop_back()) serializer_->EndElement(open_.back());
-  std::vector<unsigned char> packet;
-  serializer_->Finish(packet);
-  call.Reply(std::move(packet));
+  SendPacket(call, *serializer_);
 }
 
 void SendSuccess(Platform::Ipc::ServerCall& call, ViewMethod method) {
@@ -94,9 +98,7 @@ void SendFailure(Platform::Ipc::ServerCall& call, ViewMethod method, const Commo
       const Serialization::ElementWriter envelope(*serializer, MakeEnvelope(method));
       serializer->Write(MetaInfo(kResultName), failure);
     }
-    std::vector<unsigned char> packet;
-    serializer->Finish(packet);
-    call.Reply(std::move(packet));
+    SendPacket(call, *serializer);
   } catch (const std::bad_alloc&) {
     call.Fail(Common::Error::OutOfMemory());
   }
