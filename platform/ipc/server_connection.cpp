@@ -56,7 +56,12 @@ class ConnectionCall final : public ServerCall {
   const std::vector<unsigned char>& GetPacket() const override { return packet_; }
 
   void Reply(std::vector<unsigned char> packet) override {
-    if (BeginAnswer()) connection_->Reply(start_.call_id, std::move(packet));
+    const auto owner = std::make_shared<const std::vector<unsigned char>>(std::move(packet));
+    ReplyShared(owner, owner->data(), owner->size());
+  }
+  void ReplyShared(std::shared_ptr<const void> owner, const unsigned char* packet,
+                   std::size_t size) override {
+    if (BeginAnswer()) connection_->Reply(start_.call_id, std::move(owner), packet, size);
   }
   void Fail(const Common::Error& error) override {
     if (BeginAnswer()) connection_->Fail(start_.call_id, error);
@@ -339,19 +344,19 @@ void ServerConnection::TakeCancel(std::uint64_t call_id) {
   core_.GetDelivery().Post([call = std::move(call)] { call->Cancel(); });
 }
 
-void ServerConnection::Reply(std::uint64_t call_id, std::vector<unsigned char> packet) {
-  if (packet.size() > GetLimits().max_reply_size) {
-    Fail(call_id, MakeError(kReplyTooLarge, kSource.At("Reply", 200),
-                            std::to_string(packet.size()) + " bytes"));
+void ServerConnection::Reply(std::uint64_t call_id, std::shared_ptr<const void> owner,
+                             const unsigned char* packet, std::size_t size) {
+  if (size > GetLimits().max_reply_size) {
+    Fail(call_id,
+         MakeError(kReplyTooLarge, kSource.At("Reply", 200), std::to_string(size) + " bytes"));
     return;
   }
   if (!Take(call_id)) return;
-  const auto owner = std::make_shared<const std::vector<unsigned char>>(std::move(packet));
   OutgoingPacket outgoing;
   outgoing.start.call_id = call_id;
-  outgoing.start.size = owner->size();
-  outgoing.data = owner->data();
-  outgoing.owner = owner;
+  outgoing.start.size = size;
+  outgoing.data = packet;
+  outgoing.owner = std::move(owner);
   if (SendPacket(std::move(outgoing)) == Sending::kFull) {
     SendMessage(FrameKind::kFault, call_id,
                 EncodeError(MakeError(kOutputFull, kSource.At("Reply", 210))));

@@ -66,7 +66,8 @@ class ServerConnection final : public Connection {
                    std::unique_ptr<TlsFilter> filter, Origin origin, const Limits& limits);
 
   // From the calls. Only the first one for an id does something.
-  void Reply(std::uint64_t call_id, std::vector<unsigned char> packet);
+  void Reply(std::uint64_t call_id, std::shared_ptr<const void> owner, const unsigned char* packet,
+             std::size_t size);
   void Fail(std::uint64_t call_id, const Common::Error& error);
   // A call with a packet of that size is about to be answered, or is destroyed without an answer.
   void Release(std::size_t size);
