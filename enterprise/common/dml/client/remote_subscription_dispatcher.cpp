@@ -297,6 +297,7 @@ void RemoteSubscriptionDispatcher::Fail(const Common::Error& error) {
   {
     const Common::MutexLock lock(mutex_);
     failure_ = error;
+    known_channels_.clear();
     channels.swap(channels_);
   }
   for (const auto& [number, channel] : channels) {
@@ -308,7 +309,9 @@ void RemoteSubscriptionDispatcher::Fail(const Common::Error& error) {
 
 RemoteSubscriptionDispatcher::Channel& RemoteSubscriptionDispatcher::FindChannel(
     std::uint32_t number, std::shared_ptr<InMemoryUpdateCache>& cache) {
-  Channel& channel = channels_[number];
+  Channel*& known = known_channels_[number];
+  if (known == nullptr) known = &channels_[number];
+  Channel& channel = *known;
   cache = channel.cache.lock();
   if (cache == nullptr) {
     cache = std::make_shared<InMemoryUpdateCache>(failure_);
@@ -328,6 +331,7 @@ std::shared_ptr<InMemoryUpdateCache> RemoteSubscriptionDispatcher::FindCache(std
 void RemoteSubscriptionDispatcher::RemoveChannel(std::uint32_t number) {
   decltype(channels_)::node_type removed;  // goes, with what was kept, behind the lock
   const Common::MutexLock lock(mutex_);
+  known_channels_.erase(number);
   removed = channels_.extract(number);
 }
 

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <unordered_map>
 #include <vector>
 
 #include "core/common/error.h"
@@ -77,7 +78,9 @@ class RemoteSubscriptionDispatcher final : public Consumer {
   Common::Mutex mutex_;                     // guards what follows
   std::shared_ptr<ProductionCycle> cycle_;  // null until it runs and behind End
   std::uint32_t transmission_ = 0;
-  std::map<std::uint32_t, Channel> channels_;
+  std::map<std::uint32_t, Channel> channels_;  // in the order in which their end is told
+  // Finds an entry in the same time however many there are; null where there is none.
+  std::unordered_map<std::uint32_t, Channel*> known_channels_;
   Common::Error failure_;  // success, or why the transmission has ended
 };
 
