@@ -11,7 +11,7 @@ namespace Platform::Ipc {
 
 // Overwrites what has held a password.
 inline void Wipe(std::vector<unsigned char>& bytes) {
-  ::explicit_bzero(bytes.data(), bytes.size());
+  if (!bytes.empty()) ::explicit_bzero(bytes.data(), bytes.size());
 }
 
 // A text that is overwritten when it goes, with what its string has room for.

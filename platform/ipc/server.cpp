@@ -202,7 +202,13 @@ void ServerImpl::PostOpening(std::function<void()> task) {
     ++openings_;
   }
   delivery_.Post([this, task = std::move(task)] {
-    task();
+    try {
+      task();
+    } catch (const std::exception& failure) {
+      // The connection ends by its time for the handshake.
+      Common::Trace(Common::kTraceWarning,
+                    MakeReasonedError(kNoResources, failure.what(), kSource.At("PostOpening", 70)));
+    }
     EndOpening();
   });
 }

@@ -357,14 +357,23 @@ void ServerConnection::Reply(std::uint64_t call_id, std::shared_ptr<const void> 
   outgoing.start.size = size;
   outgoing.data = packet;
   outgoing.owner = std::move(owner);
-  if (SendPacket(std::move(outgoing)) == Sending::kFull) {
-    SendMessage(FrameKind::kFault, call_id,
-                EncodeError(MakeError(kOutputFull, kSource.At("Reply", 210))));
-  }
+  Answer([&] {
+    if (SendPacket(std::move(outgoing)) == Sending::kFull) {
+      SendMessage(FrameKind::kFault, call_id,
+                  EncodeError(MakeError(kOutputFull, kSource.At("Reply", 210))));
+    }
+  });
 }
 
 void ServerConnection::Fail(std::uint64_t call_id, const Common::Error& error) {
-  if (Take(call_id)) SendMessage(FrameKind::kFault, call_id, EncodeError(error));
+  if (!Take(call_id)) return;
+  Answer([&] { SendMessage(FrameKind::kFault, call_id, EncodeError(error)); });
+}
+
+// A client must not wait for an answer that has found no room.
+void ServerConnection::Answer(const std::function<void()>& send) {
+  const Common::Error error = Guard(send);
+  if (error.IsFailure()) Close(error);
 }
 
 void ServerConnection::Release(std::size_t size) {
@@ -373,7 +382,8 @@ void ServerConnection::Release(std::size_t size) {
   input_size_ -= size;
 }
 
-void ServerConnection::OnEnd(const Common::Error&) {
+void ServerConnection::OnEnd(const Common::Error& error) {
+  Common::Trace(Common::kTraceDebug, error);
   has_ended_ = true;
   incoming_.clear();
   std::vector<std::shared_ptr<ConnectionCall>> open;

@@ -93,6 +93,7 @@ class ServerConnection final : public Connection {
                      std::vector<InterfaceVersion> interfaces, const Common::Error& error);
   bool EndMalformed(const IpcFailure& failure, const char* detail, std::uint32_t line);
   bool Dispatch(IncomingPacket packet);
+  void Answer(const std::function<void()>& send);
   void TakeCancel(std::uint64_t call_id);
   // Takes a call out of the open ones. False: it isn't open.
   bool Take(std::uint64_t call_id, std::shared_ptr<ConnectionCall>* call = nullptr);
