@@ -1,5 +1,6 @@
-// How soon a reader that follows a store is told of a change of another process, and what the
-// following costs while nothing changes. No arguments; prints "name value unit" lines.
+// How soon a reader that follows a store is told of a change of another process, what the following
+// costs while nothing changes, and what a change of one large transaction costs to write and to
+// follow; with any argument only the last. Prints "name value unit" lines.
 //
 // A delay counts from the return of the writer's commit to the call of the reader, so that a writer
 // that takes long to get back from its commit may show one below zero.
@@ -116,9 +117,13 @@ class Following {
   std::shared_ptr<Async::Job> cycle_;
 };
 
-double GetProcessorSeconds() {
+rusage GetUsage() {
   rusage usage{};
   ::getrusage(RUSAGE_SELF, &usage);
+  return usage;
+}
+
+double GetProcessorSeconds(const rusage& usage = GetUsage()) {
   const auto seconds = [](const timeval& time) {
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) * 1e-6;
   };
@@ -160,15 +165,69 @@ void ReportDelays(const std::string& folder, const std::string& name, bool keeps
   ::munmap(memory, sizeof(Times));
 }
 
+class CountReader final : public Dml::SubscriptionReader {
+ public:
+  void OnCreated(const Por::View::Unit&) override { ++count; }
+  void OnUpdated(const Por::View::Unit&, const Por::View::Unit&) override { ++count; }
+  void OnDeleted(const Por::View::Unit&) override { ++count; }
+
+  unsigned int count = 0;
+};
+
+// Processor time. Writes and follows one behind the other. The writer is a process of its own: the
+// peak is the reader's, and shows growth from one call to a larger one.
+void ReportTransaction(const std::string& folder, unsigned int changes) {
+  const std::string name = "objprobe-transaction-" + std::to_string(changes);
+  const std::string path = folder + "/" + name;
+  SqliteStoreWriter::Create(path);
+  int go[2];
+  if (::pipe(go) != 0) return;
+  const pid_t child = ::fork();
+  if (child == 0) {
+    char byte = 0;
+    if (::read(go[0], &byte, 1) != 1) ::_exit(1);
+    {
+      SqliteStoreWriter writer(path);
+      writer.Begin();
+      for (unsigned int i = 0; i < changes; ++i) writer.Put(*MakeObject(i));
+      writer.Commit();
+    }
+    ::_exit(0);
+  }
+  const auto office = Dml::CreatePostOffice(Common::Utf8ToString(path.c_str()));
+  std::unique_ptr<Dml::Subscription> subscription;
+  Async::WaitingHandler subscribed(true);
+  const auto job = office->Subscribe(Core::EntryPoint(), {}, nullptr, subscription, subscribed);
+  const Common::Error error = subscribed.Wait(job.get());
+  if (error.IsFailure()) throw Common::Error(error);
+  if (::write(go[1], "", 1) != 1) return;
+  rusage writing{};
+  ::wait4(child, nullptr, 0, &writing);
+  const double before = GetProcessorSeconds();
+  CountReader reader;
+  while (reader.count < changes) {
+    Async::WaitingHandler read(true);
+    const auto reading = subscription->Read(reader, read);
+    const Common::Error failure = read.Wait(reading.get());
+    if (failure.IsFailure()) throw Common::Error(failure);
+  }
+  const double following = GetProcessorSeconds() - before;
+  ::close(go[0]);
+  ::close(go[1]);
+  Bench::Report(name + "-write", GetProcessorSeconds(writing) / changes * 1e6, "us/change");
+  Bench::Report(name + "-follow", following / changes * 1e6, "us/change");
+  Bench::Report(name + "-peak", static_cast<double>(GetUsage().ru_maxrss) / 1024, "MiB");
+}
+
 }  // namespace
 
-int main() {
+int main(int argc, char**) {
   char folder[] = "/tmp/objprobe_follow.XXXXXX";
   if (::mkdtemp(folder) == nullptr) return 1;
-  ReportDelays(folder, "objprobe-follow-sessions", false, std::chrono::milliseconds(60));
-  ReportDelays(folder, "objprobe-follow-rare", true, std::chrono::milliseconds(60));
-  ReportDelays(folder, "objprobe-follow-burst", true, std::chrono::microseconds(100));
-  {
+  if (argc < 2) {
+    ReportDelays(folder, "objprobe-follow-sessions", false, std::chrono::milliseconds(60));
+    ReportDelays(folder, "objprobe-follow-rare", true, std::chrono::milliseconds(60));
+    ReportDelays(folder, "objprobe-follow-burst", true, std::chrono::microseconds(100));
     const std::string path = folder + std::string("/idle");
     SqliteStoreWriter::Create(path);
     const Following following(path);
@@ -178,6 +237,9 @@ int main() {
     writer.Put(*MakeObject(1));
     writer.Commit();
     ReportIdle("objprobe-follow-idle-open-store");
+  }
+  for (const unsigned int changes : {10'000U, 100'000U, 600'000U}) {
+    ReportTransaction(folder, changes);
   }
   std::filesystem::remove_all(folder);
   return 0;

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <unordered_map>
 #include <utility>
 
 #include "core/common/line_tag.h"
@@ -62,18 +61,18 @@ struct SqliteChangeLog::Statements {
              "SELECT number, total - coalesce(length(before), 0), previous FROM changes"
              " WHERE number > ?1 ORDER BY number LIMIT 1"),
         known(database, "SELECT total, stamp FROM changes WHERE number = ?1"),
-        list(database, "SELECT number, seq FROM changes WHERE number > ?1 ORDER BY number"),
         walk(database,
              "SELECT number, kind, seq, id, total, before, stamp, previous FROM changes"
              " WHERE number > ?1 ORDER BY number"),
-        before(database, "SELECT kind, before FROM changes WHERE number = ?1"),
+        later(database,
+              "SELECT kind, before FROM changes INDEXED BY changes_by_seq"
+              " WHERE seq = ?1 AND number > ?2 ORDER BY number LIMIT 1"),
         object(database, "SELECT data FROM objects WHERE seq = ?1") {}
 
   SqliteStatement next;
   SqliteStatement known;
-  SqliteStatement list;
   SqliteStatement walk;
-  SqliteStatement before;
+  SqliteStatement later;
   SqliteStatement object;
 };
 
@@ -128,48 +127,31 @@ void SqliteChangeLog::Check(const ChangePosition& position) {
 }
 
 void SqliteChangeLog::Seek(const ChangePosition& position) {
-  entries_.clear();
-  place_ = 0;
+  number_ = position.number;
   total_ = position.total;
   stamp_ = position.stamp;
-  if (position.number == last_.number) return;
+  if (number_ == last_.number) return;
   if (statements_ == nullptr) statements_ = std::make_unique<Statements>(*database_);
-  // What an object was after a change is what it was before its next one, so that is looked up
-  // first, for all of them.
-  std::unordered_map<long long, std::size_t> latest;  // by object
-  SqliteStatement& list = statements_->list;
-  list.Reset();
-  list.Bind(1, position.number);
-  while (list.Step()) {
-    const std::size_t place = entries_.size();
-    entries_.push_back({list.GetInteger(0), 0});
-    const auto [entry, is_new] = latest.try_emplace(list.GetInteger(1), place);
-    if (!is_new) entries_[std::exchange(entry->second, place)].next = place;
-  }
-  list.Reset();
   statements_->walk.Reset();
-  statements_->walk.Bind(1, position.number);
+  statements_->walk.Bind(1, number_);
 }
 
 bool SqliteChangeLog::Next(StoredChange& change) {
-  if (place_ == entries_.size()) return false;
-  const Entry entry = entries_[place_];
+  if (number_ == last_.number) return false;
+  const long long number = number_ + 1;
   SqliteStatement& walk = statements_->walk;
   change = {};
-  change.number = entry.number;
-  if (!walk.Step() || walk.GetInteger(0) != entry.number ||
-      (place_ > 0 && entry.number != entries_[place_ - 1].number + 1)) {
-    ThrowCorrupted(entry.number);
-  }
+  change.number = number;
+  if (!walk.Step() || walk.GetInteger(0) != number) ThrowCorrupted(number);
   const long long kind = walk.GetInteger(1);
-  if (kind < 0 || kind > Dml::ViewManagement::kUpdateDeleted) ThrowCorrupted(entry.number);
+  if (kind < 0 || kind > Dml::ViewManagement::kUpdateDeleted) ThrowCorrupted(number);
   change.object = walk.GetInteger(2);
   change.total = walk.GetInteger(4);
   change.stamp = walk.GetInteger(6);
-  if (walk.GetInteger(7) != stamp_) ThrowCorrupted(entry.number);
+  if (walk.GetInteger(7) != stamp_) ThrowCorrupted(number);
   std::size_t id_size = 0;
   const unsigned char* id = walk.GetBlob(3, id_size);
-  if (id_size != change.id.bytes.size()) ThrowCorrupted(entry.number);
+  if (id_size != change.id.bytes.size()) ThrowCorrupted(number);
   std::copy_n(id, id_size, change.id.bytes.begin());
   change.has_before = kind != Dml::ViewManagement::kUpdateCreated;
   change.has_after = kind != Dml::ViewManagement::kUpdateDeleted;
@@ -177,22 +159,28 @@ bool SqliteChangeLog::Next(StoredChange& change) {
   // Without overflow, whatever the numbers are.
   if (static_cast<unsigned long long>(change.total) - static_cast<unsigned long long>(total_) !=
       change.before_size) {
-    ThrowCorrupted(entry.number);
+    ThrowCorrupted(number);
   }
   if (change.has_after) {
-    const bool is_last = entry.next == 0;
-    SqliteStatement& source = is_last ? statements_->object : statements_->before;
-    source.Reset();
-    source.Bind(1, is_last ? change.object : entries_[entry.next].number);
-    if (!source.Step() ||
-        (!is_last && source.GetInteger(0) == Dml::ViewManagement::kUpdateCreated)) {
-      ThrowCorrupted(entry.number);
+    // What it was before its next change, or is now.
+    SqliteStatement& later = statements_->later;
+    later.Reset();
+    later.Bind(1, change.object);
+    later.Bind(2, number);
+    if (later.Step()) {
+      if (later.GetInteger(0) == Dml::ViewManagement::kUpdateCreated) ThrowCorrupted(number);
+      change.after = later.GetBlob(1, change.after_size);
+    } else {
+      SqliteStatement& object = statements_->object;
+      object.Reset();
+      object.Bind(1, change.object);
+      if (!object.Step()) ThrowCorrupted(number);
+      change.after = object.GetBlob(0, change.after_size);
     }
-    change.after = source.GetBlob(is_last ? 0 : 1, change.after_size);
   }
+  number_ = number;
   total_ = change.total;
   stamp_ = change.stamp;
-  ++place_;
   return true;
 }
 

@@ -1,9 +1,7 @@
 #pragma once
 
-#include <cstddef>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "platform/store/object_store.h"
 #include "platform/store/sqlite_database.h"
@@ -17,7 +15,8 @@ ChangePosition GetLastPosition(SqliteDatabase& database, const std::string& iden
 // like when there is none.
 std::string IdentifyFile(const std::string& path);
 
-// The table of changes in one transaction.
+// The table of changes in one transaction. What it reads is in proportion to the calls of Next,
+// whatever else the log holds.
 class SqliteChangeLog final : public ChangeLog {
  public:
   // The connection has begun its transaction.
@@ -31,10 +30,6 @@ class SqliteChangeLog final : public ChangeLog {
 
  private:
   struct Statements;
-  struct Entry {
-    long long number;
-    std::size_t next;  // place of the object's next change, 0 for none
-  };
 
   [[noreturn]] void ThrowCorrupted(long long number) const;
 
@@ -42,9 +37,8 @@ class SqliteChangeLog final : public ChangeLog {
   const std::string identity_;
   const ChangePosition last_;
   std::unique_ptr<Statements> statements_;
-  std::vector<Entry> entries_;  // from the place of the last Seek to the end
-  std::size_t place_ = 0;
-  // Of the change before `place_`.
+  // Of the change where the walk stands.
+  long long number_ = 0;
   long long total_ = 0;
   long long stamp_ = 0;
 };

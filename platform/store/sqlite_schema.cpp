@@ -28,7 +28,8 @@ void UpgradeSchema(SqliteDatabase& database) {
   if (IsFirstVersion(database)) {
     database.Execute(
         "ALTER TABLE changes ADD COLUMN stamp INTEGER NOT NULL DEFAULT 0;"
-        "ALTER TABLE changes ADD COLUMN previous INTEGER NOT NULL DEFAULT 0");
+        "ALTER TABLE changes ADD COLUMN previous INTEGER NOT NULL DEFAULT 0;"
+        "CREATE INDEX changes_by_seq ON changes(seq)");
     database.Execute(("PRAGMA user_version = " + std::to_string(kSchemaVersion)).c_str());
   }
   database.Execute("COMMIT");

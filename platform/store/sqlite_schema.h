@@ -11,7 +11,7 @@ namespace Platform::Store {
 // Marks the database as an object store: "OPRB".
 inline constexpr long long kApplicationId = 0x4F505242;
 // Version of the schema below. A store of a later one is refused; one of version 1, whose changes
-// have no stamps, is brought up by its next writer and refused to readers up to then.
+// have no stamps and no index, is brought up by its next writer and refused to readers up to then.
 inline constexpr long long kSchemaVersion = 2;
 
 // Pages hold a dozen objects of the usual size: fewer reads for a walk over all.
@@ -30,6 +30,8 @@ inline constexpr char kCreatePragmas[] =
 //             `stamp` is a random number of the change's transaction, `previous` the stamp of
 //             the change before, 0 for none: by these a reader knows the log that it follows from
 //             that of another store, or of a copy of this one, of the same numbers.
+//             By the index, whose entries of one object lie in the order of their numbers, that
+//             next change is found.
 //             Old rows are removed (SqliteStoreWriter::kMaxChanges): who misses a number begins
 //             anew.
 inline constexpr char kCreateTables[] =
@@ -41,7 +43,8 @@ inline constexpr char kCreateTables[] =
     "CREATE TABLE changes("
     "  number INTEGER PRIMARY KEY AUTOINCREMENT, kind INTEGER NOT NULL, seq INTEGER NOT NULL,"
     "  id BLOB NOT NULL, total INTEGER NOT NULL, stamp INTEGER NOT NULL,"
-    "  previous INTEGER NOT NULL, before BLOB)";
+    "  previous INTEGER NOT NULL, before BLOB);"
+    "CREATE INDEX changes_by_seq ON changes(seq)";
 
 // Throws unless `database` is a store of our version: 0x40007 when it is another program's
 // database, 0x4000E for a version that this program doesn't know, what SQLite says for what is no

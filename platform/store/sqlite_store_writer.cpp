@@ -160,14 +160,12 @@ void SqliteStoreWriter::Open() {
   database_ = std::move(database);
 }
 
-SqliteStoreWriter::~SqliteStoreWriter() {
-  if (!open_) return;
+// Closing drops the changes, too.
+SqliteStoreWriter::~SqliteStoreWriter() = default;
+
+void SqliteStoreWriter::Close() noexcept {
   statements_.reset();
-  try {
-    database_->Execute("ROLLBACK");
-  } catch (const Common::Error&) {
-    // Closing drops the changes just as well.
-  }
+  database_.reset();
 }
 
 void SqliteStoreWriter::Begin() {
@@ -181,16 +179,14 @@ void SqliteStoreWriter::Begin() {
     } catch (const Common::Error&) {
       if (!database_->MetOwnReaders() || Clock::now() >= end) throw;
     }
-    statements_.reset();
-    database_.reset();
+    Close();
     std::this_thread::sleep_for(kPause);
   }
-  open_ = true;
   try {
     BeginChanges();
-  } catch (const Common::Error&) {
-    database_->Execute("ROLLBACK");
-    open_ = false;
+  } catch (...) {
+    // A ROLLBACK could fail in its turn.
+    Close();
     throw;
   }
 }
@@ -217,7 +213,6 @@ void SqliteStoreWriter::BeginChanges() {
 void SqliteStoreWriter::Commit() {
   TrimChanges();
   database_->Execute("COMMIT");
-  open_ = false;
 }
 
 bool SqliteStoreWriter::Find(const Common::Guid& id, long long& number,

@@ -61,6 +61,8 @@ class SqliteStoreWriter : public Common::NonCopyable {
   struct Statements;
 
   void Open();
+  // Until Begin opens the store again.
+  void Close() noexcept;
   bool Find(const Common::Guid& id, long long& number, std::vector<unsigned char>& data);
 
   void BeginChanges();
@@ -72,7 +74,7 @@ class SqliteStoreWriter : public Common::NonCopyable {
 
   const std::string path_;
   const unsigned int lock_wait_milliseconds_;
-  std::unique_ptr<SqliteDatabase> database_;  // null only when Begin has failed to open it again
+  std::unique_ptr<SqliteDatabase> database_;  // null only when Begin has failed
   std::unique_ptr<Statements> statements_;
   std::vector<unsigned char> data_;    // kept between calls
   std::vector<unsigned char> before_;  // likewise
@@ -82,7 +84,6 @@ class SqliteStoreWriter : public Common::NonCopyable {
   long long previous_stamp_ = 0;       // of the last change
   long long untrimmed_changes_ = 0;
   long long untrimmed_bytes_ = 0;
-  bool open_ = false;
 };
 
 }  // namespace Platform::Store

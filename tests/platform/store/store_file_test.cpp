@@ -165,6 +165,7 @@ TEST_F(StoreFile, OtherVersionsAreRefused) {
 TEST_F(StoreFile, AWriterBringsUpTheFirstVersion) {
   StoreNumbered(2);
   Execute(path_,
+          "DROP INDEX changes_by_seq;"
           "ALTER TABLE changes DROP COLUMN stamp; ALTER TABLE changes DROP COLUMN previous;"
           "PRAGMA user_version = 1");
   ExpectRefused(path_, path_, 0x4000E,
@@ -174,6 +175,11 @@ TEST_F(StoreFile, AWriterBringsUpTheFirstVersion) {
   EXPECT_EQ(Match(""), (std::vector<unsigned int>{1, 2, 3}));
   EXPECT_EQ(Query(path_, "SELECT number, stamp = 0, previous = 0 FROM changes"),
             "1|1|1\n2|1|1\n3|0|1\n");
+  // It is a store like one that was made so.
+  const std::string made = folder_ + "/made";
+  SqliteStoreWriter::Create(made);
+  const std::string indexes = "SELECT name, tbl_name, sql FROM sqlite_master WHERE type = 'index'";
+  EXPECT_EQ(Query(path_, indexes), Query(made, indexes));
 }
 
 TEST_F(StoreFile, DamagedPagesEndTheReport) {
@@ -570,6 +576,9 @@ TEST_F(StoreChanges, NumbersOfDamagedStoresDoNotRunOver) {
     for (int i = 0; i < 2; ++i) {
       EXPECT_EQ(Catch([&] { writer.Begin(); }).GetCode(), 0x4000DU) << total;
     }
+    // A failure leaves nothing locked, and the writer usable.
+    Execute(path_, "UPDATE changes SET total = 0");
+    writer.Begin();
   }
 }
 
