@@ -5,6 +5,7 @@
 #include <new>
 #include <utility>
 
+#include "core/common/trace.h"
 #include "platform/store/file_codes.h"
 #include "platform/store/guarded_call.h"
 
@@ -38,18 +39,23 @@ ChangeFollower::ChangeFollower(std::shared_ptr<const ObjectStore> store,
 ChangeFollower::~ChangeFollower() = default;
 
 bool ChangeFollower::Serve(const View& view) {
-  const std::lock_guard lock(mutex_);
-  if (stop_.load(std::memory_order_relaxed)) return false;
-  waiting_.insert(view);
-  try {
-    if (pool_ == nullptr) pool_ = std::make_shared<ElasticPool>();
-    if (!thread_.joinable()) thread_ = std::thread([this] { Run(); });
-  } catch (...) {
-    waiting_.erase(view);
-    throw;
+  {
+    const std::lock_guard lock(mutex_);
+    if (stop_.load(std::memory_order_relaxed)) return false;
+    waiting_.insert(view);
+    try {
+      if (pool_ == nullptr) pool_ = std::make_shared<ElasticPool>();
+      if (!thread_.joinable()) thread_ = std::thread([this] { Run(); });
+    } catch (...) {
+      waiting_.erase(view);
+      throw;
+    }
+    has_arrival_ = true;
+    work_.notify_one();
   }
-  has_arrival_ = true;
-  work_.notify_one();
+  // What a read left behind that was ended too late, or broken off. The following thread may be in
+  // a look for another view, which waits for the store.
+  if (view->HasOutcome()) Post(view);
   return true;
 }
 
@@ -116,22 +122,20 @@ ChangeFollower::Clock::duration ChangeFollower::GetPause() const {
 ChangeFollower::Views ChangeFollower::GetWaiting() {
   const std::lock_guard lock(mutex_);
   std::erase_if(waiting_, [](const View& view) { return !view->IsWaiting(); });
-  Views result;
-  for (const View& view : waiting_) {
-    if (view->NeedsLook()) result.push_back(view);
-  }
-  return result;
+  return {waiting_.begin(), waiting_.end()};
 }
 
 bool ChangeFollower::Look() {
-  const Views waiting = GetWaiting();
   Views views;
   bool has_new_place = false;
-  for (const View& view : waiting) {
-    // Of a read that was ended too late, or broken off, or for which there was no thread.
-    if (view->HasOutcome()) continue;
-    views.push_back(view);
+  for (View& view : GetWaiting()) {
+    if (!view->NeedsLook()) {
+      // A delivery takes it, unless there was no thread for one.
+      if (view->HasOutcome()) Post(view);
+      continue;
+    }
     if (view->position.number != last_) has_new_place = true;
+    views.push_back(std::move(view));
   }
   bool has_more = false;
   if (!views.empty()) {
@@ -143,14 +147,17 @@ bool ChangeFollower::Look() {
       has_more = ReadLog(*log, views);
     });
     if (stop_.load(std::memory_order_relaxed)) return false;
+    const bool is_locked = failure.GetCode() == Core::kFileLockFailure.code;
+    if (is_locked && !locked_) Common::Trace(Common::kTraceDebug, failure);
+    locked_ = is_locked;
     // A store that is locked, as by its last writer that moves the log, has nothing new yet.
-    if (failure.IsFailure() && failure.GetCode() != Core::kFileLockFailure.code) {
+    if (failure.IsFailure() && !is_locked) {
       for (const View& view : views) {
         if (!view->HasOutcome()) view->SetFailure(failure);
       }
     }
   }
-  for (const View& view : waiting) {
+  for (const View& view : views) {
     if (view->HasOutcome()) Post(view);
   }
   return has_more;
@@ -182,7 +189,7 @@ bool ChangeFollower::ReadLog(ChangeLog& log, const Views& views) {
     // What made the walk end doesn't concern those who stand farther on.
     if (failure.IsFailure() && view.position.number == reached) reading.failure = failure;
     if (!reading.updates.empty()) {
-      view.AddUpdates(std::move(reading.updates));
+      view.SetUpdates(std::move(reading.updates));
     } else if (reading.failure.IsFailure()) {
       view.SetFailure(reading.failure);
     } else if (view.position.number < log.GetLast()) {
@@ -223,6 +230,7 @@ void ChangeFollower::Post(const View& view) {
     const std::lock_guard lock(mutex_);
     pool = pool_;
   }
+  if (pool == nullptr) return;  // Stop ends the read
   auto delivery = std::make_shared<Delivery>(view, *pool);
   // Before the delivery, in which the next read may begin.
   if (!view->PrepareDelivery()) return;

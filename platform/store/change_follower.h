@@ -42,7 +42,8 @@ class ChangeFollower : public Common::NonCopyable {
   // Stop was called, unless nothing was ever served.
   ~ChangeFollower();
 
-  // Gives the waiting read of `view` its outcome and delivers it. False after Stop. Throws
+  // Gives the waiting read of `view` its outcome and delivers it; one that is there already at
+  // once, whatever the store does. False after Stop. Throws
   // std::bad_alloc or std::system_error when there can't be a thread; the view isn't served then.
   bool Serve(const std::shared_ptr<FollowedView>& view);
   // Ends all waiting reads with `result`, inside the call, and waits for those that are being
@@ -77,6 +78,7 @@ class ChangeFollower : public Common::NonCopyable {
   const std::unique_ptr<ChangeWatch> watch_;
   long long last_ = -1;        // number of the last change at the last look
   Clock::time_point changed_;  // when a look last found another one
+  bool locked_ = false;        // the last look has failed by a lock
 
   std::mutex mutex_;  // guards the fields below; locked before a view's mutex, never after
   std::condition_variable work_;

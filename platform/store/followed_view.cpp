@@ -4,24 +4,11 @@
 #include <iterator>
 #include <utility>
 
+#include "core/common/unix/safe_assert.h"
 #include "enterprise/common/dml/safe_invoke.h"
 #include "platform/store/guarded_call.h"
 
 namespace Platform::Store {
-
-namespace {
-
-// Without a failure where there is nothing in the first.
-void Append(FollowedView::Updates& first, FollowedView::Updates second) {
-  if (first.empty()) {
-    first.swap(second);
-  } else {
-    first.insert(first.end(), std::make_move_iterator(second.begin()),
-                 std::make_move_iterator(second.end()));
-  }
-}
-
-}  // namespace
 
 FollowedView::FollowedView(ViewFilter filter_value, ChangePosition position_value)
     : position(std::move(position_value)), filter(std::move(filter_value)) {}
@@ -64,7 +51,7 @@ bool FollowedView::IsWaiting() const {
 
 bool FollowedView::NeedsLook() const {
   const Common::MutexLock lock(mutex_);
-  return handler_ != nullptr && !is_delivering_;
+  return handler_ != nullptr && updates_.empty() && !failure_.IsFailure();
 }
 
 bool FollowedView::HasOutcome() const {
@@ -72,9 +59,10 @@ bool FollowedView::HasOutcome() const {
   return !updates_.empty() || failure_.IsFailure();
 }
 
-void FollowedView::AddUpdates(Updates updates) {
+void FollowedView::SetUpdates(Updates updates) {
   const Common::MutexLock lock(mutex_);
-  Append(updates_, std::move(updates));
+  SAFE_ASSERT(updates_.empty());
+  updates_ = std::move(updates);
 }
 
 void FollowedView::SetFailure(const Common::Error& failure) {
@@ -121,7 +109,7 @@ void FollowedView::Deliver() {
   updates.erase(updates.begin(), std::next(updates.begin(), static_cast<std::ptrdiff_t>(read)));
   {
     const Common::MutexLock lock(mutex_);
-    if (!updates_.empty()) Append(updates, std::exchange(updates_, {}));
+    SAFE_ASSERT(updates_.empty());
     updates_ = std::move(updates);
     is_reading_ = false;
     is_delivering_ = false;

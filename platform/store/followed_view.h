@@ -24,7 +24,8 @@ namespace Platform::Store {
 // handler, with no lock held.
 //
 // A delivery may outlast the read for which it was posted, and take the next one. So there is never
-// more than one, and up to its end the following thread leaves the view alone.
+// more than one. Only the following thread makes outcomes, of a view that NeedsLook, and none comes
+// up while a delivery runs: what a delivery leaves behind is alone there.
 class FollowedView : public Common::NonCopyable {
  public:
   using Updates = std::vector<Dml::ViewManagement::ViewUpdate>;
@@ -46,13 +47,13 @@ class FollowedView : public Common::NonCopyable {
   void End(const Common::Error& result);
 
   bool IsWaiting() const;
-  // It waits, and no delivery is on its way.
+  // It waits, and there is nothing to deliver.
   bool NeedsLook() const;
   // There is something to deliver.
   bool HasOutcome() const;
-  // The outcome of the read that waits. Events come first, behind those that are there; with none
-  // there is no outcome.
-  void AddUpdates(Updates updates);
+  // The outcome of the read that waits, for a view that NeedsLook has found without one. Events
+  // come before a failure; none are no outcome.
+  void SetUpdates(Updates updates);
   void SetFailure(const Common::Error& failure);
 
   // Announces the call of Deliver that must follow, unless DropDelivery does. False if there is

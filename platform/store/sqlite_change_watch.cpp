@@ -54,6 +54,11 @@ bool SqliteChangeWatch::IsLeftBehind(const FileStamps& stamps, long long now) {
   return stamps.modified + (is_coarse ? kCoarseStamp : 0) < now;
 }
 
+SqliteChangeWatch::Clock::duration SqliteChangeWatch::GetPause(bool has_log, Clock::duration cost) {
+  return std::max<Clock::duration>(has_log ? kLogPause : kSafetyPause,
+                                   std::min<Clock::duration>(kPauseForCost * cost, kLongestPause));
+}
+
 std::unique_ptr<ChangeLog> SqliteChangeWatch::Look(bool always, const std::atomic<bool>& stop) {
   // In this order: what changes behind the stamps is found by them the next time.
   const long long stamp_now = GetStampClock();
@@ -62,10 +67,9 @@ std::unique_ptr<ChangeLog> SqliteChangeWatch::Look(bool always, const std::atomi
   const bool has_moved = !(stamps == stamps_);
   if (!always && !has_moved && settled_ && stamps.main.number != 0) {
     const bool has_log = stamps.log.number != 0;
-    const auto pause =
-        std::max<Clock::duration>(has_log ? kLogPause : kSafetyPause,
-                                  std::min<Clock::duration>(kPauseForCost * cost_, kLongestPause));
-    if ((!has_log || now - moved_ > kCommitTime) && now - looked_ < pause) return nullptr;
+    if ((!has_log || now - moved_ > kCommitTime) && now - looked_ < GetPause(has_log, cost_)) {
+      return nullptr;
+    }
   }
   if (has_moved) moved_ = now;
   stamps_ = stamps;

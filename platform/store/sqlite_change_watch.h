@@ -25,13 +25,17 @@ namespace Platform::Store {
 //   something moves the stamps.
 class SqliteChangeWatch final : public ChangeWatch {
  public:
+  using Clock = std::chrono::steady_clock;
+
   explicit SqliteChangeWatch(const SqliteStore& store) : store_(store) {}
 
   std::unique_ptr<ChangeLog> Look(bool always, const std::atomic<bool>& stop) override;
 
- private:
-  using Clock = std::chrono::steady_clock;
+  // The least time from one look to the next where the stamps stand still, `cost` being the time
+  // that the last one took.
+  static Clock::duration GetPause(bool has_log, Clock::duration cost);
 
+ private:
   struct FileStamps {
     bool operator==(const FileStamps&) const = default;
 

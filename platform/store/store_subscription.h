@@ -19,7 +19,11 @@ namespace Platform::Store {
 // - While a read waits another one is told 0xFC000C; the first goes on.
 // - Cancel of the job ends a read that waits with 0xF90002. One that is being delivered goes on to
 //   its end. No change is lost by it: the next read has it.
-// - While another program keeps the store locked a read waits on, for as long as that takes.
+// - While the store is locked a read waits on, for as long as that takes; the first look that fails
+//   by it is traced at debug level, with what SQLite says. These count as a lock, too:
+//   - a race for the log's own locks that SQLite gives up after many tries (SQLITE_PROTOCOL);
+//   - an index of the log that only a writer can finish, as when one died while it made it
+//     (SQLITE_READONLY_RECOVERY, _CANTINIT, _CANTLOCK): it lasts until a writer opens the store.
 // - A read that failed can be followed by another, which goes on where the last one ended. The
 //   store's failures are those of reading it; 0x40005 means that the changes can't be followed any
 //   further, see ChangeLog::Check: subscribe again.

@@ -301,33 +301,88 @@ TEST_F(StoreSubscribe, ObjectsThatCanNotBeDecodedCountAsAbsent) {
   EXPECT_EQ(ReadEvents(*subscription, 1), (Events{"+3v2"}));
 }
 
-// More than is read of the log at once, in number and in size, in one transaction and in many.
+// Creates objects from 2 on in one transaction, then updates them all in the same.
+Events StoreTwice(const std::string& path, int count) {
+  Events expected;
+  SqliteStoreWriter writer(path);
+  writer.Begin();
+  for (const unsigned int version : {1U, 2U}) {
+    for (int i = 2; i < count + 2; ++i) {
+      writer.Put(*Parse(MakeVersion(i, version)));
+      expected.push_back(MakeEvent("+~"[version - 1], i, version == 1 ? "v1" : "v2"));
+    }
+  }
+  writer.Commit();
+  return expected;
+}
+
+// More than is read of the log at once, in number and in size, in one transaction, larger than the
+// log, and in many.
 TEST_F(StoreSubscribe, LargeAndManyChanges) {
   StoreNumbered(1);
   const auto office = Open();
   const Owned subscription = Subscribe(*office);
-  Events expected;
-  const int count = static_cast<int>(ChangeFollower::kBatchChanges) * 2 + 1;
+  Events expected = StoreTwice(path_, static_cast<int>(SqliteStoreWriter::kMaxChanges) / 2 + 501);
+  EXPECT_EQ(ReadEvents(*subscription, expected.size()), expected);
+  expected.clear();
   {
     SqliteStoreWriter writer(path_);
-    writer.Begin();
-    for (int i = 2; i < count + 2; ++i) {
-      writer.Put(*Parse(MakeVersion(i, 1)));
-      expected.push_back(MakeEvent('+', i, "v1"));
-    }
-    writer.Commit();
     const std::string large(ChangeFollower::kBatchBytes / 4, 'x');  // half of it, in UTF-16
-    for (unsigned int version = 2; version < 8; ++version) {
+    for (unsigned int version = 3; version < 9; ++version) {
+      const std::string text = std::to_string(version);
       writer.Begin();
       writer.Put(*Parse(MakeObject(2, "Thing",
-                                   ".Property(\"V\").DWord(" + std::to_string(version) +
-                                       ").End().Property(\"Text\").String(\"" + large +
-                                       std::to_string(version) + "\").End()")));
+                                   ".Property(\"V\").DWord(" + text +
+                                       ").End().Property(\"Text\").String(\"" + large + text +
+                                       "\").End()")));
       writer.Commit();
-      expected.push_back(std::string("~2v").append(std::to_string(version)));
+      expected.push_back(MakeEvent('~', 2, "v" + text));
     }
   }
   EXPECT_EQ(ReadEvents(*subscription, expected.size()), expected);
+}
+
+// Counts the steps of SQLite's machine in the connections that are opened while this lives.
+class StepCounter : public Common::NonCopyable {
+ public:
+  StepCounter() {
+    steps = 0;
+    sqlite3_auto_extension(reinterpret_cast<void (*)()>(&Watch));
+  }
+  ~StepCounter() { sqlite3_reset_auto_extension(); }
+
+  static inline long long steps = 0;
+
+ private:
+  static int Watch(sqlite3* database, const char**, const void*) {
+    return sqlite3_trace_v2(database, SQLITE_TRACE_PROFILE, &Add, nullptr);
+  }
+  static int Add(unsigned int, void*, void* statement, void*) {
+    steps +=
+        sqlite3_stmt_status(static_cast<sqlite3_stmt*>(statement), SQLITE_STMTSTATUS_VM_STEP, 1);
+    return 0;
+  }
+};
+
+TEST_F(StoreSubscribe, ABatchCostsTheSameWhateverComesBehindIt) {
+  const int batch = static_cast<int>(ChangeFollower::kBatchChanges);
+  const auto count_steps = [&](int objects) {
+    const std::string path = folder_ + "/" + std::to_string(objects);
+    SqliteStoreWriter::Create(path);
+    StoreTwice(path, objects);
+    const SqliteStore store(path);
+    const std::atomic<bool> stop{false};
+    const StepCounter counter;
+    const auto log = store.ReadChanges(stop);
+    log->Seek({});
+    StoredChange change;
+    for (int i = 0; i < batch; ++i) EXPECT_TRUE(log->Next(change));
+    log->Seek({});  // ends the statements
+    return StepCounter::steps;
+  };
+  const long long few = count_steps(batch);
+  EXPECT_GT(few, batch);
+  EXPECT_LT(count_steps(4 * batch), few + few / 10);
 }
 
 // What the writers of the next tests do. Versions of an object are counted without a gap.
@@ -471,9 +526,7 @@ TEST(FollowedView, ADeliveryThatOutlastsItsReadLosesNothing) {
   };
   FollowedView view(ViewFilter(nullptr, std::nullopt), {});
   EventReader reader([&](const std::string& event) {
-    if (event != "+1v2") return;
-    view.AddUpdates({make(4)});
-    throw std::runtime_error("broken");
+    if (event == "+1v2") throw std::runtime_error("broken");
   });
   EXPECT_FALSE(view.PrepareDelivery());
   ToldOnce first;
@@ -481,7 +534,8 @@ TEST(FollowedView, ADeliveryThatOutlastsItsReadLosesNothing) {
   ASSERT_TRUE(number);
   EXPECT_TRUE(view.NeedsLook());
   EXPECT_FALSE(view.PrepareDelivery());
-  view.AddUpdates({make(1), make(2), make(3)});
+  view.SetUpdates({make(1), make(2), make(3)});
+  EXPECT_FALSE(view.NeedsLook());
   EXPECT_TRUE(view.PrepareDelivery());
   view.End(*number, Async::canceled_error.Get());
   EXPECT_EQ(first.Wait().GetCode(), Async::kCanceledCode);
@@ -493,7 +547,7 @@ TEST(FollowedView, ADeliveryThatOutlastsItsReadLosesNothing) {
   view.Deliver();
   EXPECT_EQ(second.Wait().GetCode(), 0xF90007U);
   EXPECT_EQ(reader.events, (Events{"+1v1", "+1v2"}));
-  // What was left over comes before what came meanwhile. A delivery that misses all reads ends.
+  // What was left over is the next read's. A delivery that misses all reads ends.
   ToldOnce third;
   ASSERT_TRUE(view.Begin(reader, third));
   EXPECT_TRUE(view.PrepareDelivery());
@@ -501,13 +555,13 @@ TEST(FollowedView, ADeliveryThatOutlastsItsReadLosesNothing) {
   view.Deliver();
   ToldOnce fourth;
   ASSERT_TRUE(view.Begin(reader, fourth));
-  EXPECT_TRUE(view.NeedsLook());
+  EXPECT_FALSE(view.NeedsLook());
   EXPECT_TRUE(view.PrepareDelivery());
   view.DropDelivery();
   EXPECT_TRUE(view.PrepareDelivery());
   view.Deliver();
   EXPECT_EQ(fourth.Wait().GetCode(), 0U);
-  EXPECT_EQ(reader.events, (Events{"+1v1", "+1v2", "+1v3", "+1v4"}));
+  EXPECT_EQ(reader.events, (Events{"+1v1", "+1v2", "+1v3"}));
 }
 
 TEST_F(StoreSubscribe, AHandlerThatRaisesIsTraced) {
@@ -673,6 +727,14 @@ TEST_F(StoreWriters, EachLookThatFollowsAChangeFindsIt) {
   }
 }
 
+TEST(SqliteChangeWatch, PausesGrowWithTheCostOfLooks) {
+  using namespace std::chrono_literals;
+  EXPECT_EQ(SqliteChangeWatch::GetPause(true, 50us), 60ms);
+  EXPECT_EQ(SqliteChangeWatch::GetPause(false, 50us), 1s);
+  EXPECT_EQ(SqliteChangeWatch::GetPause(false, 100ms), 4s);
+  EXPECT_EQ(SqliteChangeWatch::GetPause(true, 1h), 10s);
+}
+
 // A writer makes a change visible some time after it has written it.
 TEST_F(StoreWriters, AChangeBehindItsTimeStampsIsFound) {
   const SqliteStore store(path_);
@@ -833,34 +895,66 @@ class FollowedStore {
   FollowedStore(const std::string& path, unsigned int lock_wait_milliseconds)
       : store(std::make_shared<SqliteStore>(path, lock_wait_milliseconds)),
         follower(std::make_shared<ChangeFollower>(store, *Por::GetStaticUnitFactory())) {
+    subscription = Subscribe();
+  }
+  ~FollowedStore() { follower->Stop(MakeClosingError()); }
+
+  std::unique_ptr<Dml::Subscription> Subscribe() {
+    std::unique_ptr<Dml::Subscription> result;
     ToldOnce handler;
     ReportThreads threads;
     threads.Start(std::make_shared<SubscribeJob>(follower, store, Dml::ViewSpec(), std::nullopt,
-                                                 nullptr, subscription, handler,
+                                                 nullptr, result, handler,
                                                  *Por::GetStaticUnitFactory()));
     EXPECT_EQ(handler.Wait().GetCode(), 0U);
+    return result;
   }
-  ~FollowedStore() { follower->Stop(MakeClosingError()); }
 
   const std::shared_ptr<SqliteStore> store;
   const std::shared_ptr<ChangeFollower> follower;
   std::unique_ptr<Dml::Subscription> subscription;
 };
 
-// Longer than a look does: the read goes on.
+// Longer than a look does: the read goes on, and one trace tells of it.
 TEST_F(StoreSubscribe, ALockIsWaitedFor) {
   StoreNumbered(1);
   FollowedStore followed(path_, 20);
   auto holder = std::make_unique<LockHolder>(path_);
   EventReader reader;
   ToldOnce handler;
-  const auto job = followed.subscription->Read(reader, handler);
-  std::this_thread::sleep_for(std::chrono::milliseconds(150));
+  {
+    const TestSupport::TraceRecorder traces;
+    const auto job = followed.subscription->Read(reader, handler);
+    for (int i = 0; i < 6000 && traces.All().empty(); ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    EXPECT_EQ(traces.Codes(), "1 4 17\n");
+  }
   EXPECT_FALSE(handler.IsTold());
   holder.reset();
   Put(MakeVersion(2, 1));
   EXPECT_EQ(handler.Wait().GetCode(), 0U);
   EXPECT_EQ(reader.events, (Events{"+2v1"}));
+}
+
+// The other read's look lasts as long as the lock.
+TEST_F(StoreSubscribe, WhatAReadLeftBehindIsNotHeldUpByALock) {
+  StoreNumbered(1);
+  FollowedStore followed(path_, 600000);
+  const Owned other = followed.Subscribe();
+  Store({MakeVersion(2, 1), MakeVersion(3, 1)});
+  EventReader raising([](const std::string&) { throw std::runtime_error("broken"); });
+  EXPECT_EQ(Read(*followed.subscription, raising).GetCode(), 0xF90007U);
+  const LockHolder holder(path_);
+  EventReader nothing;
+  ToldOnce cancelled;
+  const auto job = other->Read(nothing, cancelled);
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_EQ(ReadEvents(*followed.subscription, 1), (Events{"+3v1"}));
+  EXPECT_FALSE(cancelled.IsTold());
+  job->Cancel();
+  cancelled.Wait();
 }
 
 // The locks outlast the test: nothing may wait for them.
