@@ -216,6 +216,21 @@ TEST_F(StoreToolTest, OutputThatCannotBeWrittenIsAFailure) {
   }
 }
 
+// By then they are in force.
+TEST_F(StoreToolTest, ChangesStandAlthoughTheirLinesCanNotBeWritten) {
+  Do({"create", store_});
+  const std::string operation =
+      Write("operation", std::string(".Composite().Trait(\"Is\").String("
+                                     "\"Dml::Operation::CreateObject\").End().Property("
+                                     "\"Object\")")
+                             .append(kOne)
+                             .append(".End()"));
+  const ProgramResult outcome = Run({"apply", store_, operation}, Sink::kFull);
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.err, "objprobe-store: Error occurred while writing to standard output.\n");
+  EXPECT_NE(Do({"list", store_}).find("00000001-0002-0003-0405-060708090A0B"), std::string::npos);
+}
+
 // What is stored already byte for byte is unchanged.
 TEST_F(StoreToolTest, GeneratedObjectsDependOnTheSeedAlone) {
   const auto generate = [this](const std::string& count, const std::string& seed) {
