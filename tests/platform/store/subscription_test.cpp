@@ -81,6 +81,19 @@ class EventReader final : public Dml::SubscriptionReader {
   const std::function<void(const std::string&)> on_event_;
 };
 
+// A read that was begun.
+struct BegunRead {
+  explicit BegunRead(Dml::Subscription& subscription,
+                     std::function<void(const std::string&)> on_event = nullptr)
+      : reader(std::move(on_event)), job(subscription.Read(reader, handler)) {}
+  // The code of its result.
+  std::uint32_t Wait() { return handler.Wait().GetCode(); }
+
+  EventReader reader;
+  ToldOnce handler;
+  const std::shared_ptr<Async::Job> job;
+};
+
 class VersionReader final : public Dml::ReportReader {
  public:
   void Read(const Por::View::Unit& object) override {
@@ -150,6 +163,19 @@ class StoreSubscribe : public StoreTest {
   void Delete(int number) { Tool({"delete", path_, MakeId(number)}); }
 };
 
+// A store with one object, followed.
+class StoreFollowed : public StoreSubscribe {
+ protected:
+  StoreFollowed() {
+    StoreNumbered(1);
+    office_ = Open();
+    subscription_ = Subscribe(*office_);
+  }
+
+  std::unique_ptr<Dml::PostOffice> office_;
+  Owned subscription_;
+};
+
 TEST_F(StoreSubscribe, ChangesOfOtherProgramsComeInOrder) {
   StoreNumbered(2);
   const auto office = Open();
@@ -169,78 +195,79 @@ TEST_F(StoreSubscribe, ChangesOfOtherProgramsComeInOrder) {
   EXPECT_EQ(ReadEvents(*subscription, 6), (Events{"~3v2", "-1", "+4v1", "~3v3", "~4v2", "+1v7"}));
 }
 
-TEST_F(StoreSubscribe, ReadWaitsForAChange) {
-  StoreNumbered(1);
-  const auto office = Open();
-  const Owned subscription = Subscribe(*office);
-  EventReader reader;
-  ToldOnce handler;
-  const auto job = subscription->Read(reader, handler);
-  ASSERT_NE(job, nullptr);
+TEST_F(StoreFollowed, ReadWaitsForAChange) {
+  BegunRead read(*subscription_);
+  ASSERT_NE(read.job, nullptr);
   // A second one is refused and disturbs nothing.
-  EventReader second;
-  ToldOnce refused;
-  EXPECT_EQ(subscription->Read(second, refused), nullptr);
-  EXPECT_EQ(refused.Wait().GetCode(), 0xFC000CU);
-  EXPECT_FALSE(handler.IsTold());
-  // One that is not the view's doesn't end it.
-  const Owned other = Subscribe(*office, ".Composite().Trait(\"Is\").String(\"No\").End().End()");
-  EventReader nothing;
-  ToldOnce cancelled;
-  const auto other_job = other->Read(nothing, cancelled);
+  BegunRead refused(*subscription_);
+  EXPECT_EQ(refused.job, nullptr);
+  EXPECT_EQ(refused.Wait(), 0xFC000CU);
+  EXPECT_FALSE(read.handler.IsTold());
+  // A change that is not the view's doesn't end it.
+  const Owned other = Subscribe(*office_, ".Composite().Trait(\"Is\").String(\"No\").End().End()");
+  BegunRead cancelled(*other);
   Put(MakeVersion(2, 1));
-  EXPECT_EQ(handler.Wait().GetCode(), 0U);
-  EXPECT_EQ(reader.events, (Events{"+2v1"}));
-  EXPECT_EQ(second.events, Events());
-  other_job->Cancel();
-  EXPECT_EQ(cancelled.Wait().GetCode(), Async::kCanceledCode);
-  EXPECT_EQ(nothing.events, Events());
+  EXPECT_EQ(read.Wait(), 0U);
+  EXPECT_EQ(read.reader.events, (Events{"+2v1"}));
+  EXPECT_EQ(refused.reader.events, Events());
+  cancelled.job->Cancel();
+  EXPECT_EQ(cancelled.Wait(), Async::kCanceledCode);
+  EXPECT_EQ(cancelled.reader.events, Events());
   // The job of a read that has ended is no concern of the next one.
-  ToldOnce next;
-  const auto next_job = other->Read(nothing, next);
-  other_job->Cancel();
-  EXPECT_FALSE(next.IsTold());
-  next_job->Cancel();
-  next.Wait();
+  BegunRead next(*other);
+  cancelled.job->Cancel();
+  EXPECT_FALSE(next.handler.IsTold());
+  next.job->Cancel();
 }
+
+// Each change is a transaction; one without a version is a deletion.
+struct SmallChange {
+  int number;
+  unsigned int version;
+  const char* type = "A";
+};
 
 TEST_F(StoreSubscribe, OnlyTheViewsObjectsAreSeen) {
-  Store({MakeVersion(1, 1, "A"), MakeVersion(2, 1, "B")});
-  const auto office = Open();
-  const std::string a = ".Composite().Trait(\"Is\").String(\"A\").End().End()";
-  Numbers snapshot;
-  const Owned subscription = Subscribe(*office, a, "", &snapshot);
-  EXPECT_EQ(snapshot, (Numbers{1}));
-  Put(MakeVersion(2, 2, "B"));
-  Put(MakeVersion(2, 3, "A"));
-  Put(MakeVersion(2, 4, "A"));
-  Put(MakeVersion(1, 5, "B"));
-  Put(MakeVersion(1, 6, "B"));
-  Delete(1);
-  Delete(2);
-  Put(MakeVersion(1, 7, "A"));
-  EXPECT_EQ(ReadEvents(*subscription, 5), (Events{"+2v3", "~2v4", "-1", "-2", "+1v7"}));
-}
-
-// At most two objects are in the view; a third one finds room when another one has gone.
-TEST_F(StoreSubscribe, LimitBoundsTheView) {
-  StoreNumbered(3);
-  const auto office = Open();
-  Numbers snapshot;
-  const Owned subscription = Subscribe(
-      *office, "", ".Composite().Property(\"LimitOptions\").DWord(2).End().End()", &snapshot);
-  EXPECT_EQ(snapshot, (Numbers{1, 2}));
-  Put(MakeVersion(3, 1));
-  Put(MakeVersion(4, 1));
-  Put(MakeVersion(2, 1));
-  Delete(4);
-  Delete(1);
-  Put(MakeVersion(5, 1));
-  Put(MakeVersion(3, 2));
-  Delete(2);
-  Put(MakeVersion(3, 3));
-  Put(MakeVersion(3, 4));
-  EXPECT_EQ(ReadEvents(*subscription, 6), (Events{"~2v1", "-1", "+5v1", "-2", "+3v3", "~3v4"}));
+  const struct {
+    const char* pattern;
+    const char* options;
+    std::vector<SmallChange> before;
+    Numbers snapshot;
+    std::vector<SmallChange> changes;
+    Events events;
+  } cases[] = {
+      {".Composite().Trait(\"Is\").String(\"A\").End().End()",
+       "",
+       {{1, 1}, {2, 1, "B"}},
+       {1},
+       {{2, 2, "B"}, {2, 3}, {2, 4}, {1, 5, "B"}, {1, 6, "B"}, {1, 0}, {2, 0}, {1, 7}},
+       {"+2v3", "~2v4", "-1", "-2", "+1v7"}},
+      // At most two objects are in the view; a third one finds room when another one has gone.
+      {"",
+       ".Composite().Property(\"LimitOptions\").DWord(2).End().End()",
+       {{1, 1}, {2, 1}, {3, 1}},
+       {1, 2},
+       {{3, 2}, {4, 1}, {2, 2}, {4, 0}, {1, 0}, {5, 1}, {3, 3}, {2, 0}, {3, 4}, {3, 5}},
+       {"~2v2", "-1", "+5v1", "-2", "+3v4", "~3v5"}}};
+  for (const auto& each : cases) {
+    std::filesystem::remove(path_);
+    const auto change = [this](const std::vector<SmallChange>& changes) {
+      for (const auto& [number, version, type] : changes) {
+        if (version == 0) {
+          Delete(number);
+        } else {
+          Store({MakeVersion(number, version, type)});
+        }
+      }
+    };
+    change(each.before);
+    const auto office = Open();
+    Numbers snapshot;
+    const Owned subscription = Subscribe(*office, each.pattern, each.options, &snapshot);
+    EXPECT_EQ(snapshot, each.snapshot);
+    change(each.changes);
+    EXPECT_EQ(ReadEvents(*subscription, each.events.size()), each.events);
+  }
 }
 
 TEST_F(StoreSubscribe, FailuresToSubscribe) {
@@ -273,32 +300,26 @@ TEST_F(StoreSubscribe, RaisingPatternEndsTheRead) {
   EXPECT_EQ(ReadEvents(*other, 1), (Events{"+2"}));
 }
 
-TEST_F(StoreSubscribe, FailuresOfReadersLoseNothing) {
-  StoreNumbered(1);
-  const auto office = Open();
-  const Owned subscription = Subscribe(*office);
+TEST_F(StoreFollowed, FailuresOfReadersLoseNothing) {
   Store({MakeVersion(2, 1), MakeVersion(3, 1), MakeVersion(4, 1)});
   EventReader raising([](const std::string& event) {
     if (event == "+2v1") throw Common::Error(0x77, u"No.", Common::LineTag());
     if (event == "+3v1") throw std::runtime_error("broken");
   });
   const TestSupport::TraceRecorder traces;
-  EXPECT_EQ(Read(*subscription, raising).GetCode(), 0xF90007U);
+  EXPECT_EQ(Read(*subscription_, raising).GetCode(), 0xF90007U);
   EXPECT_EQ(raising.events, (Events{"+2v1", "+3v1"}));
   EXPECT_EQ(traces.Codes(), "1 fc 1\n");
   // The events behind the one that broke off the read.
-  EXPECT_EQ(ReadEvents(*subscription, 1), (Events{"+4v1"}));
+  EXPECT_EQ(ReadEvents(*subscription_, 1), (Events{"+4v1"}));
 }
 
-TEST_F(StoreSubscribe, ObjectsThatCanNotBeDecodedCountAsAbsent) {
-  StoreNumbered(1);
-  const auto office = Open();
-  const Owned subscription = Subscribe(*office);
+TEST_F(StoreFollowed, ObjectsThatCanNotBeDecodedCountAsAbsent) {
   Store({MakeVersion(2, 1), MakeVersion(3, 1), MakeVersion(4, 1)});
   Execute(path_, "UPDATE objects SET data = x'45' WHERE seq = 3");
-  EXPECT_EQ(ReadEvents(*subscription, 2), (Events{"+2v1", "+4v1"}));
+  EXPECT_EQ(ReadEvents(*subscription_, 2), (Events{"+2v1", "+4v1"}));
   Store({MakeVersion(3, 2)});
-  EXPECT_EQ(ReadEvents(*subscription, 1), (Events{"+3v2"}));
+  EXPECT_EQ(ReadEvents(*subscription_, 1), (Events{"+3v2"}));
 }
 
 // Creates objects from 2 on in one transaction, then updates them all in the same.
@@ -318,12 +339,9 @@ Events StoreTwice(const std::string& path, int count) {
 
 // More than is read of the log at once, in number and in size, in one transaction, larger than the
 // log, and in many.
-TEST_F(StoreSubscribe, LargeAndManyChanges) {
-  StoreNumbered(1);
-  const auto office = Open();
-  const Owned subscription = Subscribe(*office);
+TEST_F(StoreFollowed, LargeAndManyChanges) {
   Events expected = StoreTwice(path_, static_cast<int>(SqliteStoreWriter::kMaxChanges) / 2 + 501);
-  EXPECT_EQ(ReadEvents(*subscription, expected.size()), expected);
+  EXPECT_EQ(ReadEvents(*subscription_, expected.size()), expected);
   expected.clear();
   {
     SqliteStoreWriter writer(path_);
@@ -339,7 +357,7 @@ TEST_F(StoreSubscribe, LargeAndManyChanges) {
       expected.push_back(MakeEvent('~', 2, "v" + text));
     }
   }
-  EXPECT_EQ(ReadEvents(*subscription, expected.size()), expected);
+  EXPECT_EQ(ReadEvents(*subscription_, expected.size()), expected);
 }
 
 // Counts the steps of SQLite's machine in the connections that are opened while this lives.
@@ -415,11 +433,10 @@ bool ChangeObjects(const std::string& path, int first, int rounds) {
   return true;
 }
 
-class StoreWriters : public StoreSubscribe {
+class StoreWriters : public StoreFollowed {
  protected:
   static constexpr int kLastObject = 0x7000;
 
-  StoreWriters() { StoreNumbered(1); }
   // Processes that all begin at Go.
   void Start(int count, int rounds) {
     for (int i = 0; i < count; ++i) {
@@ -487,7 +504,6 @@ class StoreWriters : public StoreSubscribe {
 // Readers that subscribe in the middle, while others open, change and close the store.
 TEST_F(StoreWriters, NothingIsLostOrDoubledFromTheSnapshotOn) {
   Start(3, 150);
-  const auto office = Open();
   struct Follower {
     VersionReader snapshot;
     Owned subscription;
@@ -501,7 +517,7 @@ TEST_F(StoreWriters, NothingIsLostOrDoubledFromTheSnapshotOn) {
     followers.push_back(std::make_unique<Follower>());
     Follower& self = *followers.back();
     self.thread = std::thread([&] {
-      self.failure = Subscribe(*office, {}, self.snapshot, self.subscription);
+      self.failure = Subscribe(*office_, {}, self.snapshot, self.subscription);
       while (!self.failure.IsFailure() &&
              (self.reader.events.empty() || self.reader.events.back() != GetLastEvent())) {
         self.failure = Read(*self.subscription, self.reader);
@@ -564,29 +580,25 @@ TEST(FollowedView, ADeliveryThatOutlastsItsReadLosesNothing) {
   EXPECT_EQ(reader.events, (Events{"+1v1", "+1v2", "+1v3"}));
 }
 
-TEST_F(StoreSubscribe, AHandlerThatRaisesIsTraced) {
-  StoreNumbered(1);
-  const auto office = Open();
-  const Owned subscription = Subscribe(*office);
+TEST_F(StoreFollowed, AHandlerThatRaisesIsTraced) {
   struct Raising final : Async::ActionHandler {
     void Completed(Common::Error) override { throw std::bad_alloc(); }
   } raising;
   const TestSupport::TraceRecorder traces;
   EventReader reader;
-  subscription->Read(reader, raising)->Cancel();
+  subscription_->Read(reader, raising)->Cancel();
   EXPECT_EQ(traces.Codes(), "4 0 fff2\n");
   Put(MakeVersion(2, 1));
-  EXPECT_EQ(ReadEvents(*subscription, 1), (Events{"+2v1"}));
+  EXPECT_EQ(ReadEvents(*subscription_, 1), (Events{"+2v1"}));
 }
 
 // Reader and writer take turns in all ways: a reader that takes its time is still in the middle
 // when the next change comes.
 TEST_F(StoreWriters, CancelLosesNothing) {
   Start(2, 150);
-  const auto office = Open();
   VersionReader snapshot;
   Owned subscription;
-  ASSERT_EQ(Subscribe(*office, {}, snapshot, subscription).GetCode(), 0U);
+  ASSERT_EQ(Subscribe(*office_, {}, snapshot, subscription).GetCode(), 0U);
   EventReader reader(
       [](const std::string&) { std::this_thread::sleep_for(std::chrono::microseconds(300)); });
   Go();
@@ -626,17 +638,13 @@ TEST_F(StoreWriters, AWriterThatDiesIsFollowed) {
     writer.Put(*Parse(MakeVersion(2, 2)));
     return ::raise(SIGKILL) == 0;
   }));
-  const auto office = Open();
-  const Owned subscription = Subscribe(*office);
   Go();
-  EXPECT_EQ(ReadEvents(*subscription, 998).back(), "+999v1");
+  EXPECT_EQ(ReadEvents(*subscription_, 998).back(), "+999v1");
   EXPECT_EQ(writers_[0]->Wait(), -SIGKILL);
-  EventReader reader;
-  ToldOnce handler;
-  const auto job = subscription->Read(reader, handler);
+  BegunRead read(*subscription_);
   Put(MakeVersion(2, 3));
-  EXPECT_EQ(handler.Wait().GetCode(), 0U);
-  EXPECT_EQ(reader.events, (Events{"~2v3"}));
+  EXPECT_EQ(read.Wait(), 0U);
+  EXPECT_EQ(read.reader.events, (Events{"~2v3"}));
 }
 
 // The index that a reader has mapped can't be written by its process.
@@ -656,12 +664,7 @@ TEST_F(StoreWriters, AWriterWaitsForReadersOfItsOwnProcess) {
   const std::atomic<bool> stop{false};
   auto reading = store.Select({}, stop);
   SqliteStoreWriter writer(path_, 50);
-  try {
-    writer.Begin();
-    ADD_FAILURE() << "The writer has begun.";
-  } catch (const Common::Error& error) {
-    EXPECT_EQ(error.GetCode(), 0x4000CU);
-  }
+  EXPECT_EQ(Catch([&] { writer.Begin(); }).GetCode(), 0x4000CU);
   reading.reset();
   writer.Begin();
   writer.Put(*Parse(MakeVersion(3, 1)));
@@ -672,16 +675,12 @@ TEST_F(StoreWriters, AWriterWaitsForReadersOfItsOwnProcess) {
 // A reader never keeps the last writer from moving the log into the store: but for the moment of a
 // look, it holds nothing.
 TEST_F(StoreWriters, AWaitingReadHoldsNothingOpen) {
-  const auto office = Open();
-  const Owned subscription = Subscribe(*office);
-  EventReader reader;
   bool is_clean = false;
-  for (int i = 2; i < 50 && !is_clean; ++i) {
-    ToldOnce handler;
-    const auto job = subscription->Read(reader, handler);
-    Put(MakeVersion(1, static_cast<unsigned int>(i)));
+  for (unsigned int i = 2; i < 50 && !is_clean; ++i) {
+    BegunRead read(*subscription_);
+    Put(MakeVersion(1, i));
     is_clean = ListFolder() == std::set<std::string>{"object", "objects.db"};
-    EXPECT_EQ(handler.Wait().GetCode(), 0U);
+    EXPECT_EQ(read.Wait(), 0U);
   }
   EXPECT_TRUE(is_clean);
 }
@@ -767,10 +766,9 @@ TEST_F(StoreSubscribe, AReaderThatFellBehindIsTold) {
   const Owned subscription = Subscribe(*office);
   const Owned in_time = Subscribe(*office);
   const auto change = [this](int first, int count) {
-    SqliteStoreWriter writer(path_);
-    writer.Begin();
-    for (int i = first; i < first + count; ++i) writer.Put(*Parse(MakeVersion(i, 1)));
-    writer.Commit();
+    std::vector<std::string> objects;
+    for (int i = first; i < first + count; ++i) objects.push_back(MakeVersion(i, 1));
+    Store(objects);
   };
   // The log just reaches back to the next change of those who have seen three.
   const int kept = static_cast<int>(SqliteStoreWriter::kMaxChanges);
@@ -813,80 +811,77 @@ TEST_F(StoreSubscribe, ALogThatContradictsItselfIsTold) {
   }
 }
 
-TEST_F(StoreSubscribe, AStoreThatGoesOrIsReplacedIsTold) {
-  StoreNumbered(3);
-  const std::string older = folder_ + "/older";
-  std::filesystem::copy_file(path_, older);
-  Store({MakeVersion(4, 1)});
-  const std::string newer = folder_ + "/newer";
-  std::filesystem::copy_file(path_, newer);
-  const std::string other = folder_ + "/other";
-  SqliteStoreWriter::Create(other);
-  {
-    SqliteStoreWriter writer(other);
-    writer.Begin();
-    for (unsigned int i = 1; i < 10; ++i) writer.Put(*Parse(MakeVersion(1, i)));
-    writer.Commit();
+// Stores that take the place of one with four changes, under its path.
+class StoreReplaced : public StoreSubscribe {
+ protected:
+  StoreReplaced() {
+    StoreNumbered(3);
+    std::filesystem::copy_file(path_, older_);
+    Store({MakeVersion(4, 1)});
   }
-  const auto office = Open();
-  // A copy is another file, even with the same content.
-  Owned subscription = Subscribe(*office);
-  EventReader reader;
-  {
-    ToldOnce handler;
-    const auto job = subscription->Read(reader, handler);
-    std::filesystem::rename(newer, path_);
-    EXPECT_EQ(handler.Wait().GetCode(), 0x40005U);
-  }
-  ExpectRefused(*subscription, 0x40005, "Another file has taken the store's place.");
-  // The same file with another content.
-  const auto overwrite = [this](const std::string& from) {
+  // The same file gets another content.
+  void Overwrite(const std::string& from) {
     std::ifstream source(from, std::ios::binary);
     std::ofstream(path_, std::ios::binary) << source.rdbuf();
-  };
-  subscription = Subscribe(*office);
-  overwrite(older);
-  ExpectRefused(*subscription, 0x40005, "The store has gone back behind change 4.");
-  subscription = Subscribe(*office);
-  overwrite(other);
-  ExpectRefused(*subscription, 0x40005, "Another store has taken the store's place.");
-  // One of the same number, or a later one, that has only grown, as this one has: a copy of that
+  }
+  // A subscription meets what `replace` does.
+  void ExpectTold(unsigned int code, const std::string& reason,
+                  const std::function<void()>& replace) {
+    const auto office = Open();
+    const Owned subscription = Subscribe(*office);
+    replace();
+    ExpectRefused(*subscription, code, reason);
+  }
+
+  const std::string older_ = folder_ + "/older";
+  const std::string other_ = folder_ + "/other";
+};
+
+TEST_F(StoreReplaced, AnotherFileIsTold) {
+  std::filesystem::copy_file(path_, other_);
+  const auto office = Open();
+  const Owned subscription = Subscribe(*office);
+  // Even with the same content.
+  BegunRead read(*subscription);
+  std::filesystem::rename(other_, path_);
+  EXPECT_EQ(read.Wait(), 0x40005U);
+  ExpectRefused(*subscription, 0x40005, "Another file has taken the store's place.");
+}
+
+TEST_F(StoreReplaced, AnotherContentIsTold) {
+  ExpectTold(0x40005, "The store has gone back behind change 4.", [&] { Overwrite(older_); });
+  // One that has only grown, as this one has, to the same number or a later one: a copy of that
   // which is older, or one that has begun anew.
   for (const bool is_copy : {true, false}) {
-    for (const int count : {4, 6}) {
-      std::filesystem::remove(path_);
-      StoreNumbered(3);
-      std::filesystem::copy_file(path_, older, std::filesystem::copy_options::overwrite_existing);
+    for (const int count : {4, 6, 9}) {
+      std::filesystem::copy_file(older_, path_, std::filesystem::copy_options::overwrite_existing);
       Store({MakeVersion(4, 1)});
-      subscription = Subscribe(*office);
-      if (is_copy) {
-        overwrite(older);
-      } else {
-        std::filesystem::remove(other);
-        SqliteStoreWriter::Create(other);
-        overwrite(other);
-      }
-      for (int i = is_copy ? 4 : 1; i <= count; ++i) Store({MakeVersion(i + 10, 1)});
-      ExpectRefused(*subscription, 0x40005, "Another store has taken the store's place.");
+      ExpectTold(0x40005, "Another store has taken the store's place.", [&] {
+        if (!is_copy) {
+          std::filesystem::remove(other_);
+          SqliteStoreWriter::Create(other_);
+        }
+        Overwrite(is_copy ? older_ : other_);
+        for (int i = is_copy ? 4 : 1; i <= count; ++i) Store({MakeVersion(i + 10, 1)});
+      });
     }
   }
   // One whose numbers are the last there are.
-  subscription = Subscribe(*office);
-  Execute(path_, "DELETE FROM changes; UPDATE sqlite_sequence SET seq = 9223372036854775807");
-  ExpectRefused(*subscription, 0x40005, "the log begins with change 9223372036854775808");
-  // No store any more, then none at all.
-  subscription = Subscribe(*office);
+  ExpectTold(0x40005, "the log begins with change 9223372036854775808", [&] {
+    Execute(path_, "DELETE FROM changes; UPDATE sqlite_sequence SET seq = 9223372036854775807");
+  });
+}
+
+TEST_F(StoreReplaced, NoStoreAnyMoreIsTold) {
+  const auto office = Open();
+  const Owned subscription = Subscribe(*office);
   std::filesystem::resize_file(path_, 20000);
   ExpectRefused(*subscription, 0x4000D, path_);
-  {
-    ToldOnce handler;
-    const auto job = subscription->Read(reader, handler);
-    std::filesystem::remove(path_);
-    const std::uint32_t code = handler.Wait().GetCode();
-    EXPECT_TRUE(code == 0x40011U || code == 0x4000DU) << code;
-  }
+  BegunRead read(*subscription);
+  std::filesystem::remove(path_);
+  const std::uint32_t code = read.Wait();
+  EXPECT_TRUE(code == 0x40011U || code == 0x4000DU) << code;
   ExpectRefused(*subscription, 0x40011, path_);
-  EXPECT_EQ(reader.events, Events());
 }
 
 // A subscription on a store that waits for locks as long as it is told.
@@ -920,22 +915,21 @@ TEST_F(StoreSubscribe, ALockIsWaitedFor) {
   StoreNumbered(1);
   FollowedStore followed(path_, 20);
   auto holder = std::make_unique<LockHolder>(path_);
-  EventReader reader;
-  ToldOnce handler;
+  std::unique_ptr<BegunRead> read;
   {
     const TestSupport::TraceRecorder traces;
-    const auto job = followed.subscription->Read(reader, handler);
+    read = std::make_unique<BegunRead>(*followed.subscription);
     for (int i = 0; i < 6000 && traces.All().empty(); ++i) {
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(150));
     EXPECT_EQ(traces.Codes(), "1 4 17\n");
   }
-  EXPECT_FALSE(handler.IsTold());
+  EXPECT_FALSE(read->handler.IsTold());
   holder.reset();
   Put(MakeVersion(2, 1));
-  EXPECT_EQ(handler.Wait().GetCode(), 0U);
-  EXPECT_EQ(reader.events, (Events{"+2v1"}));
+  EXPECT_EQ(read->Wait(), 0U);
+  EXPECT_EQ(read->reader.events, (Events{"+2v1"}));
 }
 
 // The other read's look lasts as long as the lock.
@@ -947,14 +941,11 @@ TEST_F(StoreSubscribe, WhatAReadLeftBehindIsNotHeldUpByALock) {
   EventReader raising([](const std::string&) { throw std::runtime_error("broken"); });
   EXPECT_EQ(Read(*followed.subscription, raising).GetCode(), 0xF90007U);
   const LockHolder holder(path_);
-  EventReader nothing;
-  ToldOnce cancelled;
-  const auto job = other->Read(nothing, cancelled);
+  BegunRead waiting(*other);
   std::this_thread::sleep_for(std::chrono::milliseconds(20));
   EXPECT_EQ(ReadEvents(*followed.subscription, 1), (Events{"+3v1"}));
-  EXPECT_FALSE(cancelled.IsTold());
-  job->Cancel();
-  cancelled.Wait();
+  EXPECT_FALSE(waiting.handler.IsTold());
+  waiting.job->Cancel();
 }
 
 // The locks outlast the test: nothing may wait for them.
@@ -962,17 +953,14 @@ TEST_F(StoreSubscribe, EndsWhileTheStoreIsLocked) {
   StoreNumbered(1);
   auto followed = std::make_unique<FollowedStore>(path_, 600000);
   const LockHolder holder(path_);
-  EventReader reader;
-  ToldOnce cancelled;
-  const auto job = followed->subscription->Read(reader, cancelled);
+  BegunRead cancelled(*followed->subscription);
   std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  job->Cancel();
-  EXPECT_EQ(cancelled.Wait().GetCode(), Async::kCanceledCode);
-  ToldOnce closed;
-  const auto second = followed->subscription->Read(reader, closed);
+  cancelled.job->Cancel();
+  EXPECT_EQ(cancelled.Wait(), Async::kCanceledCode);
+  BegunRead closed(*followed->subscription);
   std::this_thread::sleep_for(std::chrono::milliseconds(20));
   followed.reset();
-  EXPECT_EQ(closed.Wait().GetCode(), 0xFC000BU);
+  EXPECT_EQ(closed.Wait(), 0xFC000BU);
 }
 
 // Runs a step as it is told the end.
@@ -990,109 +978,80 @@ class ActingHandler final : public Async::ActionHandler {
   const std::function<void()> act_;
 };
 
-TEST_F(StoreSubscribe, MayBeDestroyedWhileItIsRead) {
-  StoreNumbered(1);
-  const auto office = Open();
-  Owned subscription = Subscribe(*office);
+TEST_F(StoreFollowed, MayBeDestroyedWhileItIsRead) {
   {
-    ActingHandler handler([&] { subscription.reset(); });
+    ActingHandler handler([&] { subscription_.reset(); });
     EventReader reader;
-    const auto job = subscription->Read(reader, handler);
+    const auto job = subscription_->Read(reader, handler);
     Put(MakeVersion(2, 1));
     EXPECT_TRUE(handler.told.Wait(60000));
     EXPECT_EQ(reader.events, (Events{"+2v1"}));
   }
   {
     // The batch that is being read comes to its end.
-    subscription = Subscribe(*office);
+    subscription_ = Subscribe(*office_);
     Store({MakeVersion(3, 1), MakeVersion(4, 1)});
-    ToldOnce handler;
-    EventReader reader([&](const std::string&) { subscription.reset(); });
-    const auto job = subscription->Read(reader, handler);
-    EXPECT_EQ(handler.Wait().GetCode(), 0U);
-    EXPECT_EQ(reader.events, (Events{"+3v1", "+4v1"}));
+    BegunRead read(*subscription_, [&](const std::string&) { subscription_.reset(); });
+    EXPECT_EQ(read.Wait(), 0U);
+    EXPECT_EQ(read.reader.events, (Events{"+3v1", "+4v1"}));
   }
   // While it waits.
-  subscription = Subscribe(*office);
-  ToldOnce handler;
-  EventReader reader;
-  const auto job = subscription->Read(reader, handler);
-  subscription.reset();
-  EXPECT_TRUE(handler.IsTold());
-  EXPECT_EQ(handler.Wait().GetCode(), 0xFC000BU);
-  job->Cancel();
+  subscription_ = Subscribe(*office_);
+  BegunRead read(*subscription_);
+  subscription_.reset();
+  EXPECT_TRUE(read.handler.IsTold());
+  EXPECT_EQ(read.Wait(), 0xFC000BU);
+  read.job->Cancel();
 }
 
-TEST_F(StoreSubscribe, ThePostOfficeMayGoFirst) {
-  StoreNumbered(1);
-  auto office = Open();
-  const Owned subscription = Subscribe(*office);
-  const Owned idle = Subscribe(*office);
-  EventReader reader;
-  {
-    ToldOnce handler;
-    const auto job = subscription->Read(reader, handler);
-    office.reset();
-    EXPECT_TRUE(handler.IsTold());
-    EXPECT_EQ(handler.Wait().GetCode(), 0xFC000BU);
-    job->Cancel();
-  }
-  for (const Owned* each : {&subscription, &idle}) {
-    ToldOnce handler;
-    EXPECT_EQ((*each)->Read(reader, handler), nullptr);
-    EXPECT_EQ(handler.Wait().GetCode(), 0xFC0017U);
+TEST_F(StoreFollowed, ThePostOfficeMayGoFirst) {
+  const Owned idle = Subscribe(*office_);
+  BegunRead read(*subscription_);
+  office_.reset();
+  EXPECT_TRUE(read.handler.IsTold());
+  EXPECT_EQ(read.Wait(), 0xFC000BU);
+  read.job->Cancel();
+  for (Dml::Subscription* each : {subscription_.get(), idle.get()}) {
+    BegunRead late(*each);
+    EXPECT_EQ(late.job, nullptr);
+    EXPECT_EQ(late.Wait(), 0xFC0017U);
   }
 }
 
-TEST_F(StoreSubscribe, ThePostOfficeMayGoInAHandler) {
-  StoreNumbered(1);
-  auto office = Open();
-  Owned subscription = Subscribe(*office);
-  const Owned other = Subscribe(*office, ".Array().End()");
-  EventReader nothing;
-  ToldOnce closed;
-  const auto other_job = other->Read(nothing, closed);
+TEST_F(StoreFollowed, ThePostOfficeMayGoInAHandler) {
+  const Owned other = Subscribe(*office_, ".Array().End()");
+  BegunRead closed(*other);
   ActingHandler handler([&] {
-    office.reset();
-    subscription.reset();
+    office_.reset();
+    subscription_.reset();
   });
   EventReader reader;
-  const auto job = subscription->Read(reader, handler);
+  const auto job = subscription_->Read(reader, handler);
   Put(MakeVersion(2, 1));
   EXPECT_TRUE(handler.told.Wait(60000));
   EXPECT_EQ(reader.events, (Events{"+2v1"}));
-  EXPECT_EQ(closed.Wait().GetCode(), 0xFC000BU);
+  EXPECT_EQ(closed.Wait(), 0xFC000BU);
 }
 
 // Each of these readers waits in the middle until the others have got there: more than there are
 // processors.
-TEST_F(StoreSubscribe, AReaderThatBlocksHoldsNoOtherUp) {
-  StoreNumbered(1);
-  const auto office = Open();
+TEST_F(StoreFollowed, AReaderThatBlocksHoldsNoOtherUp) {
   constexpr int kReaders = 6;
   std::atomic<int> inside{0};
   Common::Event all_inside(true, false);
-  struct Follower {
-    Owned subscription;
-    std::unique_ptr<EventReader> reader;
-    ToldOnce handler;
-    std::shared_ptr<Async::Job> job;
-  };
-  std::vector<std::unique_ptr<Follower>> followers;
+  std::vector<Owned> subscriptions;
+  std::vector<std::unique_ptr<BegunRead>> reads;
   for (int i = 0; i < kReaders; ++i) {
-    auto follower = std::make_unique<Follower>();
-    follower->subscription = Subscribe(*office);
-    follower->reader = std::make_unique<EventReader>([&](const std::string&) {
+    subscriptions.push_back(Subscribe(*office_));
+    reads.push_back(std::make_unique<BegunRead>(*subscriptions.back(), [&](const std::string&) {
       if (++inside == kReaders) all_inside.Set();
       EXPECT_TRUE(all_inside.Wait(60000));
-    });
-    follower->job = follower->subscription->Read(*follower->reader, follower->handler);
-    followers.push_back(std::move(follower));
+    }));
   }
   Put(MakeVersion(2, 1));
-  for (const auto& follower : followers) {
-    EXPECT_EQ(follower->handler.Wait().GetCode(), 0U);
-    EXPECT_EQ(follower->reader->events, (Events{"+2v1"}));
+  for (const auto& read : reads) {
+    EXPECT_EQ(read->Wait(), 0U);
+    EXPECT_EQ(read->reader.events, (Events{"+2v1"}));
   }
 }
 
