@@ -433,10 +433,12 @@ bool ChangeObjects(const std::string& path, int first, int rounds) {
   return true;
 }
 
-class StoreWriters : public StoreFollowed {
+// The processes are forked while there is no other thread.
+class StoreWriters : public StoreSubscribe {
  protected:
   static constexpr int kLastObject = 0x7000;
 
+  StoreWriters() { StoreNumbered(1); }
   // Processes that all begin at Go.
   void Start(int count, int rounds) {
     for (int i = 0; i < count; ++i) {
@@ -504,6 +506,7 @@ class StoreWriters : public StoreFollowed {
 // Readers that subscribe in the middle, while others open, change and close the store.
 TEST_F(StoreWriters, NothingIsLostOrDoubledFromTheSnapshotOn) {
   Start(3, 150);
+  const auto office = Open();
   struct Follower {
     VersionReader snapshot;
     Owned subscription;
@@ -517,7 +520,7 @@ TEST_F(StoreWriters, NothingIsLostOrDoubledFromTheSnapshotOn) {
     followers.push_back(std::make_unique<Follower>());
     Follower& self = *followers.back();
     self.thread = std::thread([&] {
-      self.failure = Subscribe(*office_, {}, self.snapshot, self.subscription);
+      self.failure = Subscribe(*office, {}, self.snapshot, self.subscription);
       while (!self.failure.IsFailure() &&
              (self.reader.events.empty() || self.reader.events.back() != GetLastEvent())) {
         self.failure = Read(*self.subscription, self.reader);
@@ -596,9 +599,10 @@ TEST_F(StoreFollowed, AHandlerThatRaisesIsTraced) {
 // when the next change comes.
 TEST_F(StoreWriters, CancelLosesNothing) {
   Start(2, 150);
+  const auto office = Open();
   VersionReader snapshot;
   Owned subscription;
-  ASSERT_EQ(Subscribe(*office_, {}, snapshot, subscription).GetCode(), 0U);
+  ASSERT_EQ(Subscribe(*office, {}, snapshot, subscription).GetCode(), 0U);
   EventReader reader(
       [](const std::string&) { std::this_thread::sleep_for(std::chrono::microseconds(300)); });
   Go();
@@ -638,10 +642,12 @@ TEST_F(StoreWriters, AWriterThatDiesIsFollowed) {
     writer.Put(*Parse(MakeVersion(2, 2)));
     return ::raise(SIGKILL) == 0;
   }));
+  const auto office = Open();
+  const Owned subscription = Subscribe(*office);
   Go();
-  EXPECT_EQ(ReadEvents(*subscription_, 998).back(), "+999v1");
+  EXPECT_EQ(ReadEvents(*subscription, 998).back(), "+999v1");
   EXPECT_EQ(writers_[0]->Wait(), -SIGKILL);
-  BegunRead read(*subscription_);
+  BegunRead read(*subscription);
   Put(MakeVersion(2, 3));
   EXPECT_EQ(read.Wait(), 0U);
   EXPECT_EQ(read.reader.events, (Events{"~2v3"}));
@@ -674,7 +680,7 @@ TEST_F(StoreWriters, AWriterWaitsForReadersOfItsOwnProcess) {
 
 // A reader never keeps the last writer from moving the log into the store: but for the moment of a
 // look, it holds nothing.
-TEST_F(StoreWriters, AWaitingReadHoldsNothingOpen) {
+TEST_F(StoreFollowed, AWaitingReadHoldsNothingOpen) {
   bool is_clean = false;
   for (unsigned int i = 2; i < 50 && !is_clean; ++i) {
     BegunRead read(*subscription_);
