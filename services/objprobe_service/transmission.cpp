@@ -57,11 +57,21 @@ class Transmission::Channel final : public Dml::SubscriptionReader,
     subscription->Read(*this, *this);
   }
 
-  void Close() {
+  // Reads no more.
+  void Unfollow() {
     std::shared_ptr<Dml::Subscription> subscription;
     {
       const std::lock_guard lock(mutex_);
       subscription.swap(subscription_);
+    }
+  }
+  // It is no channel any more, even if a read is still being delivered.
+  void Close() {
+    Unfollow();
+    std::shared_ptr<ViewBudget::Share> share;
+    {
+      const std::lock_guard lock(mutex_);
+      share.swap(share_);
     }
   }
 
@@ -99,7 +109,7 @@ class Transmission::Channel final : public Dml::SubscriptionReader,
     try {
       if (result.IsFailure()) {
         updates.push_back(MakeRecord(number_, kChannelError, &result));
-        Close();
+        Unfollow();
         transmission->on_failure_("channel " + std::to_string(number_), result);
       }
       transmission->Add(*this, std::move(updates));
@@ -115,13 +125,13 @@ class Transmission::Channel final : public Dml::SubscriptionReader,
   const std::weak_ptr<Transmission> transmission_;
   const std::size_t max_records_;
   const std::size_t max_cost_;
-  const std::shared_ptr<ViewBudget::Share> share_;
   // Of the delivering thread.
   Updates updates_;
   std::size_t cost_ = 0;
 
   std::mutex mutex_;               // guards the fields below
   std::shared_ptr<Channel> self_;  // while a read is under way
+  std::shared_ptr<ViewBudget::Share> share_;
   std::shared_ptr<Dml::Subscription> subscription_;
 };
 
