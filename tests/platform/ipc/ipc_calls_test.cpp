@@ -300,6 +300,44 @@ TEST(IpcCalls, AServerThatStopsEndsItsCallsAndSessions) {
   pair.host.Release();
 }
 
+TEST(IpcCalls, EitherEndMayStopInTheMiddleOfTraffic) {
+  for (const bool is_server : {true, false}) {
+    LocalPair pair;
+    const auto access_point = pair.Connect();
+    std::atomic<int> good = 0;
+    std::vector<std::jthread> threads;
+    for (int thread = 0; thread < 3; ++thread) {
+      threads.emplace_back([&, thread] {
+        for (;;) {
+          WaitingJobHandler handler;
+          std::string reply;
+          JobPointer job;
+          if (access_point
+                  ->CreateJob(
+                      std::make_unique<TextRequest>(thread == 0 ? kLong : kEcho, "300000", &reply),
+                      job)
+                  .IsFailure() ||
+              job->Start(&handler).IsFailure()) {
+            return;
+          }
+          const std::uint32_t code = handler.Wait().GetCode();
+          EXPECT_TRUE(handler.IsTold());
+          if (code != 0) return;
+          EXPECT_EQ(reply.size(), thread == 0 ? 300'000u : 6u);
+          ++good;
+        }
+      });
+    }
+    while (good < 50) std::this_thread::yield();
+    if (is_server) {
+      pair.server->Stop();
+    } else {
+      EXPECT_EQ(pair.client->Stop().GetCode(), 0u);
+    }
+    threads.clear();  // all have come to an end
+  }
+}
+
 TEST(IpcCalls, WhatIsBeyondALimitFailsByItself) {
   Limits server_limits;
   server_limits.max_request_size = 100'000;
