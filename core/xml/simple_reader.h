@@ -10,9 +10,9 @@ namespace Core {
 // core/xml/xml_tokenizer.h describes it.
 //
 // True: the document was read whole and the file has not failed; a comment, an instruction or a
-// DOCTYPE behind the root may lack its end. False: it is bad, or the file
-// ended early or failed; what was read until then stays in `document`, to be dropped. A binary
-// document without an element is no failure: true, and no root.
+// DOCTYPE behind the root may lack its end. False: it is bad, or the file ended early or failed;
+// what was read until then stays in `document`, to be dropped. A binary document without an element
+// is no failure: true, and no root.
 //
 // `line` (from 1) and `column` (from 1) are always set: where the last token stands, which after
 // false is the one that could not be accepted; for text that isn't UTF-8, its first bad byte.

@@ -102,10 +102,9 @@ class Deserializer : public Common::DynamicCasterImpl {
   // The version in force at this place of the packet.
   virtual unsigned long long GetSubjectVersion() = 0;
 
-  // Whether all children of the open element were passed, so that BeginElement of any name would
-  // throw kInconsistentCode; costs far less than the throw. False where the reader can't tell, and
-  // for a packet that can't be read.
-  virtual bool IsAtEnd() { return false; }
+  // Whether all children of the open element were passed, so that BeginElement of any element would
+  // throw kInconsistentCode; costs far less than the throw. False for a packet that can't be read.
+  virtual bool IsAtEnd() = 0;
 };
 
 }  // namespace Serialization

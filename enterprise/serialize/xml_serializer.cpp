@@ -59,6 +59,7 @@ class XMLPacketSerializer final : public Serializer {
     });
   }
   void Write(const MetaInfo& meta, const Common::Error& value) override {
+    if (IsOfOtherCategory(meta)) return;
     unsigned int size = 0;
     std::unique_ptr<unsigned char[]> bytes;
     TakeRoom([&] { bytes = value.Save(size); });

@@ -76,6 +76,7 @@ class ResultDeserializer final : public Serialization::Deserializer {
     reader_.EndElement(meta);
   }
   unsigned long long GetSubjectVersion() override { return reader_.GetSubjectVersion(); }
+  bool IsAtEnd() override { return reader_.IsAtEnd(); }
 
  private:
   Serialization::Deserializer& reader_;

@@ -151,11 +151,12 @@ void ImportFile(Change& change, const std::string& file, Progress& progress) {
 // A file of the store, which is open, must not be read as text: its end would give up the locks
 // that this process has on it.
 void RefuseFileOfStore(const std::string& store, const std::string& file) {
-  std::error_code ignored;  // what can't be looked at is told when it is opened
+  std::error_code failure;  // what can't be looked at is told when it is opened
   const std::filesystem::path real =
-      std::filesystem::canonical(Platform::Store::GetStorePath(store), ignored);
+      std::filesystem::canonical(Platform::Store::GetStorePath(store), failure);
+  if (failure) return;
   for (const char* ending : {"", "-wal", "-shm"}) {
-    if (std::filesystem::equivalent(real.native() + ending, file, ignored)) {
+    if (std::filesystem::equivalent(real.native() + ending, file, failure)) {
       throw CommandFailure(file + ": The file belongs to the store itself.");
     }
   }

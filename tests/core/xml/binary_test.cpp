@@ -106,6 +106,13 @@ TEST(BinaryXml, AnEarlyEndIsToldByTheFile) {
   }
 }
 
+// Nothing is opened any more where the file has ended: in a first text, and behind a child.
+TEST(BinaryXml, NoElementIsOpenedBehindAnEarlyEnd) {
+  const std::string root = kOld + "\x01\x01" + "a\x00\x03"s;
+  EXPECT_EQ(ReadXml(root + "\x07xy").tree, "<a>xy</a>");
+  EXPECT_EQ(ReadXml(root + "\x01x\x02\x01" + "b\x00\x01\x00\x07xy"s).tree, "<a>x<b></b>xy</a>");
+}
+
 TEST(BinaryXml, LengthsAreNotBelieved) {
   const std::string most = "\xFF\xFF\xFF\xFF\x0F";
   TraceRecorder traces;

@@ -228,6 +228,7 @@ class AwareDeserializer final : public LoggedCoder<Deserializer>,
     unit = unit_;
   }
 
+  bool IsAtEnd() override { return false; }
   void Read(const MetaInfo& meta, bool&) override { Log(meta); }
   void Read(const MetaInfo& meta, unsigned char&) override { Log(meta); }
   void Read(const MetaInfo& meta, Common::Guid&) override { Log(meta); }

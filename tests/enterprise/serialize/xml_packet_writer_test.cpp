@@ -35,6 +35,11 @@ extern "C" void* __wrap__Znwm(std::size_t size);
 void* __wrap__Znwm(std::size_t size) {
   return has_no_objects_left ? throw std::bad_alloc() : __real__Znwm(size);
 }
+extern "C" void* __real__Znam(std::size_t size);
+extern "C" void* __wrap__Znam(std::size_t size);
+void* __wrap__Znam(std::size_t size) {
+  return has_no_objects_left ? throw std::bad_alloc() : __real__Znam(size);
+}
 // NOLINTEND(bugprone-reserved-identifier)
 
 namespace Serialization {
@@ -290,6 +295,15 @@ TEST(XMLPacketWriter, ElementsWithoutRoomAreNotOpen) {
   }
   EXPECT_NE(failures, 0u);
   EXPECT_NE(failures, 40u);
+
+  // The bytes of an error take room of their own; of another category, it isn't asked for them.
+  const Common::Error error(7, Common::LineTag{});
+  const std::unique_ptr<Serializer> to = CreateXMLPacketSerializer(3);
+  has_no_objects_left = true;
+  EXPECT_NO_THROW(to->Write(skipped, error));
+  EXPECT_THROW(to->Write(MetaInfo("e"), error), std::bad_alloc);
+  has_no_objects_left = false;
+  EXPECT_THROW(to->Finish(), std::bad_alloc);
 }
 
 TEST(XMLPacketWriter, ElementsTellVersionAndTraits) {
