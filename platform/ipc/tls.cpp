@@ -1,11 +1,9 @@
 #include "platform/ipc/tls.h"
 
-#include <dlfcn.h>
-
 #include <atomic>
-#include <filesystem>
-#include <system_error>
+#include <string>
 
+#include "core/common/unix/program_module.h"
 #include "platform/ipc/ipc_codes.h"
 
 namespace Platform::Ipc {
@@ -14,32 +12,14 @@ namespace {
 
 constexpr Common::SourceFile kSource{"platform/ipc/tls"};
 
-// Not by the loader's own search: a sanitizer that stands in front of dlopen hides who asks.
-std::string FindModule() {
-  std::error_code failure;
-  const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", failure);
-  if (failure) return kTlsModule;
-  return program.parent_path().parent_path() / "lib" / kTlsModule;
-}
-
-std::string GetLoaderReason() {
-  const char* const reason = ::dlerror();
-  return reason != nullptr ? reason : "The loader gives no reason.";
-}
-
-// Stays loaded. A failure isn't kept: it may pass, like a lack of descriptors.
 CreateTlsContextFunction* LoadModule() {
   static std::atomic<CreateTlsContextFunction*> loaded{nullptr};
   CreateTlsContextFunction* create = loaded.load(std::memory_order_acquire);
   if (create != nullptr) return create;
-  void* const module = ::dlopen(FindModule().c_str(), RTLD_NOW | RTLD_LOCAL);
-  if (module == nullptr) {
-    throw MakeReasonedError(kNoTls, GetLoaderReason(), kSource.At("LoadModule", 10));
-  }
-  create = reinterpret_cast<CreateTlsContextFunction*>(::dlsym(module, kCreateTlsContextSymbol));
-  if (create == nullptr) {
-    throw MakeReasonedError(kNoTls, GetLoaderReason(), kSource.At("LoadModule", 20));
-  }
+  std::string reason;
+  create = reinterpret_cast<CreateTlsContextFunction*>(
+      Common::FindInModule(kTlsModule, kCreateTlsContextSymbol, reason));
+  if (create == nullptr) throw MakeReasonedError(kNoTls, reason, kSource.At("LoadModule", 10));
   loaded.store(create, std::memory_order_release);
   return create;
 }

@@ -1,13 +1,10 @@
 #include "core/common/time/time_format.h"
 
-#include <dlfcn.h>
-
 #include <atomic>
-#include <filesystem>
 #include <string>
-#include <system_error>
 
 #include "core/common/time/time_format_module.h"
+#include "core/common/unix/program_module.h"
 #include "core/common/unix/trace.h"
 
 namespace Common {
@@ -26,34 +23,12 @@ class NoTimeFormat final : public TimeFormat {
   }
 };
 
-// Not by the loader's own search: a sanitizer that stands in front of dlopen hides who asks.
-std::string FindModule() {
-  std::error_code failure;
-  const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", failure);
-  if (failure) return kTimeFormatModule;
-  return program.parent_path().parent_path() / "lib" / kTimeFormatModule;
-}
-
-// The loader's reason, once in the process for each `traced`: every call tries again.
-void TraceOnce(std::atomic<bool>& traced) {
-  const char* const reason = ::dlerror();
-  if (traced.exchange(true)) return;
-  Trace(kTraceError, 0, 0, reason != nullptr ? reason : kTimeFormatModule);
-}
-
+// Traces the loader's reason once in the process: every call tries again.
 CreateTimeFormatFunction* LoadModule() {
-  static std::atomic<bool> traced_module{false};
-  static std::atomic<bool> traced_function{false};
-  void* const module = ::dlopen(FindModule().c_str(), RTLD_NOW | RTLD_LOCAL);
-  if (module == nullptr) {
-    TraceOnce(traced_module);
-    return nullptr;
-  }
-  void* const function = ::dlsym(module, kCreateTimeFormatSymbol);
-  if (function == nullptr) {
-    TraceOnce(traced_function);
-    ::dlclose(module);
-  }
+  static std::atomic<bool> is_traced{false};
+  std::string reason;
+  void* const function = FindInModule(kTimeFormatModule, kCreateTimeFormatSymbol, reason);
+  if (function == nullptr && !is_traced.exchange(true)) Trace(kTraceError, 0, 0, reason.c_str());
   return reinterpret_cast<CreateTimeFormatFunction*>(function);
 }
 
