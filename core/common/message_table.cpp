@@ -8,6 +8,7 @@
 #include <iterator>
 #include <string_view>
 
+#include "core/common/message_catalogue.h"
 #include "core/common/message_table_internal.h"
 #include "core/common/text.h"
 
@@ -231,11 +232,22 @@ const unsigned char* GetBuiltInBlock() {
   return reinterpret_cast<const unsigned char*>(kBuiltIn.units.data());
 }
 
-// Null stands for the built-in table, so that no code has to run for it.
+// Null, as at start, stands for the built-in table, so that no code has to run for it, and for a
+// text that nobody has asked for yet.
 constinit std::atomic<const unsigned char*> current_block{nullptr};
 
 const unsigned char* GetCurrentBlock() {
   const unsigned char* block = current_block.load(std::memory_order_acquire);
+  return block != nullptr ? block : GetBuiltInBlock();
+}
+
+// Kept out of the way of the calls that find a table in force.
+[[gnu::noinline, gnu::cold]] const unsigned char* AskForBlock() noexcept {
+  Internal::StartCatalogues();
+  // From now on nobody comes here.
+  const unsigned char* block = nullptr;
+  current_block.compare_exchange_strong(block, GetBuiltInBlock(), std::memory_order_acq_rel,
+                                        std::memory_order_acquire);
   return block != nullptr ? block : GetBuiltInBlock();
 }
 
@@ -246,7 +258,10 @@ std::uint32_t Read32(const unsigned char* at) {
 }
 
 const unsigned char* FindText(std::uint32_t row) {
-  const unsigned char* slot = GetCurrentBlock() + 8 + std::size_t{4} * row;
+  const unsigned char* block = current_block.load(std::memory_order_acquire);
+  if (block == nullptr) [[unlikely]]
+    block = AskForBlock();
+  const unsigned char* slot = block + 8 + std::size_t{4} * row;
   return slot + Read32(slot);
 }
 
@@ -329,7 +344,7 @@ MessageTable GetCurrentMessageTable() noexcept {
 }
 
 void SetCurrentMessageTable(const unsigned char* block) noexcept {
-  current_block.store(block, std::memory_order_release);
+  current_block.store(block != nullptr ? block : GetBuiltInBlock(), std::memory_order_release);
 }
 
 }  // namespace Internal

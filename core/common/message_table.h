@@ -113,8 +113,10 @@ enum class AnsiMessageRow : std::uint32_t {
   FontCharsets = 682,
 };
 
-// Address of the row's text in the current table, zero-terminated. Never null. Text stays valid to
-// the end of the process, also when another table comes into force meanwhile.
+// Address of the row's text in the current table, zero-terminated. Never null. The first call loads
+// the catalogue of the user's language (message_catalogue.h); other threads may see English
+// meanwhile. Text stays valid, also when another table comes into force, until the exit handlers of
+// the process run. `errno` is kept.
 // Works before any code has run (static initialisers). Threads: any.
 const char16_t* GetMessageText(MessageRow row);
 const char* GetMessageText(AnsiMessageRow row);

@@ -3,6 +3,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "core/common/message_table.h"
+
 // How a table lies in memory, and the way to put another one in force. For the message table and
 // the catalogues only.
 //
@@ -25,12 +27,27 @@ struct MessageTable {
   }
 };
 
+// Whether a row of that number is 8-bit text.
+constexpr bool IsAnsiMessageRow(std::uint32_t row) {
+  switch (static_cast<AnsiMessageRow>(row)) {
+    case AnsiMessageRow::AnsiCodePage:
+    case AnsiMessageRow::OemCodePage:
+    case AnsiMessageRow::LanguageTag:
+    case AnsiMessageRow::LanguageId:
+    case AnsiMessageRow::LocaleName:
+    case AnsiMessageRow::LanguageTag2:
+    case AnsiMessageRow::FontCharsets:
+      return true;
+  }
+  return false;
+}
+
 // Never without a block. Constant data: there before any code has run.
 MessageTable GetBuiltInMessageTable() noexcept;
 MessageTable GetCurrentMessageTable() noexcept;
-// Puts a table in force, null the built-in one. The block must stay as it is to the end of the
-// process: error records and callers keep addresses of its texts. Threads: any; readers see the old
-// or the new table.
+// Puts a table in force, null the built-in one. The block must stay as it is as long as anybody
+// renders errors: records and callers keep addresses of its texts. Threads: any; readers see the
+// old or the new table.
 void SetCurrentMessageTable(const unsigned char* block) noexcept;
 
 }  // namespace Common::Internal
