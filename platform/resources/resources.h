@@ -1,0 +1,18 @@
+#pragma once
+
+// The resource library (core/common/resource_api.h): stores are ZIP archives in a section of their
+// own in the files of programs. Beside the files of English, at the root, an archive has a folder
+// for each other language, and "locales", one line with the names of all of them, commas between.
+//
+// At first the language is that of the environment, asked for with the first file. English needs no
+// store: no file is opened for it.
+namespace Platform::Resources {
+
+// Changes the language of the process and tells all subscribers, inside this call. `locales` is a
+// list of locale names with colons between them, as LANGUAGE has it; null goes back to the
+// environment. Subscribers may be told more than once, but never are left with a former language
+// when several threads change it. Throws std::bad_alloc, and then nothing has changed. Threads:
+// any.
+void SetLanguage(const char* locales);
+
+}  // namespace Platform::Resources
