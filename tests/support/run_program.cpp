@@ -21,6 +21,11 @@ std::vector<char*> MakePointers(const std::vector<std::string>& texts) {
   return pointers;
 }
 
+// What sets our programs: their own settings, and the language.
+bool IsSetting(std::string_view entry) {
+  return entry.starts_with("VELORIN_") || entry.starts_with("LC_") || entry.starts_with("LANG");
+}
+
 std::string ReadToEnd(int descriptor) {
   std::string text;
   char buffer[65536];
@@ -39,7 +44,7 @@ ProgramResult RunProgram(const std::string& file, const std::vector<std::string>
   // The leak checker can't work under a debugger.
   if (options.is_debugged) environment.push_back("LSAN_OPTIONS=detect_leaks=0");
   for (char** entry = environ; *entry != nullptr; ++entry) {
-    if (!std::string_view(*entry).starts_with("VELORIN_")) environment.push_back(*entry);
+    if (!IsSetting(*entry)) environment.push_back(*entry);
   }
   const std::vector<char*> arguments = MakePointers(argv);
   const std::vector<char*> variables = MakePointers(environment);

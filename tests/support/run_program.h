@@ -28,7 +28,8 @@ struct ProgramOptions {
 };
 
 // Runs `file` with `argv`, the program's name included, to its end. Standard input is empty, and
-// the test's own settings of our programs are taken out of the environment.
+// the test's own settings of our programs, its language among them, are taken out of the
+// environment.
 ProgramResult RunProgram(const std::string& file, const std::vector<std::string>& argv,
                          const ProgramOptions& options = {});
 inline ProgramResult RunProgram(const std::string& file, const std::vector<std::string>& argv,
