@@ -14,14 +14,13 @@ namespace {
 
 constexpr std::string_view kCharset = "charset=UTF-8\n";
 
-// Also without surrogates, which the conversion lets through.
+// Also without surrogates, which the conversion lets through: U+D800 begins ED A0.
 bool IsUtf8(std::string_view text) {
+  for (std::size_t at = 0; (at = text.find('\xED', at)) != text.npos; ++at) {
+    if (at + 1 < text.size() && static_cast<unsigned char>(text[at + 1]) >= 0xA0) return false;
+  }
   Common::String wide;
-  if (text.find('\0') != text.npos) return false;
-  if (!Common::ToUtf16(wide, text.data(), text.size())) return false;
-  std::string back;
-  Common::ToUtf8(back, wide.c_str(), wide.size());
-  return back == text;
+  return text.find('\0') == text.npos && Common::ToUtf16(wide, text.data(), text.size());
 }
 
 bool IsOctal(char c) {
