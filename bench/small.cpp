@@ -76,6 +76,12 @@ void MakeError(benchmark::State& state) {
 }
 BENCHMARK(MakeError);
 
+void MessageText(benchmark::State& state) {
+  Loop(state,
+       [] { benchmark::DoNotOptimize(Common::GetMessageText(Common::MessageRow::PorOutOfRange)); });
+}
+BENCHMARK(MessageText);
+
 void ScalarUnit(benchmark::State& state) {
   const Por::Construction::InMemoryUnitFactory factory;
   Loop(state, [&] { benchmark::DoNotOptimize(factory.CreateDWord(5)); });
