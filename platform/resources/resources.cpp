@@ -37,6 +37,8 @@ constinit Common::StaticMutex languages_mutex;
 // Null before the first file. Never destroyed: exit handlers may still ask.
 constinit const Languages* languages = nullptr;
 
+constinit Common::StaticMutex read_mutex;
+
 // Counts the changes of the language.
 constinit std::atomic<unsigned long long> changes{0};
 
@@ -93,6 +95,9 @@ class Store {
   std::unique_ptr<unsigned char[]> Read(const std::string& name, unsigned int& size) const {
     size = 0;
     if (read_ == nullptr) return nullptr;
+    // One at a time: the ZIP library has the C library convert times, whose own lock around its
+    // time zone no thread sanitizer sees.
+    const Common::StaticMutexLock lock(read_mutex);
     return std::unique_ptr<unsigned char[]>(
         read_(archive_.bytes.get(), archive_.size, name.c_str(), &size));
   }
