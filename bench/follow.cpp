@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -183,7 +184,9 @@ void ReportTransaction(const std::string& folder, unsigned int changes) {
   int go[2];
   if (::pipe(go) != 0) return;
   const pid_t child = ::fork();
+  if (child < 0) throw std::runtime_error("no process");
   if (child == 0) {
+    ::close(go[1]);  // so that the end of the parent is met
     char byte = 0;
     if (::read(go[0], &byte, 1) != 1) ::_exit(1);
     {
@@ -202,7 +205,10 @@ void ReportTransaction(const std::string& folder, unsigned int changes) {
   if (error.IsFailure()) throw Common::Error(error);
   if (::write(go[1], "", 1) != 1) return;
   rusage writing{};
-  ::wait4(child, nullptr, 0, &writing);
+  int status = 0;
+  if (::wait4(child, &status, 0, &writing) != child || status != 0) {
+    throw std::runtime_error("the writer failed");
+  }
   const double before = GetProcessorSeconds();
   CountReader reader;
   while (reader.count < changes) {

@@ -231,12 +231,11 @@ void ChangeFollower::Post(const View& view) {
     pool = pool_;
   }
   if (pool == nullptr) return;  // Stop ends the read
-  auto delivery = std::make_shared<Delivery>(view, *pool);
   // Before the delivery, in which the next read may begin.
   if (!view->PrepareDelivery()) return;
   bool is_posted = false;
   try {
-    is_posted = pool->Post(std::move(delivery));
+    is_posted = pool->Post(std::make_shared<Delivery>(view, *pool));
   } catch (const std::exception&) {
     // No memory, or no thread to be had.
   }

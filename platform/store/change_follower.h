@@ -43,8 +43,8 @@ class ChangeFollower : public Common::NonCopyable {
   ~ChangeFollower();
 
   // Gives the waiting read of `view` its outcome and delivers it; one that is there already at
-  // once, whatever the store does. False after Stop. Throws
-  // std::bad_alloc or std::system_error when there can't be a thread; the view isn't served then.
+  // once, whatever the store does. False after Stop. Throws std::bad_alloc or std::system_error
+  // when there can't be a thread; the view isn't served then.
   bool Serve(const std::shared_ptr<FollowedView>& view);
   // Ends all waiting reads with `result`, inside the call, and waits for those that are being
   // delivered, but for one that makes this call.

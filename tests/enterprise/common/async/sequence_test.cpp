@@ -376,7 +376,6 @@ TEST_P(Cycles, PassesThatEndAtOnceUseOneStackAndGiveTheStarterItsThreadBack) {
             GetParam() ? int{CyclicRunnerImpl::CyclicRunner::kMaxImmediatePasses} : kPasses);
 }
 
-// The service doesn't run the work of a cycle of three times the passes that one thread runs.
 // The second runner may come to the address of the first one, whose loop is still on the stack.
 TEST(CyclesOneAfterTheOther, KeepToTheirOwnActions) {
   ActionHandler* waiting = nullptr;
@@ -407,6 +406,7 @@ TEST(CyclesOneAfterTheOther, KeepToTheirOwnActions) {
   EXPECT_EQ(end.results.size(), 1u);
 }
 
+// The service doesn't run the work of a cycle of three times the passes that one thread runs.
 class CyclesOfAService : public testing::Test {
  protected:
   static constexpr int kShare = CyclicRunnerImpl::CyclicRunner::kMaxImmediatePasses;
