@@ -12,7 +12,8 @@
 namespace Serialization {
 
 // Bytes that grow at the end. A large block grows by moving pages, not by copying bytes, and its
-// unused end never becomes real memory. Throws std::bad_alloc; the content then stays.
+// unused end never becomes real memory, but for what a huge page has left. Throws std::bad_alloc;
+// the content then stays.
 class OutputBuffer : public Common::NonCopyable {
  public:
   OutputBuffer() = default;
@@ -50,6 +51,12 @@ class OutputBuffer : public Common::NonCopyable {
 
  private:
   static constexpr std::size_t kFirstSize = 512;
+  // Blocks for which huge pages are worth it: fresh small ones cost more than what is written
+  // there.
+  static constexpr std::size_t kLarge = std::size_t{4} << 20;
+
+  // A wish. For all pages that the block lies in, as pages of two kinds can't be moved together.
+  static void WantHugePages(char* block);
 
   void Grow(std::size_t size) {
     const std::size_t used = GetSize();
@@ -60,6 +67,7 @@ class OutputBuffer : public Common::NonCopyable {
     if (capacity < wanted) capacity = wanted;
     char* const block = static_cast<char*>(std::realloc(begin_, capacity));
     if (block == nullptr) Fail();
+    if (capacity >= kLarge) WantHugePages(block);
     begin_ = block;
     end_ = block + used;
     limit_ = block + capacity;
