@@ -273,6 +273,14 @@ TEST(MessageCatalogue, ABadOneLeavesEnglishInForce) {
        change(kGerman, [&](Bytes& b) { Put32(b, slot43, size - 1 - slot43); }), true},
       {"8-bit row behind the end",
        change(kGerman, [&](Bytes& b) { Put32(b, slot43, size - slot43); })},
+      {"8-bit row that ends the block at an odd place",
+       change(kGerman,
+              [&](Bytes& b) {
+                b.insert(b.end(), {'c', 'p', 0});
+                Put32(b, 0, b.size());
+                Put32(b, slot43, size - slot43);
+              }),
+       true},
       {"8-bit row without an end", change(kGerman,
                                           [&](Bytes& b) {
                                             b.insert(b.end(), {'c', 'p'});
