@@ -10,25 +10,31 @@
 
 namespace ObjProbeService {
 
-bool FailureCounter::Begin(const std::string& name, Clock::time_point now) {
+FailureCounter::Answer FailureCounter::Begin(const std::string& name, Clock::time_point now) {
   const auto [found, is_new] = windows_.try_emplace(name);
   Window& window = found->second;
-  if (is_new || now - window.begin >= window_) window = {now, 0};
-  if (window.failures >= most_) return false;
-  ++window.failures;
+  if (is_new || now - window.begin >= window_) {
+    window.begin = now;
+    window.failures = 0;
+  }
+  if (window.failures >= most_) return Answer::kTooMany;
+  if (window.failures + window.open >= most_) return Answer::kWait;
+  ++window.open;
   if (windows_.size() > max_names_) {
     windows_.erase(std::min_element(windows_.begin(), windows_.end(), [](auto& a, auto& b) {
       return a.second.begin < b.second.begin;
     }));
   }
-  return true;
+  return Answer::kGo;
 }
 
-void FailureCounter::Forgive(const std::string& name) {
+void FailureCounter::End(const std::string& name, bool has_failed) {
   const auto found = windows_.find(name);
   if (found == windows_.end()) return;
-  if (found->second.failures > 0) --found->second.failures;
-  if (found->second.failures == 0) windows_.erase(found);
+  Window& window = found->second;
+  if (window.open > 0) --window.open;
+  if (has_failed) ++window.failures;
+  if (window.failures == 0 && window.open == 0) windows_.erase(found);
 }
 
 Authenticator::Authenticator(std::string user_file, const Limits& limits, Log log)
@@ -63,28 +69,48 @@ bool Authenticator::Check(const std::string& user, const std::string& password,
   const std::string network = GetNetwork(address);
   // Names that anybody can think of don't fill the counter.
   const bool is_known = users->contains(user);
-  const char* too_many = nullptr;
-  {
-    const std::lock_guard lock(mutex_);
+  const char* const refusal = Begin(network, user, is_known);
+  if (refusal != nullptr) {
+    log_(who + " refused: " + refusal);
+    return false;
+  }
+  bool is_right = false;
+  try {
+    is_right = CheckPassword(*users, user, password);
+  } catch (...) {
+    End(network, user, is_known, true);
+    throw;
+  }
+  End(network, user, is_known, !is_right);
+  if (!is_right) log_(who + " refused: unknown user or wrong password");
+  return is_right;
+}
+
+const char* Authenticator::Begin(const std::string& network, const std::string& user,
+                                 bool is_known) {
+  using Answer = FailureCounter::Answer;
+  std::unique_lock lock(mutex_);
+  while (!is_stopped_) {
     const auto now = FailureCounter::Clock::now();
-    if (!addresses_.Begin(network, now)) {
-      too_many = "address";
-    } else if (is_known && !users_.Begin(user, now)) {
-      too_many = "user";
+    Answer answer = addresses_.Begin(network, now);
+    if (answer == Answer::kTooMany) return "too many failures of the address";
+    if (answer == Answer::kGo && is_known) {
+      answer = users_.Begin(user, now);
+      if (answer != Answer::kGo) addresses_.End(network, answer == Answer::kTooMany);
+      if (answer == Answer::kTooMany) return "too many failures of the user";
     }
+    if (answer == Answer::kGo) return nullptr;
+    changed_.wait(lock);
   }
-  if (too_many != nullptr) {
-    log_(who + " refused: too many failures of the " + too_many);
-    return false;
-  }
-  if (!CheckPassword(*users, user, password)) {
-    log_(who + " refused: unknown user or wrong password");
-    return false;
-  }
+  return "the service ends";
+}
+
+void Authenticator::End(const std::string& network, const std::string& user, bool is_known,
+                        bool has_failed) {
   const std::lock_guard lock(mutex_);
-  addresses_.Forgive(network);
-  users_.Forgive(user);
-  return true;
+  addresses_.End(network, has_failed);
+  if (is_known) users_.End(user, has_failed);
+  changed_.notify_all();
 }
 
 bool Authenticator::CheckPassword(const UserHashes& users, const std::string& user,
@@ -101,12 +127,12 @@ bool Authenticator::CheckPassword(const UserHashes& users, const std::string& us
 void Authenticator::Stop() {
   const std::lock_guard lock(mutex_);
   is_stopped_ = true;
-  stop_.notify_all();
+  changed_.notify_all();
 }
 
 void Authenticator::WaitUntil(FailureCounter::Clock::time_point time) {
   std::unique_lock lock(mutex_);
-  stop_.wait_until(lock, time, [this] { return is_stopped_; });
+  changed_.wait_until(lock, time, [this] { return is_stopped_; });
 }
 
 std::string GetNetwork(const std::string& address) {

@@ -23,16 +23,22 @@ class FailureCounter : public Common::NonCopyable {
   FailureCounter(unsigned int most, Clock::duration window, std::size_t max_names)
       : most_(most), window_(window), max_names_(max_names) {}
 
-  // Counts an attempt as a failure ahead of its end. False when there were too many; it isn't
-  // counted then.
-  bool Begin(const std::string& name, Clock::time_point now);
-  // The attempt was none.
-  void Forgive(const std::string& name);
+  enum class Answer {
+    kGo,       // an attempt is open now
+    kWait,     // were all open ones to fail, there would be too many: ask again when one has ended
+    kTooMany,  // failures there were
+  };
+
+  // Before each attempt; so that many at once aren't more guesses than one after the other.
+  Answer Begin(const std::string& name, Clock::time_point now);
+  // Ends an open attempt.
+  void End(const std::string& name, bool has_failed);
 
  private:
   struct Window {
     Clock::time_point begin;
     unsigned int failures = 0;
+    unsigned int open = 0;
   };
 
   const unsigned int most_;
@@ -72,6 +78,10 @@ class Authenticator : public Common::NonCopyable {
 
  private:
   bool Check(const std::string& user, const std::string& password, const std::string& address);
+  // Waits for its turn where many attempts are open. Tells which counter has refused it, null if
+  // none has.
+  const char* Begin(const std::string& network, const std::string& user, bool is_known);
+  void End(const std::string& network, const std::string& user, bool is_known, bool has_failed);
   // Also for users that aren't there, at the same cost.
   bool CheckPassword(const UserHashes& users, const std::string& user, const std::string& password);
   void WaitUntil(FailureCounter::Clock::time_point time);
@@ -81,8 +91,8 @@ class Authenticator : public Common::NonCopyable {
   const Log log_;
   const std::string nobodys_hash_;
 
-  std::mutex mutex_;  // guards the fields below
-  std::condition_variable stop_;
+  std::mutex mutex_;                 // guards the fields below
+  std::condition_variable changed_;  // an attempt has ended, or all are to
   bool is_stopped_ = false;
   FailureCounter addresses_;
   FailureCounter users_;

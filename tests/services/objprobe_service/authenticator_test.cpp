@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
@@ -13,6 +14,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "core/common/error.h"
 #include "services/objprobe_service/user_file.h"
@@ -143,13 +145,28 @@ TEST(UserName, MakesOneFieldOfALine) {
 }
 
 TEST(FailureCounter, CountsWithinAWindow) {
+  using Answer = FailureCounter::Answer;
   FailureCounter counter(2, milliseconds(100), 3);
   const Clock::time_point start;
-  const auto begin = [&](const char* name, int after) {
+  const auto ask = [&](const char* name, int after) {
     return counter.Begin(name, start + milliseconds(after));
   };
-  EXPECT_TRUE(begin("a", 0));
-  counter.Forgive("a");
+  const auto begin = [&](const char* name, int after) {
+    if (ask(name, after) != Answer::kGo) return false;
+    counter.End(name, true);
+    return true;
+  };
+  // As many are open at once as may fail.
+  EXPECT_EQ(ask("a", 0), Answer::kGo);
+  EXPECT_EQ(ask("a", 0), Answer::kGo);
+  EXPECT_EQ(ask("a", 0), Answer::kWait);
+  EXPECT_EQ(ask("b", 0), Answer::kGo);
+  counter.End("b", false);
+  counter.End("a", false);
+  EXPECT_EQ(ask("a", 0), Answer::kGo);
+  EXPECT_EQ(ask("a", 0), Answer::kWait);
+  counter.End("a", false);
+  counter.End("a", false);
   EXPECT_TRUE(begin("a", 10));
   EXPECT_TRUE(begin("a", 20));
   EXPECT_FALSE(begin("a", 30));
@@ -241,6 +258,28 @@ TEST_F(AuthenticatorTest, RefusesAfterTooManyFailures) {
   EXPECT_FALSE(authenticator->Authenticate("anna", kPassword, "192.0.2.2:5"));
   EXPECT_TRUE(authenticator->Authenticate("bob", kPassword, "192.0.2.2:5"));
   EXPECT_NE(log_.find("refused: too many failures of the user"), std::string::npos);
+}
+
+TEST_F(AuthenticatorTest, ManyAtOnceWaitForEachOther) {
+  limits_.max_failures_of_address = 2;
+  const auto authenticator = Make();
+  std::atomic<int> admitted{0};
+  std::vector<std::thread> clients;
+  for (int i = 0; i < 12; ++i) {
+    clients.emplace_back(
+        [&] { admitted += authenticator->Authenticate("anna", kPassword, "192.0.2.1:5"); });
+  }
+  for (std::thread& client : clients) client.join();
+  EXPECT_EQ(admitted, 12);
+  // Guesses gain nothing by it.
+  clients.clear();
+  for (int i = 0; i < 6; ++i) {
+    clients.emplace_back([&] { authenticator->Authenticate("anna", "no", "192.0.2.1:5"); });
+  }
+  for (std::thread& client : clients) client.join();
+  const std::string guessed = "refused: unknown user or wrong password";
+  const std::size_t first = log_.find(guessed);
+  EXPECT_EQ(log_.find(guessed, log_.find(guessed, first + 1) + 1), std::string::npos) << log_;
 }
 
 TEST_F(AuthenticatorTest, RefusalTakesItsTimeUnlessTheServiceEnds) {
