@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/ptrace.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -38,8 +39,8 @@ std::string ReadToEnd(int descriptor) {
 
 }  // namespace
 
-ProgramResult RunProgram(const std::string& file, const std::vector<std::string>& argv,
-                         const ProgramOptions& options) {
+pid_t StartProgram(const std::string& file, const std::vector<std::string>& argv,
+                   const ProgramOptions& options, const ProgramStreams& streams) {
   std::vector<std::string> environment = options.environment;
   // The leak checker can't work under a debugger.
   if (options.is_debugged) environment.push_back("LSAN_OPTIONS=detect_leaks=0");
@@ -49,18 +50,13 @@ ProgramResult RunProgram(const std::string& file, const std::vector<std::string>
   const std::vector<char*> arguments = MakePointers(argv);
   const std::vector<char*> variables = MakePointers(environment);
 
-  int out[2];
-  EXPECT_EQ(::pipe2(out, O_CLOEXEC), 0);
-  const int err = ::memfd_create("err", MFD_CLOEXEC);
-  const int full = ::open("/dev/full", O_WRONLY | O_CLOEXEC);
-  if (options.sink == Sink::kClosedPipe) ::close(out[0]);
-
   const pid_t child = ::fork();
   if (child == 0) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // never outlives the test
     ::signal(SIGPIPE, SIG_DFL);
-    ::dup2(::open("/dev/null", O_RDONLY), STDIN_FILENO);
-    ::dup2(options.sink == Sink::kFull ? full : out[1], STDOUT_FILENO);
-    ::dup2(err, STDERR_FILENO);
+    ::dup2(streams.in >= 0 ? streams.in : ::open("/dev/null", O_RDONLY), STDIN_FILENO);
+    ::dup2(streams.out, STDOUT_FILENO);
+    ::dup2(streams.err, STDERR_FILENO);
     if (options.sink == Sink::kNone) ::close(STDOUT_FILENO);
     const rlimit no_core{0, 0};
     ::setrlimit(RLIMIT_CORE, &no_core);
@@ -70,6 +66,23 @@ ProgramResult RunProgram(const std::string& file, const std::vector<std::string>
     ::_exit(127);
   }
   EXPECT_GT(child, 0);
+  return child;
+}
+
+int DecodeStatus(int status) {
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
+}
+
+ProgramResult RunProgram(const std::string& file, const std::vector<std::string>& argv,
+                         const ProgramOptions& options) {
+  int out[2];
+  EXPECT_EQ(::pipe2(out, O_CLOEXEC), 0);
+  const int err = ::memfd_create("err", MFD_CLOEXEC);
+  const int full = ::open("/dev/full", O_WRONLY | O_CLOEXEC);
+  if (options.sink == Sink::kClosedPipe) ::close(out[0]);
+
+  const pid_t child = StartProgram(
+      file, argv, options, {.out = options.sink == Sink::kFull ? full : out[1], .err = err});
   ::close(out[1]);
 
   ProgramResult result;
@@ -87,7 +100,7 @@ ProgramResult RunProgram(const std::string& file, const std::vector<std::string>
   if (!options.is_debugged) {
     EXPECT_EQ(::waitpid(child, &status, 0), child);
   }
-  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
+  result.status = DecodeStatus(status);
   ::lseek(err, 0, SEEK_SET);
   result.err = ReadToEnd(err);
   ::close(full);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 #include <vector>
 
@@ -36,5 +38,20 @@ inline ProgramResult RunProgram(const std::string& file, const std::vector<std::
                                 Sink sink) {
   return RunProgram(file, argv, ProgramOptions{.sink = sink});
 }
+
+// Descriptors that a program gets.
+struct ProgramStreams {
+  int in = -1;  // empty input
+  int out = -1;
+  int err = -1;
+};
+
+// Starts it as RunProgram does, but for the sinks, and returns its process, which is the caller's
+// to reap. It is killed when the calling thread ends.
+pid_t StartProgram(const std::string& file, const std::vector<std::string>& argv,
+                   const ProgramOptions& options, const ProgramStreams& streams);
+
+// As in ProgramResult, from what waitpid gives.
+int DecodeStatus(int status);
 
 }  // namespace TestSupport
