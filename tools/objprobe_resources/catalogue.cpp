@@ -117,7 +117,7 @@ Template ReadTemplate(const std::string& name, std::string_view text) {
       throw BadFile(name, entry.line, "The row has another text in the program.");
     }
     if (!numbers.insert(row).second ||
-        !rows.try_emplace(entry.context, row, entry.original).second) {
+        !rows.try_emplace(entry.context, TemplateRow{row, entry.original}).second) {
       throw BadFile(name, entry.line, "The row is there twice.");
     }
   }
