@@ -41,6 +41,15 @@ ServiceCall::ServiceCall(std::unique_ptr<Binding::Request> request)
                   .method_name),
       asked_(WriteElements([&](Serializer& to) { request_->Serialize(to); })) {}
 
+Por::SharedUnit ServiceCall::GetUnit(std::initializer_list<const char*> path) const {
+  const auto from = Serialization::Packets::OpenElements(asked_);
+  from->BeginElement(Serialization::MetaInfo("request_ViewManager_" + method_));
+  for (const char* const name : path) from->BeginElement(Serialization::MetaInfo(name));
+  Por::SharedUnit unit;
+  Por::Serialization::ReadUnit(*from, unit);
+  return unit;
+}
+
 bool ServiceCall::Reply(const std::string& results, const Common::Error& result) {
   std::string elements("<reply_ViewManager_");
   elements.append(method_).append(">");
@@ -205,6 +214,10 @@ void ScriptedService::On(const std::string& method, Script script) {
 void ScriptedService::Answer(const std::string& method, const std::string& results,
                              const Common::Error& result) {
   On(method, [=](const ServiceCallPtr& call) { call->Reply(results, result); });
+}
+
+void ScriptedService::AnswerFarewells() {
+  for (const char* const method : {"CloseView", "RemoveInterest", "Unsubscribe"}) Answer(method);
 }
 
 void ScriptedService::Post(std::function<void()> work) {

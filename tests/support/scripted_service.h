@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <initializer_list>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -32,6 +33,9 @@ class ServiceCall {
 
   const std::string& GetMethod() const { return method_; }  // "AddInterest"
   const std::string& GetAsked() const { return asked_; }    // the elements of the arguments
+  // The argument or field of one that is a unit: in the innermost of these elements, each the first
+  // of its name.
+  Por::SharedUnit GetUnit(std::initializer_list<const char*> path) const;
 
   // Ends on this thread, with a reply that has `result` and behind it these elements.
   bool Reply(const std::string& results = {}, const Common::Error& result = {});
@@ -91,6 +95,8 @@ class ScriptedService {
   // Answers them where they start.
   void Answer(const std::string& method, const std::string& results = {},
               const Common::Error& result = {});
+  // Answers so those that end a view, a channel or a transmission.
+  void AnswerFarewells();
   // Runs on a thread of the service.
   void Post(std::function<void()> work);
 

@@ -8,7 +8,9 @@
 #include "core/common/error.h"
 #include "enterprise/common/dml/tools/objprobe/output.h"
 #include "enterprise/common/por/unit_factory.h"
+#include "enterprise/common/por/unit_operations.h"
 #include "tests/enterprise/common/dml/tools/objprobe/standard_input.h"
+#include "tests/enterprise/common/por/make_unit.h"
 #include "tests/support/client_libraries.h"
 #include "tests/support/scripted_service.h"
 #include "tests/support/trace_recorder.h"
@@ -68,6 +70,26 @@ Por::SharedUnit MakeObject() {
   return unit;
 }
 
+// It asks for the objects of the type "t", with the usual limit, and says where it was made.
+void ExpectQuery(const TestSupport::ServiceCall& call) {
+  using Por::Util::UnitEqual;
+  const bool is_channel = call.GetMethod() == "AddInterest";
+  const Por::SharedUnit pattern = is_channel ? call.GetUnit({"spec", "Interest", "Pattern"})
+                                             : call.GetUnit({"specification", "Pattern"});
+  const Por::SharedUnit options = is_channel ? call.GetUnit({"spec", "Interest", "Options"})
+                                             : call.GetUnit({"specification", "Options"});
+  ASSERT_NE(pattern, nullptr);
+  ASSERT_NE(options, nullptr);
+  EXPECT_TRUE(
+      UnitEqual(*pattern, *Por::Test::With(Por::Test::Composite(), "Is", Por::Test::Text(u"t"))));
+  const auto value = [](const Por::View::Unit& unit, const char* name) -> const Por::View::Unit& {
+    return Por::Util::GetProperty(unit, Por::Name::FromImmortal(name)).GetValue();
+  };
+  EXPECT_TRUE(UnitEqual(value(*options, "LimitOptions"), *Por::Test::DWord(2000)));
+  EXPECT_TRUE(UnitEqual(value(value(*options, "EntryPoint"), "File"),
+                        *Por::Test::Text(u"enterprise/common/dml/tools/objprobe/dml")));
+}
+
 // The character is there from the beginning, so a listen ends behind its snapshot.
 TEST(RunQuery, TakesLeaveOfTheServiceBeforeTheClientStops) {
   using TestSupport::ScriptedService;
@@ -95,13 +117,18 @@ TEST(RunQuery, TakesLeaveOfTheServiceBeforeTheClientStops) {
     {
       ScriptedService service;
       service.interface_version = expected.version;
-      for (const char* const method : {"CloseView", "RemoveInterest", "Unsubscribe"}) {
-        service.Answer(method);
-      }
-      service.Answer("OpenStaticView", TestSupport::OpenViewResults({MakeObject()}));
-      service.Answer("OpenDynamicView", TestSupport::OpenViewResults({MakeObject()}, 8));
+      service.AnswerFarewells();
+      TestSupport::ServiceCallPtr query;
+      const auto answer = [&](const char* method, const std::string& results) {
+        service.On(method, [&query, results](const TestSupport::ServiceCallPtr& call) {
+          query = call;
+          call->Reply(results);
+        });
+      };
+      answer("OpenStaticView", TestSupport::OpenViewResults({MakeObject()}));
+      answer("OpenDynamicView", TestSupport::OpenViewResults({MakeObject()}, 8));
       service.Answer("Subscribe", TestSupport::SubscribeResults(3));
-      service.Answer("AddInterest", TestSupport::AddInterestResults(3, 4, {MakeObject()}));
+      answer("AddInterest", TestSupport::AddInterestResults(3, 4, {MakeObject()}));
       client_libraries.make_access_point = [&] { return service.Connect(); };
       client_libraries.in_deinit = [&] { log = service.GetLog(); };
       StandardInput input;
@@ -111,6 +138,8 @@ TEST(RunQuery, TakesLeaveOfTheServiceBeforeTheClientStops) {
       const std::string head = std::string("<").append(expected.element) +
                                " id=\"00000000-0000-0000-0000-000000000000\"";
       EXPECT_EQ(outcome.text.substr(0, head.size()), head);
+      ASSERT_NE(query, nullptr);
+      ExpectQuery(*query);
     }
     EXPECT_EQ(log, expected.log);
     EXPECT_EQ(client_libraries.events, "init security local connect(46) ~browser deinit ");

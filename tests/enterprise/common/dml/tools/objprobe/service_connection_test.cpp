@@ -122,6 +122,7 @@ TEST(ServiceConnection, KeepsTheWayToAMissingLocalBrowserInTheChain) {
     EXPECT_EQ(error.GetNextError().GetCode(), 0xAD001Fu);
     EXPECT_EQ(error.GetNextError().GetNextError().GetCode(), 0xAD0100u);
   }
+  EXPECT_EQ(client_libraries.events, "local ~browser ");
 }
 
 }  // namespace
