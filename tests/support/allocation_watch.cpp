@@ -12,9 +12,10 @@ struct State {
   unsigned long long failure_count;
   unsigned long long successes_left;
   unsigned long long failures_left;
+  long long live_count;
 };
 // Without a constructor: also allocations before main and at a thread's end come here.
-thread_local constinit State state{0, 0, 0, 0};
+thread_local constinit State state{0, 0, 0, 0, 0};
 
 void* Allocate(std::size_t size) noexcept {
   ++state.count;
@@ -25,7 +26,13 @@ void* Allocate(std::size_t size) noexcept {
     ++state.failure_count;
     return nullptr;
   }
+  ++state.live_count;
   return std::malloc(size != 0 ? size : 1);
+}
+
+void Free(void* block) noexcept {
+  if (block != nullptr) --state.live_count;
+  std::free(block);
 }
 
 void* AllocateOrThrow(std::size_t size) {
@@ -38,11 +45,11 @@ void* AllocateOrThrow(std::size_t size) {
 
 AllocationWatch::AllocationWatch(unsigned long long successes,
                                  unsigned long long failures) noexcept {
-  state = {0, 0, successes, failures};
+  state = {0, 0, successes, failures, 0};
 }
 
 AllocationWatch::~AllocationWatch() {
-  state = {0, 0, 0, 0};
+  state = {0, 0, 0, 0, 0};
 }
 
 unsigned long long AllocationWatch::GetCount() const noexcept {
@@ -51,6 +58,10 @@ unsigned long long AllocationWatch::GetCount() const noexcept {
 
 unsigned long long AllocationWatch::GetFailureCount() const noexcept {
   return state.failure_count;
+}
+
+long long AllocationWatch::GetLiveCount() const noexcept {
+  return state.live_count;
 }
 
 }  // namespace TestSupport
@@ -68,20 +79,20 @@ void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
   return TestSupport::Allocate(size);
 }
 void operator delete(void* block) noexcept {
-  std::free(block);
+  TestSupport::Free(block);
 }
 void operator delete[](void* block) noexcept {
-  std::free(block);
+  TestSupport::Free(block);
 }
 void operator delete(void* block, std::size_t) noexcept {
-  std::free(block);
+  TestSupport::Free(block);
 }
 void operator delete[](void* block, std::size_t) noexcept {
-  std::free(block);
+  TestSupport::Free(block);
 }
 void operator delete(void* block, const std::nothrow_t&) noexcept {
-  std::free(block);
+  TestSupport::Free(block);
 }
 void operator delete[](void* block, const std::nothrow_t&) noexcept {
-  std::free(block);
+  TestSupport::Free(block);
 }

@@ -22,6 +22,9 @@ class AllocationWatch {
   // Of all since the watch began, failed ones included.
   unsigned long long GetCount() const noexcept;
   unsigned long long GetFailureCount() const noexcept;
+  // Of those that succeeded, less what the thread has freed, older things and other threads'
+  // included.
+  long long GetLiveCount() const noexcept;
   bool HasFailed() const noexcept { return GetFailureCount() != 0; }
 };
 

@@ -70,10 +70,11 @@ class ReportCommandBase : public SmartRequestRunner {
         spec_(std::move(spec)),
         reader_(reader) {}
 
+  // The objects end with this call, whatever the reader throws.
   void Succeeded() override {
-    Snapshot& snapshot = GetSnapshot();
+    Snapshot snapshot;
+    snapshot.swap(GetSnapshot());
     if (reader_ != nullptr) ReadObjects(snapshot, *reader_);
-    Snapshot().swap(snapshot);
   }
   std::unique_ptr<Binding::Request> CreateRequest() override { return CreateViewRequest(spec_); }
   // The handler may drop the last reference to this job.
@@ -147,7 +148,7 @@ class OpenDynamicViewCommand final : public SubscriptionCommandBase {
   Snapshot snapshot_;
 };
 
-// Lets go of the dispatcher before the handler is told: the handler's thread may end the post
+// Lets go of the dispatcher before the handler is told: whoever waits for that may end the post
 // office then, and this command must not be the one that keeps a dispatcher beyond that.
 class AddChannelCommand final : public SubscriptionCommandBase {
  public:

@@ -12,8 +12,9 @@ namespace Dml::Client {
 // What it does depends on the version of that interface. With version 1 each subscription is a view
 // of its own. With any other, 0 included, all subscriptions of a connection are channels of one
 // transmission (remote_subscription_dispatcher.h), which starts with the first of them and makes
-// its Subscribe, and those that come meanwhile, block for a round trip. A transmission that has
-// failed stays so.
+// its Subscribe, and those that come meanwhile, block for a round trip: so never subscribe in a
+// reader, in a handler or elsewhere on a thread of the library, which would wait for itself. A
+// transmission that has failed stays so.
 //
 // The service gets the caller's specification with other options: a copy of them, with
 // "LimitOptions" 2000 (DWord) if they have none, and "EntryPoint", in place of one that they have:
@@ -24,8 +25,8 @@ namespace Dml::Client {
 // The objects of a report and of the snapshot of a subscription come on the thread that completes
 // the request, one after the other, before the subscription exists and the handler is told. Objects
 // that a reply lacks or holds in bad form are traced as if the reader had raised and passed over.
-// A failure is told to the handler; that of a transmission within Subscribe, which returns no job
-// then.
+// Without a reader nobody looks at the objects, and none is traced. A failure is told to the
+// handler; that of a transmission within Subscribe, which returns no job then.
 //
 // The end of the post office ends its transmissions, whoever else refers to them, and waits for
 // that. It must not come on a thread that calls a reader or handler of its own. All its jobs are

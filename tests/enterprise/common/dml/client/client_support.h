@@ -80,6 +80,18 @@ class TellingHandler final : public Async::ActionHandler {
   std::optional<Common::Error> result_;
 };
 
+// Notes numbers, for example "+1+2", then does something.
+class NotingObjects final : public ReportReader {
+ public:
+  using ReportReader::Read;
+  void Read(const Por::View::Unit& object) override {
+    read.append("+").append(std::to_string(Por::Util::GetValue<unsigned int>(object)));
+    if (in_read) in_read();
+  }
+  std::string read;
+  std::function<void()> in_read;
+};
+
 // Notes kinds and numbers, for example "+1*1,2-1", unless in_read raises.
 class NotingChanges final : public SubscriptionReader {
  public:
@@ -142,6 +154,16 @@ inline ViewUpdate Created(unsigned int channel, unsigned int value) {
 inline ViewUpdate Mark(unsigned int channel, const char* mark, Por::OwnedUnit unit = Number(0)) {
   return Created(Por::SharedUnit(
       InChannel(channel, Marked(std::move(unit), mark, Por::GetStaticUnitFactory()->CreateNil()))));
+}
+
+inline std::string Element(const std::string& name, const std::string& content) {
+  std::string element("<");
+  return element.append(name).append(">").append(content).append("</").append(name).append(">");
+}
+// A reply of the method whose "result" is success.
+inline std::string ReplyOf(const char* method, const std::string& results) {
+  return Element(std::string("reply_ViewManager_").append(method),
+                 std::string("<result>AQ==</result>").append(results));
 }
 
 }  // namespace Dml::Client::Testing

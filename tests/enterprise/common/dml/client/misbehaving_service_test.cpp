@@ -46,24 +46,13 @@ std::string Describe(Common::Error error) {
   return text.str();
 }
 
-class NotingObjects final : public ReportReader {
- public:
-  using ReportReader::Read;
-  void Read(const Por::View::Unit& object) override {
-    read.append("+").append(std::to_string(Por::Util::GetValue<unsigned int>(object)));
-  }
-  std::string read;
-};
-
 // A service that does as it should: objects 1 and 2, then nothing. Scripts take over from here.
 void Behave(ScriptedService& service) {
   service.Answer("OpenStaticView", OpenViewResults({Number(1), Number(2)}));
   service.Answer("OpenDynamicView", OpenViewResults({Number(1), Number(2)}, 8));
   service.Answer("Subscribe", SubscribeResults(3));
   service.Answer("AddInterest", AddInterestResults(3, 4, {Number(1), Number(2)}));
-  for (const char* const method : {"CloseView", "RemoveInterest", "Unsubscribe"}) {
-    service.Answer(method);
-  }
+  service.AnswerFarewells();
 }
 
 // Answers the calls of a method with these replies, each on a thread of the service, and then
@@ -167,15 +156,6 @@ std::string Report(const Script& script) {
   }
 }
 
-std::string Element(const std::string& name, const std::string& content) {
-  std::string element("<");
-  return element.append(name).append(">").append(content).append("</").append(name).append(">");
-}
-// A reply of the method whose "result" is success.
-std::string ReplyOf(const char* method, const std::string& results) {
-  return Element(std::string("reply_ViewManager_").append(method),
-                 std::string("<result>AQ==</result>").append(results));
-}
 constexpr char kNoUnit[] = "<item><is_empty>0</is_empty><value></value></item>";
 constexpr char kCutUnit[] = "<item><is_empty>0</is_empty><value>VQYHAAAA</value></item>";
 
