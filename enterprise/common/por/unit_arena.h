@@ -47,6 +47,10 @@ class Arena {
     return new (Allocate(sizeof(T))) T(std::forward<Arguments>(arguments)...);
   }
 
+  // Bytes that were given out, with what the chunks themselves take and what was left of former
+  // ones.
+  std::size_t GetTaken() const { return chunks_->total - static_cast<std::size_t>(end_ - at_); }
+
   // Has `function` called with `object` when the arena is released with its cleanups. Taken before
   // the object holds anything: throws std::bad_alloc.
   void OnRelease(void (*function)(void* object), void* object) {

@@ -27,8 +27,19 @@ static_assert(std::endian::native == std::endian::little, "numbers are read as t
 // Deeper trees take the long way: this one recurses.
 constexpr unsigned int kDeepest = 32;
 
-// Bytes of nodes for a byte of stream, about, in halves.
-constexpr std::size_t kNodeBytesInHalves = 7;
+// Bytes of nodes for a byte of stream, in sixteenths: what is expected at first and at most. Then
+// it is what trees took lately on this thread, as those of one reply or store are alike: room that
+// is not used costs almost as much as the rest.
+constexpr std::size_t kFirstNodeBytes = 7 * 8;
+constexpr std::size_t kMostNodeBytes = 2 * kFirstNodeBytes;
+thread_local std::size_t node_bytes = kFirstNodeBytes;
+
+// Up at once and slowly down: a further chunk costs more than some room.
+void AdaptNodeBytes(std::size_t size, std::size_t taken) {
+  const std::size_t now = std::min(taken * 16 / size + 1, kMostNodeBytes);
+  node_bytes = std::max(now, node_bytes - node_bytes / 16);
+}
+
 // Larger streams may hold large texts and few nodes: their arena grows with what is found.
 constexpr std::size_t kMostExpected = 16 << 10;
 
@@ -314,13 +325,17 @@ class Reader {
 OwnedUnit ReadWellFormed(const unsigned char* data, std::size_t size) {
   if (size < 3 || data[0] != kUnitBegin || data[1] != kComposite) return nullptr;
   Por::Detail::Arena first(sizeof(Por::Detail::ArenaRoot) +
-                           std::min(size, kMostExpected) * kNodeBytesInHalves / 2);
+                           std::min(size, kMostExpected) * node_bytes / 16);
   // The root fits into the arena's first chunk; from here on it owns the arena.
   void* const place = first.Allocate(sizeof(Por::Detail::ArenaRoot));
   Por::Detail::ArenaRoot* const root = new (place) Por::Detail::ArenaRoot(first);
   OwnedUnit owner(root);
   Reader reader(data, size, root->GetArena());
-  return reader.ReadRoot(data + 2, *root) ? std::move(owner) : nullptr;
+  if (!reader.ReadRoot(data + 2, *root)) return nullptr;
+  if (size <= kMostExpected) {
+    AdaptNodeBytes(size, root->GetArena().GetTaken() - sizeof(Por::Detail::ArenaRoot));
+  }
+  return owner;
 }
 
 }  // namespace Por::Util::UnitStream
