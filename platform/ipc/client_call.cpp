@@ -1,6 +1,7 @@
 #include "platform/ipc/client_call.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <exception>
 #include <new>
 #include <utility>
@@ -56,13 +57,24 @@ Common::Error ClientCall::Execute() {
   Common::Error error = Send(nullptr);
   if (error.IsFailure()) return error;
   connection_->GetCore()->NoteBlocked();
-  {
-    std::unique_lock lock(mutex_);
-    end_.wait(lock, [&] { return has_ended_; });
+  if (!WaitForEnd(Clock::now() + connection_->GetAnswerTime())) {
+    // Unless a reply comes first: then that is the end. One of the two is.
+    connection_->Cancel(*this, Guard([] {
+      return MakeSystemError(kNotAnswered, ETIMEDOUT, kSource.At("Execute", 25));
+    }));
+    WaitForEnd(Clock::time_point::max());
   }
   error = Conclude();
   connection_->GetCore()->EndCall();
   return error;
+}
+
+bool ClientCall::WaitForEnd(Clock::time_point deadline) {
+  std::unique_lock lock(mutex_);
+  const auto has_ended = [&] { return has_ended_; };
+  if (deadline != Clock::time_point::max()) return end_.wait_until(lock, deadline, has_ended);
+  end_.wait(lock, has_ended);
+  return true;
 }
 
 Common::Error ClientCall::Start(JobManagement::JobHandler* handler) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
@@ -47,6 +48,8 @@ class ClientCall final : public PoolTask, public std::enable_shared_from_this<Cl
 
   void Run() override;  // tells the handler
   Common::Error Send(JobManagement::JobHandler* handler);
+  // False: it has not come by then.
+  bool WaitForEnd(std::chrono::steady_clock::time_point deadline);
   Common::Error Conclude();
   Common::Error ReadReply();
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
@@ -51,6 +52,7 @@ class ClientConnection final : public Connection {
   void Cancel(ClientCall& call, const Common::Error& error);
 
   const std::shared_ptr<ClientCore>& GetCore() const { return core_; }
+  std::chrono::milliseconds GetAnswerTime() const { return GetLimits().answer; }
 
  private:
   void OnReady() override;

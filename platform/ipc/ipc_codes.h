@@ -94,6 +94,7 @@ inline constexpr IpcFailure kInputFull{0xAD0154,
 inline constexpr IpcFailure kNoAnswer{0xAD0155, "The service dropped the call unanswered."};
 inline constexpr IpcFailure kUnknownInterface{0xAD0156,
                                               "The service does not have this interface."};
+inline constexpr IpcFailure kNotAnswered{0xAD0157, "The service did not answer the call in time."};
 
 // `detail`, if there is one, stands behind the failure's text: "text (detail)".
 Common::Error MakeError(const IpcFailure& failure, const Common::LineTag& tag,

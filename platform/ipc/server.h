@@ -95,6 +95,7 @@ struct Limits {
   std::chrono::milliseconds handshake{10'000};    // from the connection to its welcome
   std::chrono::milliseconds heartbeat{15'000};    // of silence before a ping
   std::chrono::milliseconds idle{45'000};         // of silence before the peer is given up
+  std::chrono::milliseconds answer{60'000};       // that a client's thread waits for an answer
 };
 
 // Listens for clients. Made, told to listen and stopped on one thread.

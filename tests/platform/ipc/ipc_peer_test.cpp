@@ -210,9 +210,12 @@ class FakeService {
 // A client, and a folder where a fake service may be.
 class IpcClientPeer : public testing::Test {
  protected:
-  IpcClientPeer() {
+  IpcClientPeer() { StartClient(Limits().answer); }
+
+  void StartClient(std::chrono::milliseconds answer) {
     ClientOptions options;
     options.limits = MakeQuickLimits();
+    options.limits.answer = answer;
     options.limits.handshake = std::chrono::milliseconds(1000);
     options.limits.max_reply_size = 1000;
     options.runtime_directory = folder_.GetPath();
@@ -317,6 +320,30 @@ TEST_F(IpcClientPeer, CallsEndInErrorsOfTheirOwnAndInTime) {
     is_done = true;
     ::unlink(GetSocket().c_str());
   }
+}
+
+TEST_F(IpcClientPeer, ACallThatAThreadWaitsForFailsInTimeAndTheConnectionGoesOn) {
+  FakeService service(GetSocket(), [&](RawPeer& peer) {
+    EXPECT_TRUE(peer.Receive());
+    peer.Send(RawPeer::MakeWelcome());
+    EXPECT_TRUE(peer.Receive());
+    const auto cancel = peer.Receive();
+    EXPECT_TRUE(cancel && cancel->kind == FrameKind::kCancel && cancel->call_id == 1);
+    const auto second = peer.Receive();
+    EXPECT_TRUE(second && second->kind == FrameKind::kRequest && second->call_id == 2);
+    const Buffer fault = EncodeError(Common::Error(kFaultCode, Common::LineTag()));
+    peer.SendFrame(FrameKind::kReply, 1, ReplyStart(1, 1));  // late
+    peer.SendFrame(FrameKind::kFault, 2, fault);
+    EXPECT_TRUE(peer.WaitForEnd());
+  });
+  StartClient(std::chrono::milliseconds(150));
+  std::unique_ptr<Binding::AccessPoint> access_point;
+  ASSERT_EQ(Connect(access_point).GetCode(), 0u);
+  const Common::Error error = Call(*access_point, kEcho);
+  EXPECT_EQ(error.GetCode(), kNotAnswered.code);
+  EXPECT_TRUE(error.HoldsCode(Common::kPosixErrorCode));
+  EXPECT_EQ(Call(*access_point, kEcho).GetCode(), kFaultCode);
+  access_point.reset();
 }
 
 TEST_F(IpcClientPeer, AHeartbeatKeepsAQuietConnection) {
