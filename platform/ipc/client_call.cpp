@@ -112,9 +112,9 @@ Common::Error ClientCall::Send(JobManagement::JobHandler* handler) {
 }
 
 void ClientCall::Cancel() {
-  Use former = Use::kIsNew;
-  if (use_.compare_exchange_strong(former, Use::kIsCancelled)) return;
-  connection_->Cancel(*this, MakeError(kCancelled, kSource.At("Cancel", 70)));
+  // One that isn't open yet is found cancelled when it is to be opened.
+  if (use_.exchange(Use::kIsCancelled) != Use::kIsStarted) return;
+  connection_->Cancel(*this, Guard([] { return MakeError(kCancelled, kSource.At("Cancel", 70)); }));
 }
 
 void ClientCall::BeginReply(std::uint64_t size) {

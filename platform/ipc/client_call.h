@@ -31,8 +31,11 @@ class ClientCall final : public PoolTask, public std::enable_shared_from_this<Cl
   Common::Error Start(JobManagement::JobHandler* handler);
   void Cancel();
 
+  // Under the lock of the connection's open calls; 0 until it is one of them.
   std::uint64_t GetId() const { return id_; }
-  void SetId(std::uint64_t id) { id_ = id; }  // before it is open
+  void SetId(std::uint64_t id) { id_ = id; }
+  // Whether a cancel has come, be it before the call was open.
+  bool IsCancelled() const { return use_ == Use::kIsCancelled; }
 
   // On the loop's thread, while it is open. They throw std::bad_alloc. False: more than announced.
   void BeginReply(std::uint64_t size);

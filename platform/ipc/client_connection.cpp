@@ -61,6 +61,7 @@ Common::Error ClientConnection::Send(const std::shared_ptr<ClientCall>& call,
   {
     const std::lock_guard lock(calls_mutex_);
     if (!has_ended_) {
+      if (call->IsCancelled()) return MakeError(kCancelled, kSource.At("Send", 35));
       if (calls_.size() >= GetLimits().max_calls) {
         return MakeError(kTooManyCalls, kSource.At("Send", 40));
       }
@@ -78,7 +79,12 @@ Common::Error ClientConnection::Send(const std::shared_ptr<ClientCall>& call,
   } catch (const std::bad_alloc&) {
     error = Common::Error::OutOfMemory();
   }
-  if (sending == Sending::kSent) return Common::Error();
+  if (sending == Sending::kSent) {
+    // A cancel that came before the packet was to be sent has found nothing to drop, and has told
+    // the server of a call that it didn't know yet.
+    if (call->IsCancelled() && Find(id) == nullptr) CancelSent(id);
+    return Common::Error();
+  }
   if (sending == Sending::kFull) error = MakeError(kOutputFull, kSource.At("Send", 50));
   // The connection is about to end, and may have told the call already.
   if (Take(id) == nullptr) return Common::Error();
@@ -89,18 +95,27 @@ Common::Error ClientConnection::Send(const std::shared_ptr<ClientCall>& call,
 }
 
 void ClientConnection::Cancel(ClientCall& call, const Common::Error& error) {
-  Abandon(call.GetId(), error);
+  std::uint64_t id = 0;
+  {
+    const std::lock_guard lock(calls_mutex_);
+    id = call.GetId();
+  }
+  Abandon(id, error);
 }
 
 void ClientConnection::Abandon(std::uint64_t call_id, const Common::Error& error) {
   const std::shared_ptr<ClientCall> call = Take(call_id);
   if (call == nullptr) return;
+  CancelSent(call_id);
+  call->End(error);
+}
+
+void ClientConnection::CancelSent(std::uint64_t call_id) {
   try {
     if (DropPacket(call_id)) SendMessage(FrameKind::kCancel, call_id);
   } catch (const std::bad_alloc&) {
     // The server answers for nothing then.
   }
-  call->End(error);
 }
 
 std::shared_ptr<ClientCall> ClientConnection::Find(std::uint64_t call_id) const {

@@ -46,7 +46,8 @@ class ClientConnection final : public Connection {
   // Success, or kNotConnected with the reason of the end.
   Common::Error CheckConnected() const;
 
-  // Opens the call and sends its packet. A failure: the call isn't open, and is told nothing.
+  // Opens the call and sends its packet, unless it was cancelled before. A failure: the call isn't
+  // open, and is told nothing.
   Common::Error Send(const std::shared_ptr<ClientCall>& call, OutgoingPacket packet);
   // Ends the call if it is open.
   void Cancel(ClientCall& call, const Common::Error& error);
@@ -68,6 +69,8 @@ class ClientConnection final : public Connection {
   std::shared_ptr<ClientCall> Take(std::uint64_t call_id);
   // Ends a call that is open on the server, too.
   void Abandon(std::uint64_t call_id, const Common::Error& error);
+  // Takes back what was sent of a call, or tells the server.
+  void CancelSent(std::uint64_t call_id);
 
   const std::shared_ptr<ClientCore> core_;
   std::vector<unsigned char> hello_;  // wiped when it was sent

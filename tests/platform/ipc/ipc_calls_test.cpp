@@ -173,6 +173,60 @@ TEST(IpcCalls, ACancelEndsTheCallHereAndTellsTheService) {
   EXPECT_TRUE(handler.IsTold());
 }
 
+// Waits in the middle of being written.
+class SlowRequest final : public Binding::Detail::RequestBase {
+ public:
+  SlowRequest(std::latch& begun, std::latch& go)
+      : RequestBase(TextRequest(kWaiting, "", nullptr).GetMethodInfo()), begun_(begun), go_(go) {}
+  void WriteArguments(Serialization::Serializer&) const override {
+    begun_.count_down();
+    go_.wait();
+  }
+  void ReadResults(Serialization::Deserializer&) override {}
+
+ private:
+  std::latch& begun_;
+  std::latch& go_;
+};
+
+TEST(IpcCalls, ACancelDuringTheStartIsNotLost) {
+  LocalPair pair;
+  const auto access_point = pair.Connect();
+  std::latch begun(1);
+  std::latch go(1);
+  JobPointer slow;
+  ASSERT_EQ(access_point->CreateJob(std::make_unique<SlowRequest>(begun, go), slow).GetCode(), 0u);
+  WaitingJobHandler handler;
+  std::uint32_t code = 0;
+  std::jthread starter([&] { code = slow->Start(&handler).GetCode(); });
+  begun.wait();
+  EXPECT_EQ(slow->Cancel().GetCode(), 0u);
+  go.count_down();
+  starter.join();
+  EXPECT_EQ(code, kCancelled.code);
+  EXPECT_FALSE(handler.HasEnded());
+
+  // At any other time of the start: what has come to the service is told its cancel.
+  for (int i = 0; i < 300; ++i) {
+    WaitingJobHandler raced;
+    const JobPointer job = MakeJob(*access_point, kWaiting, "text");
+    std::atomic<bool> starts = false;
+    std::jthread canceller([&] {
+      starts.wait(false);
+      for (int spin = 0; spin < i * 100; ++spin)
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+      job->Cancel();
+    });
+    starts = true;
+    starts.notify_one();
+    const std::uint32_t started = job->Start(&raced).GetCode();
+    EXPECT_EQ(started != 0 ? started : raced.Wait().GetCode(), kCancelled.code);
+  }
+  EXPECT_EQ(Call(*access_point, kEcho).GetCode(), 0u);
+  const int waiting = pair.host.Read(pair.host.calls) - 1;
+  EXPECT_TRUE(pair.host.WaitFor(pair.host.cancelled, waiting));
+}
+
 TEST(IpcCalls, CancelsThatMeetRepliesEndEachCallOnce) {
   LocalPair pair;
   const auto access_point = pair.Connect();
