@@ -188,7 +188,16 @@ bool Connection::OnMessage(FrameKind kind, std::uint64_t call_id, Bytes payload)
 }
 
 void Connection::Tick() {
+  bool has_failed = false;
   const Clock::time_point now = Clock::now();
+  {
+    const std::lock_guard lock(mutex_);
+    has_failed = write_error_.IsFailure();
+  }
+  if (has_failed) {
+    CheckWrites();
+    return;
+  }
   if (finish_by_ != Clock::time_point()) {
     if (now >= finish_by_) {
       End(MakeError(kLeft, kSource.At("Tick", 60)), false);
@@ -310,7 +319,11 @@ void Connection::FailWriting(const Common::Error& error) {
   waiting_size_ = 0;
   messages_.clear();
   wire_ = Wire();
-  loop_.Post([self = shared_from_this()] { self->Do(&Connection::CheckWrites); });
+  try {
+    loop_.Post([self = shared_from_this()] { self->Do(&Connection::CheckWrites); });
+  } catch (const std::bad_alloc&) {
+    // The next look at the time limits finds it.
+  }
 }
 
 void Connection::CheckWrites() {
@@ -344,6 +357,15 @@ void Connection::WriteOn() {
 
 void Connection::Pump() {
   if (!socket_ || waits_writable_ || write_error_.IsFailure()) return;
+  try {
+    Write();
+  } catch (const std::exception&) {
+    // What was to be sent next may be lost, so nothing may follow.
+    FailWriting(Common::Error::OutOfMemory());
+  }
+}
+
+void Connection::Write() {
   for (;;) {
     if (wire_.IsEmpty() && !FillWire()) break;
     iovec parts[2] = {
@@ -382,19 +404,23 @@ void Connection::Pump() {
 }
 
 bool Connection::FillWire() {
-  if (!has_filter_) return FillPlainWire();
+  wire_ = Wire();
+  if (!has_filter_) return FillPlainWire(wire_);
+  // The wire gets nothing but what is encrypted.
   encrypted_.clear();
   filter_->TakeOutput(encrypted_);
-  if (encrypted_.empty() && is_encrypting_ && FillPlainWire() && !Encrypt()) return false;
-  wire_ = Wire();
+  if (encrypted_.empty() && is_encrypting_) {
+    Wire plain;
+    if (FillPlainWire(plain) && !Encrypt(plain)) return false;
+  }
   wire_.body = encrypted_;
   return !encrypted_.empty();
 }
 
-bool Connection::Encrypt() {
+bool Connection::Encrypt(const Wire& plain) {
   Common::Error error;
-  if (!filter_->Write(Bytes(wire_.head).first(wire_.head_size), error) ||
-      !filter_->Write(wire_.body, error)) {
+  if (!filter_->Write(Bytes(plain.head).first(plain.head_size), error) ||
+      !filter_->Write(plain.body, error)) {
     FailWriting(error);
     return false;
   }
@@ -403,14 +429,13 @@ bool Connection::Encrypt() {
   return true;
 }
 
-bool Connection::FillPlainWire() {
-  wire_ = Wire();
+bool Connection::FillPlainWire(Wire& wire) {
   if (std::exchange(owes_pong_, false)) AppendMessage(FrameKind::kPong, 0, {});
   if (std::exchange(owes_ping_, false)) AppendMessage(FrameKind::kPing, 0, {});
   if (!messages_.empty()) {
     messages_on_wire_.clear();
     messages_on_wire_.swap(messages_);
-    wire_.body = messages_on_wire_;
+    wire.body = messages_on_wire_;
     return true;
   }
   if (packets_.empty()) return false;
@@ -425,9 +450,9 @@ bool Connection::FillPlainWire() {
   }
   const std::size_t left = static_cast<std::size_t>(packet.start.size) - packet.sent;
   const std::size_t part = std::min(room, left);
-  wire_.head_size = PutPacketHead(wire_.head.data(), kind, packet.start, part);
-  wire_.body = {packet.data + packet.sent, part};
-  wire_.owner = packet.owner;
+  wire.head_size = PutPacketHead(wire.head.data(), kind, packet.start, part);
+  wire.body = {packet.data + packet.sent, part};
+  wire.owner = packet.owner;
   packet.has_begun = true;
   packet.sent += part;
   waiting_size_ -= part;

@@ -105,10 +105,11 @@ class Connection : public FrameSink, public std::enable_shared_from_this<Connect
   Common::Error MakeLostError(int errnum, const Common::LineTag& tag) const;
 
   // With the lock held.
-  void Pump();
+  void Pump();  // does not throw: a failure to allocate is one to write
+  void Write();
   bool FillWire();
-  bool FillPlainWire();
-  bool Encrypt();
+  bool FillPlainWire(Wire& wire);
+  bool Encrypt(const Wire& plain);
   void AppendMessage(FrameKind kind, std::uint64_t call_id, Bytes payload);
   void FailWriting(const Common::Error& error);
 

@@ -102,6 +102,12 @@ class RawPeer {
       if (frame.kind != FrameKind::kPing && frame.kind != FrameKind::kPong) return frame;
     }
   }
+  // Everything up to the end.
+  Buffer ReadAll() {
+    Buffer all;
+    for (Buffer byte = Read(1); !byte.empty(); byte = Read(1)) all.push_back(byte[0]);
+    return all;
+  }
   // Reads up to the end. False if it doesn't come for a long time.
   bool WaitForEnd() {
     for (;;) {
