@@ -157,7 +157,7 @@ bool Connection::TakeEncrypted(Bytes bytes) {
     if (!is_welcomed_) Wipe(decrypted_);  // may have been a password
     if (!goes_on) return false;
   }
-  End(error, false);
+  End(error.IsFailure() ? error : MakeLostError(0, kSource.At("TakeEncrypted", 40)), false);
   return false;
 }
 

@@ -24,7 +24,8 @@ class TlsFilter : public Common::NonCopyable {
   virtual void Feed(std::span<const unsigned char> bytes) = 0;
   // Goes on with the handshake as far as the bytes that came allow. kAgain: there may be output.
   virtual Step Handshake(Common::Error& error) = 0;
-  // Decrypts as much as there is and fits; 0 when more has to be fed. False: `error` says why.
+  // Decrypts as much as there is and fits; 0 when more has to be fed. False: nothing follows;
+  // `error` says why, unless that is the peer's orderly end.
   virtual bool Read(std::span<unsigned char> to, std::size_t& size, Common::Error& error) = 0;
   // Encrypts all of the bytes. Behind the handshake.
   virtual bool Write(std::span<const unsigned char> bytes, Common::Error& error) = 0;

@@ -92,8 +92,9 @@ class OpenSslFilter final : public TlsFilter {
         continue;
       }
       const int reason = ::SSL_get_error(ssl_.get(), result);
-      // Behind its orderly end the peer sends nothing; the socket's end follows.
-      if (reason == SSL_ERROR_WANT_READ || reason == SSL_ERROR_ZERO_RETURN) return true;
+      if (reason == SSL_ERROR_WANT_READ) return true;
+      // Nothing that comes behind the peer's orderly end would ever be taken out of `input_`.
+      if (reason == SSL_ERROR_ZERO_RETURN) return false;
       error = MakeReasonedError(kTlsFailed, TakeReason(), kSource.At("Read", 30));
       return false;
     }

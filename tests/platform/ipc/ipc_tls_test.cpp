@@ -276,24 +276,47 @@ TEST(IpcHostAddress, IsANameOrAnAddressWithOrWithoutAPort) {
   }
 }
 
-// Talks TLS of one version to the server, and nothing above it. Whether the handshake succeeds.
-bool ShakeHands(std::uint16_t port, int version) {
-  UniqueDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (::connect(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-    return false;
+// A client that talks TLS, and nothing above it but what a test says.
+class TlsPeer {
+ public:
+  TlsPeer(std::uint16_t port, int version)
+      : socket_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)),
+        context_(::SSL_CTX_new(::TLS_client_method()), ::SSL_CTX_free),
+        ssl_(nullptr, ::SSL_free) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+      return;
+    }
+    ::SSL_CTX_set_security_level(context_.get(), 0);
+    ::SSL_CTX_set_min_proto_version(context_.get(), version);
+    ::SSL_CTX_set_max_proto_version(context_.get(), version);
+    ssl_.reset(::SSL_new(context_.get()));
+    ::SSL_set_fd(ssl_.get(), socket_);
+    is_ready_ = ::SSL_connect(ssl_.get()) == 1;
   }
-  const std::unique_ptr<SSL_CTX, decltype(&::SSL_CTX_free)> context(
-      ::SSL_CTX_new(::TLS_client_method()), ::SSL_CTX_free);
-  ::SSL_CTX_set_security_level(context.get(), 0);
-  ::SSL_CTX_set_min_proto_version(context.get(), version);
-  ::SSL_CTX_set_max_proto_version(context.get(), version);
-  const std::unique_ptr<SSL, decltype(&::SSL_free)> ssl(::SSL_new(context.get()), ::SSL_free);
-  ::SSL_set_fd(ssl.get(), socket.Get());
-  return ::SSL_connect(ssl.get()) == 1;
+
+  // Whether the handshake has succeeded.
+  explicit operator bool() const { return is_ready_; }
+  bool Send(const RawPeer::Buffer& bytes) {
+    return ::SSL_write(ssl_.get(), bytes.data(), static_cast<int>(bytes.size())) > 0;
+  }
+  void SendEnd() { ::SSL_shutdown(ssl_.get()); }
+  // Without TLS from here on.
+  RawPeer& GetRaw() { return raw_; }
+
+ private:
+  const int socket_;
+  RawPeer raw_{UniqueDescriptor(socket_)};
+  std::unique_ptr<SSL_CTX, decltype(&::SSL_CTX_free)> context_;
+  std::unique_ptr<SSL, decltype(&::SSL_free)> ssl_;
+  bool is_ready_ = false;
+};
+
+bool ShakeHands(std::uint16_t port, int version) {
+  return static_cast<bool>(TlsPeer(port, version));
 }
 
 TEST_F(IpcTls, ServersSpeakNoOldVersionsAndNoPlainText) {
@@ -307,6 +330,22 @@ TEST_F(IpcTls, ServersSpeakNoOldVersionsAndNoPlainText) {
   ASSERT_TRUE(plain.Send(RawPeer::MakeHello(kServiceId)));
   EXPECT_TRUE(plain.WaitForEnd());
   EXPECT_EQ(host_.Read(host_.opened), 0);
+  EXPECT_EQ(Connect().GetCode(), 0u);
+}
+
+TEST_F(IpcTls, NothingIsTakenBehindAPeersOrderlyEnd) {
+  for (const int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
+    TlsPeer peer(port_, version);
+    ASSERT_TRUE(peer);
+    const auto begin = std::chrono::steady_clock::now();
+    peer.SendEnd();
+    const RawPeer::Buffer bytes(1 << 20, 'x');
+    while (peer.GetRaw().Send(bytes) &&
+           std::chrono::steady_clock::now() - begin < std::chrono::seconds(5)) {
+    }
+    EXPECT_TRUE(peer.GetRaw().WaitForEnd());
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
+  }
   EXPECT_EQ(Connect().GetCode(), 0u);
 }
 
