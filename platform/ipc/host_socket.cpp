@@ -249,4 +249,18 @@ std::string GetPeerAddress(int descriptor) {
                                        : std::string(host).append(":").append(port);
 }
 
+std::string GetPeerNetwork(int descriptor) {
+  sockaddr_storage address{};
+  socklen_t size = sizeof address;
+  if (::getpeername(descriptor, reinterpret_cast<sockaddr*>(&address), &size) != 0)
+    return "unknown";
+  if (address.ss_family != AF_INET6) {
+    const in_addr& four = reinterpret_cast<const sockaddr_in&>(address).sin_addr;
+    return {reinterpret_cast<const char*>(&four), sizeof four};
+  }
+  const in6_addr& six = reinterpret_cast<const sockaddr_in6&>(address).sin6_addr;
+  const char* const bytes = reinterpret_cast<const char*>(six.s6_addr);
+  return IN6_IS_ADDR_V4MAPPED(&six) ? std::string(bytes + 12, 4) : std::string(bytes, 8);
+}
+
 }  // namespace Platform::Ipc

@@ -37,4 +37,8 @@ void SetHostOptions(int descriptor);
 // The address of the other end, for messages.
 std::string GetPeerAddress(int descriptor);
 
+// What the connections of one network have in common: the address of the other end in binary form,
+// of IPv6 the first 64 bits, which is what one party usually has.
+std::string GetPeerNetwork(int descriptor);
+
 }  // namespace Platform::Ipc

@@ -32,8 +32,12 @@ constexpr Common::SourceFile kSource{"platform/ipc/server"};
 
 // Who logs in is checked by slow hashes, so that only so many are at it at a time.
 constexpr std::size_t kMaxOpenings = 32;
-// Beyond those that are let in, connections that are still to be told that there are too many.
-constexpr std::size_t kMaxStrangers = 128;
+// Connections that haven't been welcomed: all of them, and those of one network or of one user that
+// isn't admitted. They don't count among the others, whom they must not keep out.
+constexpr std::size_t kMaxStrangers = 256;
+constexpr std::size_t kMaxStrangersOfNetwork = 64;
+// Beyond the connections that are let in, those that are still to be told that there are too many.
+constexpr std::size_t kMaxSurplus = 128;
 constexpr int kMaxAccepts = 32;
 constexpr std::chrono::milliseconds kAcceptPause{100};
 
@@ -64,7 +68,8 @@ class ServerImpl final : public Server, public ServerCore {
 
   ServiceHost& GetHost() override { return host_; }
   Delivery& GetDelivery() override { return delivery_; }
-  void PostOpening(std::function<void()> task) override;
+  void PostOpening(std::shared_ptr<ServerConnection> connection) override;
+  void NoteWelcomed(Connection& connection) override;
   bool Enter() override;
   void Leave() override;
   std::uint32_t MakeConnectionKey() override;
@@ -72,7 +77,8 @@ class ServerImpl final : public Server, public ServerCore {
 
  private:
   void Add(std::unique_ptr<Listener> listener);
-  void EndOpening();
+  void RunOpenings(std::shared_ptr<ServerConnection> connection);  // on the pool
+  void EndStranger(std::string& network);                          // with the lock held
   // On the loop's thread.
   void WaitAccept(Listener& listener);
   void Accept(Listener& listener);
@@ -87,10 +93,16 @@ class ServerImpl final : public Server, public ServerCore {
   bool is_stopped_ = false;
 
   std::mutex mutex_;  // guards what follows
-  std::map<Connection*, std::shared_ptr<ServerConnection>> connections_;
+  struct Entry {
+    std::shared_ptr<ServerConnection> connection;
+    std::string network;  // of a stranger, else empty
+  };
+  std::map<Connection*, Entry> connections_;
+  std::map<std::string, std::size_t> strangers_;  // by their network
+  std::size_t stranger_count_ = 0;
   std::size_t entered_ = 0;
-  std::size_t openings_ = 0;
-  std::deque<std::function<void()>> waiting_openings_;
+  std::size_t openings_ = 0;  // of remote connections, that run
+  std::deque<std::shared_ptr<ServerConnection>> waiting_openings_;  // of connections that are open
   std::uint32_t next_key_;
 };
 
@@ -166,6 +178,7 @@ void ServerImpl::Accept(Listener& listener) {
 void ServerImpl::Admit(Listener& listener, UniqueDescriptor socket) {
   ServerConnection::Origin origin;
   std::unique_ptr<TlsFilter> filter;
+  std::string network;
   if (listener.local != nullptr) {
     uid_t user = 0;
     origin.is_local = true;
@@ -174,55 +187,91 @@ void ServerImpl::Admit(Listener& listener, UniqueDescriptor socket) {
     origin.peer.is_local = true;
     origin.peer.user = std::to_string(user);
     origin.peer.address = "local";
+    if (!origin.is_admitted) network.append("user ").append(origin.peer.user);
   } else {
+    network = GetPeerNetwork(socket.Get());
     SetHostOptions(socket.Get());
     origin.peer.address = GetPeerAddress(socket.Get());
-    filter = listener.tls->CreateFilter();
   }
   std::shared_ptr<ServerConnection> connection;
   {
     const std::lock_guard lock(mutex_);
-    if (connections_.size() >= limits_.max_connections + kMaxStrangers) {
+    std::size_t of_network = 0;
+    if (const auto found = strangers_.find(network); found != strangers_.end()) {
+      of_network = found->second;
+    }
+    const bool has_room =
+        network.empty()
+            ? connections_.size() - stranger_count_ < limits_.max_connections + kMaxSurplus
+            : stranger_count_ < kMaxStrangers && of_network < kMaxStrangersOfNetwork;
+    if (!has_room) {
       throw MakeError(kTooManyConnections, kSource.At("Admit", 50), origin.peer.address);
     }
+    if (listener.tls != nullptr) filter = listener.tls->CreateFilter();
     connection = std::make_shared<ServerConnection>(*this, *loop_, std::move(socket),
                                                     std::move(filter), std::move(origin), limits_);
-    connections_.emplace(connection.get(), connection);
+    if (!network.empty()) strangers_[network] = of_network + 1;
+    if (!network.empty()) ++stranger_count_;
+    try {
+      connections_.emplace(connection.get(), Entry{connection, network});
+    } catch (const std::bad_alloc&) {
+      EndStranger(network);
+      throw;
+    }
   }
   connection->Open();
 }
 
-void ServerImpl::PostOpening(std::function<void()> task) {
+void ServerImpl::EndStranger(std::string& network) {
+  if (network.empty()) return;
+  const auto found = strangers_.find(network);
+  if (--found->second == 0) strangers_.erase(found);
+  --stranger_count_;
+  network.clear();
+}
+
+void ServerImpl::NoteWelcomed(Connection& connection) {
+  const std::lock_guard lock(mutex_);
+  const auto found = connections_.find(&connection);
+  if (found != connections_.end()) EndStranger(found->second.network);
+}
+
+void ServerImpl::PostOpening(std::shared_ptr<ServerConnection> connection) {
+  if (connection->IsLocal()) {
+    delivery_.Post([connection = std::move(connection)] { connection->RunOpening(); });
+    return;
+  }
   {
     const std::lock_guard lock(mutex_);
     if (openings_ == kMaxOpenings) {
-      waiting_openings_.push_back(std::move(task));
+      waiting_openings_.push_back(std::move(connection));
       return;
     }
     ++openings_;
   }
-  delivery_.Post([this, task = std::move(task)] {
-    try {
-      task();
-    } catch (const std::exception& failure) {
-      // The connection ends by its time for the handshake.
-      Common::Trace(Common::kTraceWarning,
-                    MakeReasonedError(kNoResources, failure.what(), kSource.At("PostOpening", 70)));
-    }
-    EndOpening();
-  });
-}
-
-void ServerImpl::EndOpening() {
-  std::function<void()> next;
-  {
+  try {
+    delivery_.Post([this, connection] { RunOpenings(connection); });
+  } catch (const std::bad_alloc&) {
     const std::lock_guard lock(mutex_);
     --openings_;
-    if (waiting_openings_.empty()) return;
-    next = std::move(waiting_openings_.front());
+    throw;
+  }
+}
+
+void ServerImpl::RunOpenings(std::shared_ptr<ServerConnection> connection) {
+  // Whoever waits for a thread meanwhile is not to wait for those who log in.
+  pool_.NoteBlocked();
+  for (;;) {
+    connection->RunOpening();
+    connection.reset();
+    const std::lock_guard lock(mutex_);
+    if (waiting_openings_.empty()) {
+      --openings_;
+      return;
+    }
+    connection = std::move(waiting_openings_.front());
     waiting_openings_.pop_front();
   }
-  PostOpening(std::move(next));
 }
 
 bool ServerImpl::Enter() {
@@ -248,8 +297,11 @@ void ServerImpl::Forget(Connection& connection) {
   const std::lock_guard lock(mutex_);
   const auto found = connections_.find(&connection);
   if (found == connections_.end()) return;
-  last = std::move(found->second);
+  last = std::move(found->second.connection);
+  EndStranger(found->second.network);
   connections_.erase(found);
+  // There is nobody to log in any more.
+  std::erase(waiting_openings_, last);
 }
 
 void ServerImpl::Stop() {
@@ -262,8 +314,8 @@ void ServerImpl::Stop() {
       }
       // From now on none comes.
       const std::lock_guard lock(mutex_);
-      for (const auto& [key, connection] : connections_) {
-        connection->Close(MakeError(kServerStopped, kSource.At("Stop", 60)));
+      for (const auto& [key, entry] : connections_) {
+        entry.connection->Close(MakeError(kServerStopped, kSource.At("Stop", 60)));
       }
     });
     // What Close has posted must be in the queue before it is closed.

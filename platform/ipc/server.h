@@ -74,7 +74,9 @@ struct InterfaceVersion {
 class ServiceHost : public Common::NonCopyable {
  public:
   virtual ~ServiceHost() = default;
-  // Whether a remote peer is who it says. May take its time; the caller bounds how many are tried.
+  // Whether a remote peer is who it says. Only some are asked at a time, and others wait for them,
+  // so that the check may take its time, but a refusal must not be delayed here: the transport does
+  // so (Limits::refusal), and keeps nobody waiting.
   virtual bool Authenticate(const std::string& user, const std::string& password,
                             const std::string& address) = 0;
   // A session of the service with that number, whose interfaces go to `interfaces`; null, and an
@@ -93,6 +95,7 @@ struct Limits {
   std::size_t max_connections = 1024;
   std::size_t max_output = std::size_t{1} << 30;  // bytes that wait for one peer to take them
   std::chrono::milliseconds handshake{10'000};    // from the connection to its welcome
+  std::chrono::milliseconds refusal{1'000};       // from a login that fails to its refusal
   std::chrono::milliseconds heartbeat{15'000};    // of silence before a ping
   std::chrono::milliseconds idle{45'000};         // of silence before the peer is given up
   std::chrono::milliseconds answer{60'000};       // that a client's thread waits for an answer

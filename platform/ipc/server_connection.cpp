@@ -171,88 +171,132 @@ bool ServerConnection::Refuse(const Common::Error& error) {
 }
 
 bool ServerConnection::TakeHello(Bytes payload) {
-  const auto hello = std::make_shared<Hello>();
-  if (!DecodeHello(payload, *hello)) return EndMalformed(kMalformedFrame, "Hello", 50);
-  if (hello->lowest_version > kTransportVersion || hello->highest_version < kTransportVersion) {
+  auto opening = std::make_unique<Opening>();
+  const Hello& hello = opening->hello;
+  if (!DecodeHello(payload, opening->hello)) return EndMalformed(kMalformedFrame, "Hello", 50);
+  if (hello.lowest_version > kTransportVersion || hello.highest_version < kTransportVersion) {
     return Refuse(MakeError(kVersionMismatch, kSource.At("TakeHello", 60)));
   }
   if (origin_.is_local) {
     if (!origin_.is_admitted) return Refuse(MakeError(kNotAdmitted, kSource.At("TakeHello", 70)));
-    if (!hello->user.Get().empty() || !hello->password.Get().empty()) {
+    if (!hello.user.Get().empty() || !hello.password.Get().empty()) {
       return EndMalformed(kMalformedFrame, "credentials on a local socket", 80);
     }
-    if (hello->service_id != origin_.service_id) {
+    if (hello.service_id != origin_.service_id) {
       return Refuse(MakeError(kUnknownService, kSource.At("TakeHello", 90),
-                              std::to_string(hello->service_id)));
+                              std::to_string(hello.service_id)));
     }
   }
-  if (!core_.Enter()) {
-    return Refuse(MakeError(kTooManyConnections, kSource.At("TakeHello", 100)));
-  }
-  has_entered_ = true;
   phase_ = Phase::kOpening;
-  const auto self = std::static_pointer_cast<ServerConnection>(shared_from_this());
-  core_.PostOpening([self, hello] { self->Authenticate(*hello); });
+  opening_ = std::move(opening);
+  core_.PostOpening(std::static_pointer_cast<ServerConnection>(shared_from_this()));
   return true;
 }
 
-void ServerConnection::Authenticate(Hello& hello) {
-  std::shared_ptr<SessionRunner> session;
-  std::vector<InterfaceVersion> interfaces;
-  Common::Error error;
-  const Common::Error raised = Guard([&] {
-    Peer peer = origin_.peer;
-    if (!origin_.is_local) {
-      peer.user = hello.user.Get();
-      const bool is_right =
-          core_.GetHost().Authenticate(peer.user, hello.password.Get(), peer.address);
-      hello.password.Wipe();
-      if (!is_right) {
-        error = MakeError(kWrongPassword, kSource.At("Authenticate", 110));
-        return;
-      }
-    }
-    std::unique_ptr<Session> opened =
-        core_.GetHost().Open(hello.service_id, peer, interfaces, error);
-    if (opened != nullptr) {
-      session = std::make_shared<SessionRunner>(std::move(opened));
-      error = Common::Error();
-    } else if (!error.IsFailure()) {
-      error = MakeError(kUnknownService, kSource.At("Authenticate", 120),
-                        std::to_string(hello.service_id));
-    }
-  });
-  if (raised.IsFailure()) error = raised;
-  const auto self = std::static_pointer_cast<ServerConnection>(shared_from_this());
-  const bool is_posted = GetLoop().Post(
-      [self, session, interfaces, error] { self->FinishOpening(session, interfaces, error); });
-  if (!is_posted && session != nullptr) session->Close();
+void ServerConnection::RunOpening() {
+  if (has_ended_) return;
+  Opening& opening = *opening_;
+  const Common::Error raised = Guard([&] { OpenSession(opening); });
+  if (raised.IsFailure()) opening.error = raised;
+  const std::shared_ptr<SessionRunner> session = opening.session;
+  bool is_posted = false;
+  try {
+    const auto self = std::static_pointer_cast<ServerConnection>(shared_from_this());
+    is_posted = GetLoop().Post([self] { self->FinishOpening(); });
+  } catch (const std::bad_alloc&) {
+    // The connection ends by its time for the handshake.
+  }
+  if (is_posted || session == nullptr) return;
+  session->Close();
+  core_.Leave();
 }
 
-void ServerConnection::FinishOpening(std::shared_ptr<SessionRunner> session,
-                                     std::vector<InterfaceVersion> interfaces,
-                                     const Common::Error& error) {
-  if (has_ended_) {
-    if (session != nullptr) core_.GetDelivery().Post([session] { session->Close(); });
+void ServerConnection::OpenSession(Opening& opening) {
+  Peer peer = origin_.peer;
+  if (!origin_.is_local) {
+    // Whatever the reason is: the time doesn't tell it.
+    opening.refuse_at = Clock::now() + GetLimits().refusal;
+    peer.user = opening.hello.user.Get();
+    const bool is_right =
+        core_.GetHost().Authenticate(peer.user, opening.hello.password.Get(), peer.address);
+    opening.hello.password.Wipe();
+    if (!is_right) {
+      opening.error = MakeError(kWrongPassword, kSource.At("OpenSession", 110));
+      return;
+    }
+    opening.refuse_at = Clock::time_point();
+  }
+  const auto session = std::make_shared<SessionRunner>();
+  if (!core_.Enter()) {
+    opening.error = MakeError(kTooManyConnections, kSource.At("OpenSession", 115));
     return;
   }
-  if (session == nullptr) {
+  const Common::Error raised = Guard([&] {
+    std::unique_ptr<Session> opened =
+        core_.GetHost().Open(opening.hello.service_id, peer, opening.interfaces, opening.error);
+    if (opened == nullptr) return;
+    session->SetSession(std::move(opened));
+    opening.session = session;
+  });
+  if (opening.session != nullptr) return;
+  core_.Leave();
+  if (raised.IsFailure()) {
+    opening.error = raised;
+  } else if (!opening.error.IsFailure()) {
+    opening.error = MakeError(kUnknownService, kSource.At("OpenSession", 120),
+                              std::to_string(opening.hello.service_id));
+  }
+}
+
+void ServerConnection::FinishOpening() {
+  const std::unique_ptr<Opening> opening = std::move(opening_);
+  if (has_ended_) {
+    if (opening->session == nullptr) return;
+    core_.Leave();
+    CloseLater(std::move(opening->session));
+    return;
+  }
+  session_ = std::move(opening->session);
+  try {
+    if (session_ == nullptr) {
+      RefuseLater(opening->refuse_at, opening->error);
+    } else {
+      SendWelcome(std::move(opening->interfaces));
+    }
+  } catch (const std::exception&) {
+    End(Common::Error::OutOfMemory(), false);
+  }
+}
+
+// Who guesses passwords waits, and nobody for that one.
+void ServerConnection::RefuseLater(Clock::time_point time, const Common::Error& error) {
+  const Clock::time_point now = Clock::now();
+  if (time <= now) {
     Refuse(error);
     return;
   }
+  const auto self = std::static_pointer_cast<ServerConnection>(shared_from_this());
+  refusal_ = GetLoop().CreateTimer();
+  refusal_->Wait(time - now, [self, error] { self->Refuse(error); });
+}
+
+void ServerConnection::SendWelcome(std::vector<InterfaceVersion> interfaces) {
   Welcome welcome;
   welcome.connection_key = core_.MakeConnectionKey();
   welcome.interfaces = std::move(interfaces);
   std::vector<unsigned char> payload = EncodeWelcome(welcome);
   if (payload.size() > kMaxMessageFrame) {
-    core_.GetDelivery().Post([session] { session->Close(); });
-    Refuse(MakeError(kFrameTooLong, kSource.At("FinishOpening", 220), "Welcome"));
+    Refuse(MakeError(kFrameTooLong, kSource.At("SendWelcome", 220), "Welcome"));
     return;
   }
-  session_ = std::move(session);
   phase_ = Phase::kOpen;
   SetWelcomed();
+  core_.NoteWelcomed(*this);
   SendMessage(FrameKind::kWelcome, 0, std::move(payload));
+}
+
+void ServerConnection::CloseLater(std::shared_ptr<SessionRunner> session) {
+  core_.GetDelivery().Post([session = std::move(session)] { session->Close(); });
 }
 
 bool ServerConnection::OnPacketStart(const PacketStart& start) {
@@ -385,6 +429,7 @@ void ServerConnection::Release(std::size_t size) {
 void ServerConnection::OnEnd(const Common::Error& error) {
   Common::Trace(Common::kTraceDebug, error);
   has_ended_ = true;
+  refusal_.reset();
   incoming_.clear();
   std::vector<std::shared_ptr<ConnectionCall>> open;
   {
@@ -399,8 +444,8 @@ void ServerConnection::OnEnd(const Common::Error& error) {
       for (const std::shared_ptr<ConnectionCall>& call : open) call->Cancel();
       session->Close();
     });
+    core_.Leave();
   }
-  if (has_entered_) core_.Leave();
   core_.Forget(*this);
 }
 

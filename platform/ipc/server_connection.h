@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -22,9 +23,12 @@ class ServerCore : public Common::NonCopyable {
   virtual ~ServerCore() = default;
   virtual ServiceHost& GetHost() = 0;
   virtual Delivery& GetDelivery() = 0;
-  // Runs the task on the pool, with those of few other connections at a time.
-  virtual void PostOpening(std::function<void()> task) = 0;
-  // Counts connections beyond their Hello; false: there are too many. Each that came in leaves.
+  // Has the connection's RunOpening run on the pool: of a local connection at once, of a remote one
+  // with those of few others at a time, and not at all once it has ended. Throws std::bad_alloc.
+  virtual void PostOpening(std::shared_ptr<ServerConnection> connection) = 0;
+  // The connection is welcome; until then it may be anyone's.
+  virtual void NoteWelcomed(Connection& connection) = 0;
+  // Counts connections that have a session; false: there are too many. Each that came in leaves.
   virtual bool Enter() = 0;
   virtual void Leave() = 0;
   virtual std::uint32_t MakeConnectionKey() = 0;
@@ -35,7 +39,8 @@ class ServerCore : public Common::NonCopyable {
 // A session with the calls that run in it, so that its end comes behind all of them.
 class SessionRunner : public Common::NonCopyable {
  public:
-  explicit SessionRunner(std::unique_ptr<Session> session) : session_(std::move(session)) {}
+  // Once, before anything else.
+  void SetSession(std::unique_ptr<Session> session) { session_ = std::move(session); }
   // On the pool. Nothing behind Close.
   void Call(std::shared_ptr<ServerCall> call);
   // On the pool. Once.
@@ -65,6 +70,10 @@ class ServerConnection final : public Connection {
   ServerConnection(ServerCore& core, IoLoop& loop, UniqueDescriptor socket,
                    std::unique_ptr<TlsFilter> filter, Origin origin, const Limits& limits);
 
+  bool IsLocal() const { return origin_.is_local; }
+  // On the pool: finds out whether the peer is who it says, and opens its session. Does not throw.
+  void RunOpening();
+
   // From the calls. Only the first one for an id does something.
   void Reply(std::uint64_t call_id, std::shared_ptr<const void> owner, const unsigned char* packet,
              std::size_t size);
@@ -80,6 +89,15 @@ class ServerConnection final : public Connection {
     std::vector<unsigned char> data;
   };
 
+  // Between the Hello and its answer: RunOpening's alone as long as it is under way.
+  struct Opening {
+    Hello hello;
+    std::shared_ptr<SessionRunner> session;  // has entered
+    std::vector<InterfaceVersion> interfaces;
+    Common::Error error;          // without a session
+    Clock::time_point refuse_at;  // not before
+  };
+
   void OnReady() override {}
   bool OnFrame(FrameKind kind, std::uint64_t call_id, Bytes payload) override;
   bool OnPacketStart(const PacketStart& start) override;
@@ -88,9 +106,11 @@ class ServerConnection final : public Connection {
 
   bool TakeHello(Bytes payload);
   bool Refuse(const Common::Error& error);
-  void Authenticate(Hello& hello);  // on the pool
-  void FinishOpening(std::shared_ptr<SessionRunner> session,
-                     std::vector<InterfaceVersion> interfaces, const Common::Error& error);
+  void OpenSession(Opening& opening);
+  void FinishOpening();
+  void RefuseLater(Clock::time_point time, const Common::Error& error);
+  void SendWelcome(std::vector<InterfaceVersion> interfaces);
+  void CloseLater(std::shared_ptr<SessionRunner> session);
   bool EndMalformed(const IpcFailure& failure, const char* detail, std::uint32_t line);
   bool Dispatch(IncomingPacket packet);
   void Answer(const std::function<void()>& send);
@@ -101,10 +121,12 @@ class ServerConnection final : public Connection {
   ServerCore& core_;
   const Origin origin_;
 
+  std::atomic<bool> has_ended_ = false;  // set on the loop's thread
+  std::unique_ptr<Opening> opening_;
+
   // The loop's alone.
   Phase phase_ = Phase::kHello;
-  bool has_entered_ = false;
-  bool has_ended_ = false;
+  std::unique_ptr<IoTimer> refusal_;
   std::shared_ptr<SessionRunner> session_;
   std::unordered_map<std::uint64_t, IncomingPacket> incoming_;
 

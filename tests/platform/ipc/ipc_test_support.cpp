@@ -123,6 +123,10 @@ TestHost::~TestHost() {
 bool TestHost::Authenticate(const std::string& user, const std::string& password,
                             const std::string& address) {
   EXPECT_TRUE(address.starts_with("127.0.0.1:")) << address;
+  std::unique_lock lock(mutex);
+  ++logins;
+  change.notify_all();
+  change.wait(lock, [&] { return !holds_logins; });
   return user == "J\xC3\xBCrgen" && password == "secret";
 }
 
@@ -154,6 +158,12 @@ void TestHost::Release() {
     waiting.swap(waiting_);
   }
   for (const auto& call : waiting) call->Reply(MakeReply(Common::Error(), "released"));
+}
+
+void TestHost::LetLoginsGo() {
+  const std::lock_guard lock(mutex);
+  holds_logins = false;
+  change.notify_all();
 }
 
 bool TestHost::WaitFor(const int& counter, int value) {

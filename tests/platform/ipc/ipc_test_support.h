@@ -62,6 +62,7 @@ class TestHost final : public ServiceHost {
 
   // Answers the waiting calls.
   void Release();
+  void LetLoginsGo();
   // Waits until a counter has reached a value; false after a long time.
   bool WaitFor(const int& counter, int value);
   int Read(const int& counter);
@@ -73,7 +74,9 @@ class TestHost final : public ServiceHost {
   int destroyed = 0;  // sessions
   int calls = 0;
   int cancelled = 0;
+  int logins = 0;  // that were to be checked
   Peer last_peer;
+  bool holds_logins = false;  // until LetLoginsGo
   // Set before the server runs.
   Common::Error refusal;
 

@@ -349,6 +349,82 @@ TEST_F(IpcTls, NothingIsTakenBehindAPeersOrderlyEnd) {
   EXPECT_EQ(Connect().GetCode(), 0u);
 }
 
+RawPeer::Buffer MakeLogin(const std::string& password) {
+  Hello hello;
+  hello.service_id = kServiceId;
+  hello.user.Fill() = "somebody";
+  hello.password.Fill() = password;
+  return RawPeer::MakeFrame(FrameKind::kHello, 0, EncodeHello(hello));
+}
+
+TEST_F(IpcTls, ARefusedLoginIsToldLaterAndTheRightOneAtOnce) {
+  Limits limits;
+  limits.refusal = std::chrono::milliseconds(400);
+  StartServer(Certificate("service", "IP:127.0.0.1", &authority_), limits);
+  Login login;
+  login.password = "wrong";
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(Connect(login).GetCode(), kWrongPassword.code);
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, limits.refusal);
+}
+
+TEST_F(IpcTls, RemoteLoginsKeepNoLocalClientOut) {
+  constexpr int kAtATime = 32;
+  ::setenv("VELORIN_IPC_DIR", folder_.GetPath().c_str(), 1);
+  Limits limits;
+  limits.handshake = std::chrono::seconds(2);
+  StartServer(Certificate("service", "IP:127.0.0.1", &authority_), limits);
+  server_->ListenLocal(kServiceId);
+  host_.holds_logins = true;
+  std::deque<TlsPeer> peers;
+  for (int i = 0; i < kAtATime + 8; ++i) {
+    ASSERT_TRUE(peers.emplace_back(port_, TLS1_3_VERSION));
+    ASSERT_TRUE(peers.back().Send(MakeLogin("wrong")));
+  }
+  ASSERT_TRUE(host_.WaitFor(host_.logins, kAtATime));
+  const auto connect = [&] {
+    Common::Error error;
+    std::unique_ptr<Binding::AccessPoint> access_point;
+    const auto browser = client_->GetLocalBrowser(error);
+    if (browser != nullptr) error = browser->Connect(kServiceId, 0, access_point, {});
+    return error.GetCode();
+  };
+  EXPECT_EQ(connect(), 0u);
+  // Whose time is over isn't checked any more.
+  for (TlsPeer& peer : peers) EXPECT_TRUE(peer.GetRaw().WaitForEnd());
+  EXPECT_EQ(connect(), 0u);
+  host_.LetLoginsGo();
+  server_->Stop();
+  EXPECT_EQ(host_.Read(host_.logins), kAtATime);
+}
+
+TEST_F(IpcTls, OneAddressHasNotAllThePlacesOfStrangers) {
+  constexpr int kOfOneAddress = 64;
+  const auto connect = [&](std::uint32_t from) {
+    UniqueDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(from);
+    EXPECT_EQ(::bind(socket.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(port_);
+    EXPECT_EQ(::connect(socket.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    return socket;
+  };
+  const auto is_closed = [](const UniqueDescriptor& socket, int milliseconds) {
+    pollfd waiting{socket.Get(), POLLIN, 0};
+    return ::poll(&waiting, 1, milliseconds) == 1;
+  };
+  std::deque<UniqueDescriptor> sockets;
+  for (int i = 0; i < kOfOneAddress; ++i) sockets.push_back(connect(INADDR_LOOPBACK));
+  EXPECT_TRUE(is_closed(connect(INADDR_LOOPBACK), 5000));
+  EXPECT_FALSE(is_closed(connect(INADDR_LOOPBACK + 1), 200));
+  EXPECT_FALSE(is_closed(sockets.back(), 0));
+  // Who goes makes room.
+  sockets.clear();
+  EXPECT_FALSE(is_closed(connect(INADDR_LOOPBACK), 200));
+}
+
 TEST_F(IpcTls, PeersThatNeverSpeakAreGivenUp) {
   StartServer(Certificate("service", "IP:127.0.0.1", &authority_), MakeQuickLimits());
   const HostAddress address = ParseHostAddress("127.0.0.1:" + std::to_string(port_));
