@@ -23,6 +23,8 @@ constexpr Common::SourceFile kSource{"platform/ipc/local_socket"};
 constexpr char kSystemDirectory[] = "/run/velorin";
 constexpr int kBacklog = 128;
 constexpr std::chrono::milliseconds kBacklogPause{10};
+// Another server of the user has the lock for some milliseconds.
+constexpr std::chrono::milliseconds kLockTime{1000};
 
 bool IsOwn(uid_t user) {
   return user == 0 || user == ::geteuid();
@@ -67,12 +69,32 @@ bool GetPeerUser(int descriptor, uid_t& user) {
   return true;
 }
 
-// Held while a server looks after its socket, so that no two of them do.
-void LockDirectory(int descriptor, const std::string& directory) {
-  while (::flock(descriptor, LOCK_EX) != 0) {
-    if (errno == EINTR) continue;
-    throw MakeSystemError(kListenFailed, errno, kSource.At("LockDirectory", 20), directory);
+// Held while a server looks after its socket, so that no two of a user do. Of a file that nobody
+// else can open: what others can lock, they can hold for ever.
+UniqueDescriptor LockSockets(int folder, const std::string& directory) {
+  const std::string name = "servers-" + std::to_string(::geteuid()) + ".lock";
+  const std::string path = directory + "/" + name;
+  UniqueDescriptor result(
+      ::openat(folder, name.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
+  struct stat found {};
+  if (!result || ::fstat(result.Get(), &found) != 0) {
+    throw MakeSystemError(kListenFailed, errno, kSource.At("LockSockets", 20), path);
   }
+  if (!S_ISREG(found.st_mode) || found.st_uid != ::geteuid() ||
+      (found.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
+    throw MakeSystemError(kListenFailed, EPERM, kSource.At("LockSockets", 22), path);
+  }
+  const Clock::time_point deadline = Clock::now() + kLockTime;
+  while (::flock(result.Get(), LOCK_EX | LOCK_NB) != 0) {
+    if (errno != EINTR && errno != EWOULDBLOCK) {
+      throw MakeSystemError(kListenFailed, errno, kSource.At("LockSockets", 24), path);
+    }
+    if (Clock::now() >= deadline) {
+      throw MakeSystemError(kListenFailed, ETIMEDOUT, kSource.At("LockSockets", 26), path);
+    }
+    ::poll(nullptr, 0, static_cast<int>(kBacklogPause.count()));
+  }
+  return result;
 }
 
 }  // namespace
@@ -155,7 +177,7 @@ LocalListener::LocalListener(const std::string& directory, unsigned int service_
     throw MakeSystemError(kListenFailed, errno, kSource.At("LocalListener", 110), directory);
   }
   const UniqueDescriptor folder = OpenRuntimeDirectory(directory);
-  LockDirectory(folder.Get(), directory);
+  const UniqueDescriptor lock = LockSockets(folder.Get(), directory);
 
   const std::string path = directory + "/" + name_;
   const sockaddr_un address = MakeAddress(directory, folder.Get(), name_);
@@ -191,14 +213,15 @@ LocalListener::LocalListener(const std::string& directory, unsigned int service_
 LocalListener::~LocalListener() {
   try {
     const UniqueDescriptor folder = OpenRuntimeDirectory(directory_);
-    LockDirectory(folder.Get(), directory_);
+    const UniqueDescriptor lock = LockSockets(folder.Get(), directory_);
     struct stat found {};
     if (::fstatat(folder.Get(), name_.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 &&
         found.st_dev == device_ && found.st_ino == inode_) {
       ::unlinkat(folder.Get(), name_.c_str(), 0);
     }
   } catch (const Common::Error&) {
-    // What stands in the way of removing it is no concern of those who stop.
+    // What stands in the way of removing it is no concern of those who stop: the next server finds
+    // a leftover.
   }
 }
 

@@ -1,4 +1,6 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -439,6 +441,31 @@ TEST(IpcLocalSockets, AreOneServersAloneAndGoWithIt) {
   EXPECT_EQ(::stat(pair.GetSocket().c_str(), &found), 0);
   second.reset();
   EXPECT_NE(::stat(pair.GetSocket().c_str(), &found), 0);
+}
+
+TEST(IpcLocalSockets, NobodyElseCanHoldAServerUp) {
+  LocalPair pair;
+  // What every local user can lock when the directory can be read.
+  const UniqueDescriptor folder(::open(pair.folder.GetPath().c_str(), O_RDONLY | O_CLOEXEC));
+  ASSERT_EQ(::flock(folder.Get(), LOCK_EX), 0);
+  TestHost host;
+  auto other = Server::Create(host);
+  EXPECT_EQ(ListenAgain(*other, kServiceId + 1), 0u);
+
+  const std::string path = pair.folder / ("servers-" + std::to_string(::geteuid()) + ".lock");
+  UniqueDescriptor lock(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  struct stat found {};
+  ASSERT_EQ(::fstat(lock.Get(), &found), 0);
+  EXPECT_EQ(found.st_mode & 0777, 0600u);
+  ASSERT_EQ(::flock(lock.Get(), LOCK_EX), 0);
+  EXPECT_EQ(ListenAgain(*other, kServiceId + 2), kListenFailed.code);
+  other.reset();  // leaves its socket
+  EXPECT_EQ(::stat((pair.folder / "service-34.sock").c_str(), &found), 0);
+  lock.Reset();
+  ASSERT_EQ(::chmod(path.c_str(), 0644), 0);
+  EXPECT_EQ(ListenAgain(*Server::Create(host), kServiceId + 1), kListenFailed.code);
+  ASSERT_EQ(::chmod(path.c_str(), 0600), 0);
+  EXPECT_EQ(ListenAgain(*Server::Create(host), kServiceId + 1), 0u);
 }
 
 TEST(IpcLocalSockets, LieInADirectoryThatIsMadeAndMayHaveALongName) {
