@@ -179,6 +179,7 @@ class ScriptedAccessPoint final : public Binding::AccessPoint {
 
   Common::Error CreateJob(std::unique_ptr<Binding::Request> request,
                           std::unique_ptr<JobManagement::Job>& job) override {
+    if (service_.in_create) service_.in_create();
     if (request == nullptr) return {0xAD01FE, Common::LineTag{}};
     if (service_.create_error.IsFailure()) return service_.create_error;
     if (!service_.creates_nothing) {

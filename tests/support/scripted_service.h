@@ -109,8 +109,9 @@ class ScriptedService {
   void AwaitCount(const std::string& method, int count);
 
   // Set before use.
-  Common::Error create_error;    // of the job
-  bool creates_nothing = false;  // success without a job
+  std::function<void()> in_create;  // comes before each job is made
+  Common::Error create_error;       // of the job
+  bool creates_nothing = false;     // success without a job
   Common::Error start_error;
   Canceling canceling = Canceling::kOnThread;
   std::uint32_t connection_key = 1;

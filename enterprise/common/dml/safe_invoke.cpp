@@ -5,6 +5,7 @@
 #include "core/common/line_tag.h"
 #include "core/common/message_table.h"
 #include "core/common/trace.h"
+#include "enterprise/common/async/operation_description.h"
 #include "enterprise/common/por/module_error.h"
 
 namespace Dml {
@@ -20,6 +21,11 @@ void GetBaseError(const Common::Error& error) {
                         kSource.At("GetBaseError", 40));
   wrapped.SetReason(error);
   Common::Trace(Common::kTraceDebug, wrapped);
+}
+
+Common::Error DescribeException(const char16_t* operation) noexcept {
+  Async::NamedOperationDescription description(operation);
+  return Async::DescribeCaughtException(description);
 }
 
 void TellHandler(Async::ActionHandler& handler, Common::Error result) {

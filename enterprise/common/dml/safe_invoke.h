@@ -10,7 +10,7 @@
 
 // Calls into readers and handlers. A reader never ends a report or a subscription by raising: a
 // Common::Error out of a call is traced and dropped, and the next object follows. Other exceptions
-// pass through.
+// pass through SafeInvoke; whoever owes a handler its end takes them with RunGuarded.
 
 namespace Dml {
 
@@ -27,6 +27,21 @@ void SafeInvoke(Function&& call) {
     std::forward<Function>(call)();
   } catch (const Common::Error& error) {
     GetBaseError(error);
+  }
+}
+
+// The exception that is being handled: a Common::Error as it is, out of memory as that, any other
+// one as 0xF90007 or 0xF90008 with `operation` in its text.
+Common::Error DescribeException(const char16_t* operation) noexcept;
+
+// Calls `call` without an argument; what it throws, described as above, is the result.
+template <class Function>
+Common::Error RunGuarded(const char16_t* operation, Function&& call) {
+  try {
+    std::forward<Function>(call)();
+    return {};
+  } catch (...) {
+    return DescribeException(operation);
   }
 }
 

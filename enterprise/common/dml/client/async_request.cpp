@@ -1,6 +1,5 @@
 #include "enterprise/common/dml/client/async_request.h"
 
-#include <new>
 #include <utility>
 
 #include "core/common/line_tag.h"
@@ -103,13 +102,9 @@ void SmartRequestRunner::Run() {
 
 void SmartRequestRunner::Completed(Common::Error result) {
   if (!result.IsFailure()) {
-    SafeInvoke([this] {
-      try {
-        Succeeded();
-      } catch (const std::bad_alloc&) {
-        throw Common::Error::OutOfMemory();
-      }
-    });
+    Common::Error raised =
+        RunGuarded(u"Succeeded", [this] { SafeInvoke([this] { Succeeded(); }); });
+    if (raised.IsFailure()) result = std::move(raised);
   }
   TellHandler(*handler_, std::move(result));
 }

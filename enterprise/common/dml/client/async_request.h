@@ -72,8 +72,8 @@ class SmartRequestRunner : public RequestRunner, public Async::ActionHandler {
   // Throws what CreateRequest throws; then nothing was started and nobody will be told.
   void Run() override;
 
-  // Called with success only, before the handler is told. What it throws is traced and dropped: the
-  // outcome stays success.
+  // Called with success only, before the handler is told. A Common::Error out of it is traced and
+  // dropped: the outcome stays success. Anything else that it throws is the outcome.
   virtual void Succeeded() {}
   // The variables that the request fills belong to the runner. Null: the end is a failure.
   virtual std::unique_ptr<Binding::Request> CreateRequest() = 0;

@@ -9,7 +9,6 @@
 #include "core/common/line_tag.h"
 #include "core/common/message_table.h"
 #include "core/common/non_copyable.h"
-#include "enterprise/common/async/operation_description.h"
 #include "enterprise/common/dml/client/async_request.h"
 #include "enterprise/common/dml/dml_codes.h"
 #include "enterprise/common/dml/safe_invoke.h"
@@ -35,10 +34,10 @@ constexpr char kChannelCreation[] = "ChannelCreation";
 constexpr char kChannelRemoval[] = "ChannelRemoval";
 constexpr char kChannelError[] = "ChannelError";
 
-// For a catch block around a pull.
-Common::Error DescribePullException() noexcept {
-  Async::NamedOperationDescription operation(Common::MessageRow::AsyncPerform);
-  return Async::DescribeCaughtException(operation);
+template <class Function>
+Common::Error RunPull(Function&& pull) {
+  return RunGuarded(Common::GetMessageText(Common::MessageRow::AsyncPerform),
+                    std::forward<Function>(pull));
 }
 
 // One request for records, which go to the consumer. Its failure is the consumer's end, told before
@@ -49,12 +48,9 @@ class PullUpdatesJob : public RequestRunner, public Async::ActionHandler {
 
   void Completed(Common::Error result) override {
     if (!result.IsFailure()) {
-      try {
-        consumer_->Consume(GetUpdates());
-      } catch (...) {
-        // Records are lost: nothing that would come behind them is of use.
-        result = DescribePullException();
-      }
+      // When this fails records are lost, and nothing that would come behind them is of use.
+      Common::Error raised = RunPull([this] { consumer_->Consume(GetUpdates()); });
+      if (raised.IsFailure()) result = std::move(raised);
     }
     if (result.IsFailure()) consumer_->Fail(result);
     TellHandler(*handler_, std::move(result));
@@ -93,16 +89,17 @@ class PullTransmissionUpdatesJob final : public PullUpdatesJob {
 class PullUpdates : public Async::Action {
  public:
   std::shared_ptr<Async::Job> Perform(Async::ActionHandler& handler) override {
-    try {
-      const std::shared_ptr<PullUpdatesJob> job = CreateJob(access_point_, *consumer_, handler);
+    std::shared_ptr<PullUpdatesJob> job;
+    const Common::Error error = RunPull([&] {
+      job = CreateJob(access_point_, *consumer_, handler);
       job->Run();
-      return job;
-    } catch (...) {
+    });
+    if (error.IsFailure()) {
       // No job was started that would tell the consumer.
-      const Common::Error error = DescribePullException();
       consumer_->Fail(error);
       throw Common::Error(error);
     }
+    return job;
   }
   virtual std::shared_ptr<PullUpdatesJob> CreateJob(
       const std::shared_ptr<Binding::AccessPoint>& access_point, Consumer& consumer,
@@ -119,10 +116,11 @@ class PullUpdates : public Async::Action {
 
 class PullTransmissionUpdates final : public PullUpdates {
  public:
-  PullTransmissionUpdates(std::shared_ptr<Binding::AccessPoint> access_point, Consumer& consumer,
-                          std::uint32_t transmission)
-      : PullUpdates(std::move(access_point), consumer), transmission_(transmission) {}
+  PullTransmissionUpdates(std::shared_ptr<Binding::AccessPoint> access_point, Consumer& consumer)
+      : PullUpdates(std::move(access_point), consumer) {}
 
+  // Before the first Perform.
+  void SetTransmission(std::uint32_t transmission) { transmission_ = transmission; }
   std::shared_ptr<PullUpdatesJob> CreateJob(
       const std::shared_ptr<Binding::AccessPoint>& access_point, Consumer& consumer,
       Async::ActionHandler& handler) override {
@@ -131,7 +129,7 @@ class PullTransmissionUpdates final : public PullUpdates {
   }
 
  private:
-  const std::uint32_t transmission_;
+  std::uint32_t transmission_ = 0;
 };
 
 // What the service has marked a record with.
@@ -206,21 +204,22 @@ Common::Error RemoteSubscriptionDispatcher::EnsureTransmission() {
     const Common::MutexLock lock(mutex_);
     if (failure_.IsFailure()) return failure_;
     if (transmission_ != 0) return {};
-    ViewManager_Proxy proxy(access_point_);
     ViewManagement::Subscription subscription;
-    const Common::Error error = proxy.Subscribe(ViewManagement::SubscriptionSpec(), subscription);
-    if (error.IsFailure()) return error;
+    Common::Error answer;
+    const Common::Error raised = RunGuarded(u"Subscribe", [&] {
+      // First what needs memory here: behind the answer nothing fails.
+      const auto pull = std::make_shared<PullTransmissionUpdates>(access_point_, *this);
+      cycle = std::make_shared<ProductionCycle>(pull);
+      answer = ViewManager_Proxy(access_point_)
+                   .Subscribe(ViewManagement::SubscriptionSpec(), subscription);
+      pull->SetTransmission(subscription.id);
+    });
+    if (raised.IsFailure()) return raised;
+    if (answer.IsFailure()) return answer;
     if (subscription.id == 0) {
       return {Serialization::kInconsistentCode,
               Common::GetMessageText(Common::MessageRow::SerializationInconsistent),
               kSource.At("EnsureTransmission", 10)};
-    }
-    try {
-      cycle = std::make_shared<ProductionCycle>(
-          std::make_shared<PullTransmissionUpdates>(access_point_, *this, subscription.id));
-    } catch (const std::bad_alloc&) {
-      proxy.Unsubscribe(subscription.id);
-      return Common::Error::OutOfMemory();
     }
     transmission_ = subscription.id;
     cycle_ = cycle;

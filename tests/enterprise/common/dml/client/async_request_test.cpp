@@ -6,6 +6,8 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <new>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -121,6 +123,24 @@ TEST_F(Requests, ACancelHidesWhatTheServiceStillSays) {
   EXPECT_EQ(handler_.Await().GetCode(), Async::kCanceledCode);
 }
 
+TEST_F(Requests, ACancelThatComesSecondWaitsForTheCallToo) {
+  service_.canceling = ScriptedService::Canceling::kNever;
+  const auto request = Make();
+  request->Start();
+  const ServiceCallPtr call = service_.Next("CloseView");
+  std::thread first([&] { request->Cancel(); });
+  while (!call->IsCanceled()) std::this_thread::yield();
+  std::thread second([&] {
+    request->Cancel();
+    EXPECT_TRUE(call->HasEnded());
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));  // for it to come too early
+  call->Reply();
+  first.join();
+  second.join();
+  EXPECT_EQ(handler_.Count(), 1);
+}
+
 // The handler is told behind the signal: neither waits for the other.
 TEST_F(Requests, MayBeCancelledAndDroppedByTheirHandler) {
   auto request = Make();
@@ -217,11 +237,23 @@ TEST_F(Runners, StayAtSuccessWhenSucceededRaises) {
   runner_->succeeded = [] { throw Failure(0x72); };
   runner_->Run();
   EXPECT_FALSE(handler_.Await().IsFailure());
-  runner_->succeeded = [] { throw std::bad_alloc(); };
-  runner_->Run();
-  EXPECT_FALSE(handler_.Await().IsFailure());
-  EXPECT_EQ(handler_.Count(), 2);
-  EXPECT_EQ(traces.Codes(), "1 fc 1\n1 fc 1\n");
+  EXPECT_EQ(traces.Codes(), "1 fc 1\n");
+}
+
+TEST_F(Runners, EndWithWhatElseSucceededThrows) {
+  const std::pair<std::function<void()>, std::uint32_t> cases[] = {
+      {[] { throw std::bad_alloc(); }, Common::kOutOfMemoryCode},
+      {[] { throw std::runtime_error("odd"); }, 0xF90007},
+      {[] { throw 5; }, 0xF90008},
+  };
+  service_.Answer("CloseView");
+  int told = 0;
+  for (const auto& [succeeded, code] : cases) {
+    runner_->succeeded = succeeded;
+    runner_->Run();
+    EXPECT_EQ(handler_.Await().GetCode(), code);
+    EXPECT_EQ(handler_.Count(), ++told);
+  }
 }
 
 TEST_F(Runners, DoNotSucceedWithAFailure) {

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -140,6 +141,8 @@ TEST_F(Dispatcher, FollowsTheMarksOfRecords) {
       {{Created(1, 11), Created(1, 12), Mark(1, "ChannelRemoval")}, "waits", "waits"},
       {{Created(1, 11), Mark(2, "ChannelRemoval"), Created(1, 12)}, "+11+12", "waits"},
       {{Created(1, 11), Mark(1, "ChannelRemoval"), Created(1, 12)}, "+12", "waits"},
+      {{Created(1, 11), Created(2, 21), Mark(1, "ChannelRemoval")}, "waits", "+21"},
+      {{Created(1, 11), Created(2, 21), Mark(1, "ChannelRemoval"), Created(1, 12)}, "+12", "+21"},
       {{Created(1, 11), failed(1)}, "119", "waits"},
       {{Created(1, 11), failed(2)}, "+11", "119"},
       {{failed(1), failed(2)}, "119", "119"},
@@ -205,6 +208,26 @@ TEST_F(Dispatcher, HidesTheChannelAloneAndKeepsTheUnit) {
   EXPECT_TRUE(watched.expired());
 }
 
+// It waits on, for the channel's next life is that of another subscription.
+TEST_F(Dispatcher, ARemovedChannelIsNoMoreThatOfItsReader) {
+  NotingChanges reader;
+  TellingHandler handler;
+  const auto removed = dispatcher_->CreateChannel(1);
+  const auto job = removed->Read(reader, handler);
+  dispatcher_->Consume({Mark(1, "ChannelRemoval"), Created(1, 11)});
+  EXPECT_EQ(ReadOnce(1), "+11");
+  EXPECT_EQ(handler.Count(), 0);
+  job->Cancel();
+}
+
+TEST_F(Dispatcher, WhatCameBeforeASubscriptionGoesWithIt) {
+  dispatcher_->Consume({Created(1, 11)});
+  dispatcher_->CreateChannel(1).reset();
+  dispatcher_->Consume({Created(1, 12)});
+  EXPECT_EQ(ReadOnce(1), "+12");
+  EXPECT_EQ(ReadOnce(1), "waits");
+}
+
 // A service that answers two subscriptions with one number, or none.
 TEST_F(Dispatcher, LetsChannelsOfOneNumberShare) {
   dispatcher_->Consume({Created(1, 11)});
@@ -244,6 +267,70 @@ TEST_F(Dispatcher, SubscribesOnceAndAgainOnlyBehindAFailureToDoSo) {
   dispatcher_.reset();
   EXPECT_EQ(service_.GetLog(),
             "Subscribe Subscribe Subscribe Subscribe ReadSubscription Unsubscribe ");
+}
+
+TEST_F(Dispatcher, SubscribesOnceForAllThatAskMeanwhile) {
+  ServiceCallPtr first;
+  Common::Event asked(true, false);
+  service_.On("Subscribe", [&](const ServiceCallPtr& call) {
+    if (service_.Count("Subscribe") != 1) {
+      call->Reply(SubscribeResults(6));
+    } else {
+      first = call;
+      asked.Set();
+    }
+  });
+  const auto ensure = [&] { EXPECT_FALSE(dispatcher_->EnsureTransmission().IsFailure()); };
+  std::thread one(ensure);
+  asked.Wait();
+  std::thread two(ensure);
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));  // for it to ask, too
+  first->Reply(SubscribeResults(5));
+  one.join();
+  two.join();
+  EXPECT_EQ(service_.Count("Subscribe"), 1);
+  EXPECT_EQ(dispatcher_->GetTransmission(), 5u);
+}
+
+// Wherever memory runs out before the transport has the pull, somebody is told.
+TEST_F(Dispatcher, AnOutOfMemoryAtItsStartIsToldToTheCallerOrTheChannels) {
+  int to_caller = 0;
+  int to_channels = 0;
+  for (const bool is_subscribed : {false, true}) {
+    std::optional<TestSupport::AllocationWatch> watch;
+    bool is_reached = false;
+    for (unsigned int successes = 0; !is_reached; ++successes) {
+      SCOPED_TRACE(successes);
+      dispatcher_ = std::make_shared<RemoteSubscriptionDispatcher>(service_.Connect());
+      service_.On("Subscribe", [&](const ServiceCallPtr& call) {
+        call->Reply(SubscribeResults(5));
+        if (is_subscribed) watch.emplace(successes, 1);
+      });
+      service_.in_create = [&] {
+        if (watch) is_reached = !watch->HasFailed();
+        watch.reset();
+      };
+      if (!is_subscribed) watch.emplace(successes, 1);
+      const Common::Error error = dispatcher_->EnsureTransmission();
+      watch.reset();
+      service_.in_create = nullptr;
+      if (is_reached) break;
+      if (is_subscribed) {
+        EXPECT_FALSE(error.IsFailure());
+        EXPECT_EQ(dispatcher_->EnsureTransmission().GetCode(), Common::kOutOfMemoryCode);
+        EXPECT_TRUE(ReadOnce(1).ends_with(std::to_string(Common::kOutOfMemoryCode)));
+        ++to_channels;
+      } else {
+        EXPECT_EQ(error.GetCode(), Common::kOutOfMemoryCode);
+        EXPECT_EQ(dispatcher_->GetTransmission(), 0u);
+        EXPECT_EQ(service_.Count("Subscribe"), 0);
+        ++to_caller;
+      }
+    }
+  }
+  // Pull and loop; then the loop's job, that of the pull, its request.
+  EXPECT_GE(to_caller, 2);
+  EXPECT_GE(to_channels, 3);
 }
 
 TEST_F(Dispatcher, SendsNothingAtItsEndWithoutATransmission) {
@@ -313,6 +400,7 @@ TEST_F(Dispatcher, AFailedPullEndsTheTransmissionForGood) {
   EXPECT_EQ(ended.Await().GetCode(), 0x32u);
   EXPECT_EQ(dispatcher_->EnsureTransmission().GetCode(), 0x32u);
   EXPECT_EQ(ReadOnce(3), std::to_string(0x32));
+  EXPECT_EQ(ReadOnce(2), std::to_string(0x32));  // was known before
   dispatcher_.reset();
   EXPECT_EQ(service_.Count("ReadSubscription"), 1);
   EXPECT_EQ(service_.Count("Subscribe"), 1);
@@ -394,6 +482,7 @@ TEST_F(Dispatcher, ItsEndBetweenPullsTellsThatTheViewIsBeingClosed) {
   const auto holding = dispatcher_->CreateChannel(2);
   const auto job = channel->Read(reader, handler);
   const auto holding_job = holding->Read(holding_reader, holding_handler);
+  handler.then = [&] { EXPECT_EQ(service_.Count("Unsubscribe"), 0); };
   holding_reader.in_read = [&](const Por::View::Unit&) {
     reading.Set();
     go_on.Wait();
