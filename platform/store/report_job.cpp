@@ -12,12 +12,12 @@
 namespace Platform::Store {
 
 ReportJob::ReportJob(std::shared_ptr<const ObjectStore> store, Dml::ViewSpec spec,
-                     std::optional<unsigned int> limit, Dml::ReportReader* reader,
+                     std::optional<unsigned int> limit, std::shared_ptr<Dml::ReportReader> reader,
                      Async::ActionHandler& handler, const Por::Construction::UnitFactory& factory)
     : store_(std::move(store)),
       spec_(std::move(spec)),
       limit_(limit),
-      reader_(reader),
+      reader_(std::move(reader)),
       handler_(&handler),
       factory_(&factory) {}
 
@@ -44,6 +44,7 @@ void ReportJob::Run() {
   const Common::Error result = RunGuarded(u"Report", [this] { ReadAll(); });
   // What the report held is gone before its end is known.
   spec_ = {};
+  reader_.reset();
   store_.reset();
   TellEnd(*std::exchange(handler_, nullptr), result);
 }

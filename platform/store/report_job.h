@@ -21,10 +21,10 @@ namespace Platform::Store {
 // - Cancel works at any moment; the report ends with 0xF90002 before the next object.
 class ReportJob : public Async::BaseJob {
  public:
-  // `reader` may be null; it, `handler` and `factory` are borrowed until the handler is told. At
-  // most `limit` objects are read.
+  // `reader` may be null. `handler` and `factory` are borrowed until the handler is told. At most
+  // `limit` objects are read.
   ReportJob(std::shared_ptr<const ObjectStore> store, Dml::ViewSpec spec,
-            std::optional<unsigned int> limit, Dml::ReportReader* reader,
+            std::optional<unsigned int> limit, std::shared_ptr<Dml::ReportReader> reader,
             Async::ActionHandler& handler, const Por::Construction::UnitFactory& factory);
 
   void Cancel() override { stop_.store(true, std::memory_order_relaxed); }
@@ -48,7 +48,7 @@ class ReportJob : public Async::BaseJob {
   std::shared_ptr<const ObjectStore> store_;
   Dml::ViewSpec spec_;
   const std::optional<unsigned int> limit_;
-  Dml::ReportReader* const reader_;
+  std::shared_ptr<Dml::ReportReader> reader_;
   Async::ActionHandler* handler_;
   const Por::Construction::UnitFactory* const factory_;
   std::atomic<bool> stop_{false};

@@ -45,7 +45,7 @@ class StorePostOffice final : public Dml::PostOffice {
                                         Async::ActionHandler& handler) override {
     return Start(handler, [&] {
       return std::make_shared<SubscribeJob>(follower_, store_, spec, GetLimit(spec.options.get()),
-                                            reader.get(), subscription, handler, *factory_);
+                                            std::move(reader), subscription, handler, *factory_);
     });
   }
 
@@ -53,8 +53,8 @@ class StorePostOffice final : public Dml::PostOffice {
                                      std::shared_ptr<Dml::ReportReader> reader,
                                      Async::ActionHandler& handler) override {
     return Start(handler, [&] {
-      return std::make_shared<ReportJob>(store_, spec, GetLimit(spec.options.get()), reader.get(),
-                                         handler, *factory_);
+      return std::make_shared<ReportJob>(store_, spec, GetLimit(spec.options.get()),
+                                         std::move(reader), handler, *factory_);
     });
   }
 

@@ -8,11 +8,12 @@ namespace Platform::Store {
 
 SubscribeJob::SubscribeJob(std::shared_ptr<ChangeFollower> follower,
                            std::shared_ptr<const ObjectStore> store, Dml::ViewSpec spec,
-                           std::optional<unsigned int> limit, Dml::ReportReader* reader,
+                           std::optional<unsigned int> limit,
+                           std::shared_ptr<Dml::ReportReader> reader,
                            std::unique_ptr<Dml::Subscription>& subscription,
                            Async::ActionHandler& handler,
                            const Por::Construction::UnitFactory& factory)
-    : ReportJob(std::move(store), spec, limit, reader, handler, factory),
+    : ReportJob(std::move(store), spec, limit, std::move(reader), handler, factory),
       follower_(std::move(follower)),
       filter_(spec.pattern, limit),
       subscription_(&subscription) {}

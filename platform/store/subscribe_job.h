@@ -14,7 +14,8 @@ class SubscribeJob final : public ReportJob {
  public:
   // As ReportJob. `subscription` is borrowed until the handler is told, and filled on success.
   SubscribeJob(std::shared_ptr<ChangeFollower> follower, std::shared_ptr<const ObjectStore> store,
-               Dml::ViewSpec spec, std::optional<unsigned int> limit, Dml::ReportReader* reader,
+               Dml::ViewSpec spec, std::optional<unsigned int> limit,
+               std::shared_ptr<Dml::ReportReader> reader,
                std::unique_ptr<Dml::Subscription>& subscription, Async::ActionHandler& handler,
                const Por::Construction::UnitFactory& factory);
 

@@ -8,9 +8,10 @@
 
 namespace Dml {
 
-// `job` as a pointer that keeps `owned` alive too, also when there is no job to point to. Work that
-// is under way uses `owned` until its handler has been told: when there is no memory for the
-// pointer, kPointerTries times in a row, the job is cancelled and comes back as it is.
+// `job` as a pointer that keeps `owned` alive too, also when there is no job to point to. When
+// there is no memory for the pointer, kPointerTries times in a row, the job is cancelled and comes
+// back as it is. A cancel doesn't wait for an end that another thread is telling, so what that
+// still uses of `owned` has a share of its own in it: that of the job.
 template <class Owned>
 std::shared_ptr<Async::Job> KeepAlive(std::shared_ptr<Async::Job> job,
                                       const std::shared_ptr<Owned>& owned) {
@@ -23,7 +24,7 @@ std::shared_ptr<Async::Job> KeepAlive(std::shared_ptr<Async::Job> job,
       // The work is under way and its handler waits to be told: try again.
     }
   }
-  // Nothing keeps `owned` alive now, so the job must not go on.
+  // The caller's pointer doesn't keep `owned` alive as it should: the job must not go on.
   if (job != nullptr) job->Cancel();
   return job;
 }

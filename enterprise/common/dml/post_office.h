@@ -11,8 +11,8 @@ namespace Dml {
 
 // The one interface through which readers reach objects, in a service or in a local store.
 // Both operations start work and return its job, which may be null; the end is told to `handler`,
-// possibly before the call returns. `reader` may be null and is borrowed: the caller keeps it alive
-// until the job is gone. Threads: any; the post office must outlive its jobs.
+// possibly before the call returns. `reader` may be null; the work has a share in it up to its last
+// call. Threads: any; the post office must outlive its jobs.
 class PostOffice : public Common::NonCopyable {
  public:
   virtual ~PostOffice() = default;

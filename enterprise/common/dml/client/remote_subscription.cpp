@@ -62,9 +62,12 @@ auto MakeFailureHandler(Async::ActionHandler& handler, Functor functor) {
 class PullViewUpdatesJob final : public SmartRequestRunner {
  public:
   PullViewUpdatesJob(std::shared_ptr<Binding::AccessPoint> access_point,
-                     Async::ActionHandler& handler, std::uint32_t view_id,
+                     std::shared_ptr<Async::ActionHandler> handler, std::uint32_t view_id,
                      SubscriptionReader& reader)
-      : SmartRequestRunner(std::move(access_point), handler), view_id_(view_id), reader_(&reader) {}
+      : SmartRequestRunner(std::move(access_point), *handler),
+        kept_handler_(std::move(handler)),
+        view_id_(view_id),
+        reader_(&reader) {}
 
   void Succeeded() override { ReadUpdates(updates_, *reader_); }
   std::unique_ptr<Binding::Request> CreateRequest() override {
@@ -72,6 +75,7 @@ class PullViewUpdatesJob final : public SmartRequestRunner {
   }
 
  private:
+  const std::shared_ptr<Async::ActionHandler> kept_handler_;
   const std::uint32_t view_id_;
   SubscriptionReader* const reader_;
   std::vector<ViewManagement::ViewUpdate> updates_;
@@ -95,7 +99,7 @@ std::shared_ptr<Async::Job> StandaloneRemoteSubscription::Read(SubscriptionReade
                                                                Async::ActionHandler& handler) {
   const auto failure_handler = MakeFailureHandler(handler, MakeCloseView(access_point_, id_));
   const auto job =
-      std::make_shared<PullViewUpdatesJob>(access_point_, *failure_handler, id_, reader);
+      std::make_shared<PullViewUpdatesJob>(access_point_, failure_handler, id_, reader);
   job->Run();
   return KeepAlive(job, failure_handler);
 }
@@ -115,7 +119,7 @@ std::shared_ptr<Async::Job> RemoteChannel::Read(SubscriptionReader& reader,
                                                 Async::ActionHandler& handler) {
   const auto failure_handler =
       MakeFailureHandler(handler, MakeRemoveInterest(access_point_, topic_));
-  return KeepAlive(cache_->CheckOut(reader, *failure_handler), failure_handler);
+  return KeepAlive(cache_->CheckOut(reader, *failure_handler, failure_handler), failure_handler);
 }
 
 }  // namespace Dml::Client

@@ -63,12 +63,13 @@ ViewSpec PrepareSpec(const Core::EntryPoint& entry_point, const ViewSpec& spec,
 // Asks for a view and gives the objects of the reply to the reader.
 class ReportCommandBase : public SmartRequestRunner {
  public:
-  // The reader may be null; it is borrowed.
+  // The reader may be null.
   ReportCommandBase(std::shared_ptr<Binding::AccessPoint> access_point,
-                    Async::ActionHandler& handler, ViewSpec spec, ReportReader* reader)
+                    Async::ActionHandler& handler, ViewSpec spec,
+                    std::shared_ptr<ReportReader> reader)
       : SmartRequestRunner(std::move(access_point), handler),
         spec_(std::move(spec)),
-        reader_(reader) {}
+        reader_(std::move(reader)) {}
 
   // The objects end with this call, whatever the reader throws.
   void Succeeded() override {
@@ -90,7 +91,7 @@ class ReportCommandBase : public SmartRequestRunner {
 
  private:
   const ViewSpec spec_;
-  ReportReader* const reader_;
+  const std::shared_ptr<ReportReader> reader_;
 };
 
 class OpenStaticViewCommand final : public ReportCommandBase {
@@ -110,9 +111,10 @@ class OpenStaticViewCommand final : public ReportCommandBase {
 class SubscriptionCommandBase : public ReportCommandBase {
  public:
   SubscriptionCommandBase(const std::shared_ptr<Binding::AccessPoint>& access_point,
-                          Async::ActionHandler& handler, ViewSpec spec, ReportReader* reader,
+                          Async::ActionHandler& handler, ViewSpec spec,
+                          std::shared_ptr<ReportReader> reader,
                           std::unique_ptr<Subscription>& subscription)
-      : ReportCommandBase(access_point, handler, std::move(spec), reader),
+      : ReportCommandBase(access_point, handler, std::move(spec), std::move(reader)),
         access_point_(access_point),
         subscription_(&subscription) {}
 
@@ -153,10 +155,12 @@ class OpenDynamicViewCommand final : public SubscriptionCommandBase {
 class AddChannelCommand final : public SubscriptionCommandBase {
  public:
   AddChannelCommand(const std::shared_ptr<Binding::AccessPoint>& access_point,
-                    Async::ActionHandler& handler, ViewSpec spec, ReportReader* reader,
+                    Async::ActionHandler& handler, ViewSpec spec,
+                    std::shared_ptr<ReportReader> reader,
                     std::unique_ptr<Subscription>& subscription,
                     std::shared_ptr<RemoteSubscriptionDispatcher> dispatcher)
-      : SubscriptionCommandBase(access_point, handler, std::move(spec), reader, subscription),
+      : SubscriptionCommandBase(access_point, handler, std::move(spec), std::move(reader),
+                                subscription),
         dispatcher_(std::move(dispatcher)) {}
 
   void Succeeded() override {
@@ -207,13 +211,13 @@ class RemotePostOffice : public PostOffice {
                                         std::unique_ptr<Subscription>& subscription,
                                         Async::ActionHandler& handler) override {
     return RunCommand<OpenDynamicViewCommand>(access_point_, handler, Prepare(entry_point, spec),
-                                              reader.get(), subscription);
+                                              std::move(reader), subscription);
   }
   std::shared_ptr<Async::Job> Report(const Core::EntryPoint& entry_point, const ViewSpec& spec,
                                      std::shared_ptr<ReportReader> reader,
                                      Async::ActionHandler& handler) override {
     return RunCommand<OpenStaticViewCommand>(access_point_, handler, Prepare(entry_point, spec),
-                                             reader.get());
+                                             std::move(reader));
   }
 
  protected:
@@ -250,7 +254,7 @@ class ChanneledRemotePostOffice final : public RemotePostOffice {
       return nullptr;
     }
     return RunCommand<AddChannelCommand>(GetAccessPoint(), handler, Prepare(entry_point, spec),
-                                         reader.get(), subscription, std::move(dispatcher));
+                                         std::move(reader), subscription, std::move(dispatcher));
   }
 
  private:

@@ -45,9 +45,11 @@ class BasicInMemoryUpdateCache final : public Consumer {
   void Fail(const Common::Error& error) override;
 
   // Reads what there is, or leaves a job that waits for it. Null when `handler` has been told.
-  // `reader` and `handler` are borrowed until then; the cache doesn't tell at its end.
+  // `reader` and `handler` are borrowed until then; the cache doesn't tell at its end. The job
+  // holds `kept` as long as anything refers to it, the cache up to the next delivery.
   // Throws Common::Error when memory is out; then nothing has happened.
-  std::shared_ptr<Async::Job> CheckOut(SubscriptionReader& reader, Async::ActionHandler& handler);
+  std::shared_ptr<Async::Job> CheckOut(SubscriptionReader& reader, Async::ActionHandler& handler,
+                                       std::shared_ptr<void> kept = nullptr);
 
  private:
   using Updates = std::vector<ViewManagement::ViewUpdate>;

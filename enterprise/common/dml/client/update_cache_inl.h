@@ -9,7 +9,6 @@
 #include "core/common/line_tag.h"
 #include "core/common/message_table.h"
 #include "enterprise/common/async/async_error.h"
-#include "enterprise/common/async/operation_description.h"
 #include "enterprise/common/dml/client/update_cache.h"
 #include "enterprise/common/dml/dml_codes.h"
 #include "enterprise/common/dml/safe_invoke.h"
@@ -23,13 +22,7 @@ inline constexpr Common::SourceFile kUpdateCacheSource{
 // What a reader throws beside Common::Error ends its read.
 inline Common::Error ReadGuarded(const std::vector<ViewManagement::ViewUpdate>& updates,
                                  SubscriptionReader& reader) {
-  try {
-    ReadUpdates(updates, reader);
-    return {};
-  } catch (...) {
-    Async::NamedOperationDescription operation(u"Read");
-    return Async::DescribeCaughtException(operation);
-  }
+  return RunGuarded(u"Read", [&] { ReadUpdates(updates, reader); });
 }
 
 }  // namespace Detail
@@ -38,8 +31,8 @@ inline Common::Error ReadGuarded(const std::vector<ViewManagement::ViewUpdate>& 
 template <class Atomics>
 class BasicInMemoryUpdateCache<Atomics>::CheckoutJob final : public Async::BaseJob {
  public:
-  CheckoutJob(SubscriptionReader& reader, Async::ActionHandler& handler)
-      : reader_(&reader), handler_(&handler) {}
+  CheckoutJob(SubscriptionReader& reader, Async::ActionHandler& handler, std::shared_ptr<void> kept)
+      : kept_(std::move(kept)), reader_(&reader), handler_(&handler) {}
 
   void Cancel() override {
     if (Async::ActionHandler* const handler = TakeHandler()) {
@@ -52,6 +45,7 @@ class BasicInMemoryUpdateCache<Atomics>::CheckoutJob final : public Async::BaseJ
   SubscriptionReader& GetReader() const { return *reader_; }
 
  private:
+  const std::shared_ptr<void> kept_;
   SubscriptionReader* const reader_;
   typename Atomics::template Pointer<Async::ActionHandler> handler_;
 };
@@ -102,7 +96,7 @@ void BasicInMemoryUpdateCache<Atomics>::Deliver(const Updates& records, Iterator
 
 template <class Atomics>
 std::shared_ptr<Async::Job> BasicInMemoryUpdateCache<Atomics>::CheckOut(
-    SubscriptionReader& reader, Async::ActionHandler& handler) {
+    SubscriptionReader& reader, Async::ActionHandler& handler, std::shared_ptr<void> kept) {
   Updates updates;
   Common::Error result;
   {
@@ -117,7 +111,7 @@ std::shared_ptr<Async::Job> BasicInMemoryUpdateCache<Atomics>::CheckOut(
       result = failure_;
     } else {
       try {
-        pending_ = std::make_shared<CheckoutJob>(reader, handler);
+        pending_ = std::make_shared<CheckoutJob>(reader, handler, std::move(kept));
       } catch (const std::bad_alloc&) {
         throw Common::Error::OutOfMemory();
       }

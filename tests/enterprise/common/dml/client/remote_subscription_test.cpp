@@ -4,10 +4,16 @@
 
 #include <functional>
 #include <memory>
+#include <new>
+#include <optional>
+#include <stdexcept>
 #include <string>
+#include <utility>
 
+#include "core/common/unix/event.h"
 #include "enterprise/common/async/async_error.h"
 #include "tests/enterprise/common/dml/client/client_support.h"
+#include "tests/support/allocation_watch.h"
 #include "tests/support/scripted_service.h"
 #include "tests/support/trace_recorder.h"
 
@@ -101,6 +107,48 @@ TEST_F(StandaloneReads, EndOnADeadConnection) {
   EXPECT_EQ(service_.GetLog(), "");
 }
 
+TEST_F(StandaloneReads, EndWhereTheirReaderCannotGoOn) {
+  service_.Answer("AcquireUpdates", AcquireUpdatesResults({Created(1), Created(2), Created(3)}));
+  const std::pair<std::function<void()>, std::uint32_t> cases[] = {
+      {[] { throw std::bad_alloc(); }, Common::kOutOfMemoryCode},
+      {[] { throw std::runtime_error("odd"); }, 0xF90007},
+  };
+  for (const auto& [raise, code] : cases) {
+    reader_.in_read = [&, raise = raise](const Por::View::Unit& unit) {
+      if (Por::Util::GetValue<unsigned int>(unit) == 2) raise();
+    };
+    TellingHandler handler;
+    const std::shared_ptr<Async::Job> job = view_->Read(reader_, handler);
+    EXPECT_EQ(handler.Await().GetCode(), code);
+    EXPECT_EQ(handler.Count(), 1);
+    EXPECT_EQ(reader_.Take(), "+1");
+  }
+  EXPECT_EQ(service_.Count("CloseView"), 2);
+}
+
+// The cancel finds that another thread is about to tell, and doesn't wait for it.
+TEST_F(StandaloneReads, LackMemoryForTheirPointerWhileTheReaderRuns) {
+  std::optional<TestSupport::AllocationWatch> watch;
+  Common::Event reading(true, false);
+  Common::Event go_on(true, false);
+  reader_.in_read = [&](const Por::View::Unit&) {
+    reading.Set();
+    go_on.Wait();
+  };
+  service_.On("AcquireUpdates", [&](const ServiceCallPtr& call) {
+    service_.Post([call] { call->Reply(AcquireUpdatesResults({Created(1)})); });
+    reading.Wait();
+    watch.emplace(0, 8);
+  });
+  const std::shared_ptr<Async::Job> job = view_->Read(reader_, handler_);
+  EXPECT_EQ(watch->GetFailureCount(), 8u);
+  watch.reset();
+  EXPECT_EQ(handler_.Count(), 0);
+  go_on.Set();
+  EXPECT_FALSE(handler_.Await().IsFailure());
+  EXPECT_EQ(reader_.Take(), "+1");
+}
+
 class ChannelReads : public Subscriptions {
  protected:
   const std::shared_ptr<InMemoryUpdateCache> cache_ = std::make_shared<InMemoryUpdateCache>();
@@ -141,6 +189,19 @@ TEST_F(ChannelReads, RemoveTheInterestWhenTheyFail) {
   EXPECT_EQ(service_.Count("RemoveInterest"), 3);
   channel_.reset();
   EXPECT_EQ(service_.Count("RemoveInterest"), 4);
+}
+
+TEST_F(ChannelReads, AreCancelledForLackOfMemoryForTheirPointer) {
+  std::shared_ptr<Async::Job> job;
+  {
+    // Handler and job succeed.
+    const TestSupport::AllocationWatch watch(2, 8);
+    job = channel_->Read(reader_, handler_);
+    EXPECT_EQ(watch.GetFailureCount(), 8u);
+  }
+  EXPECT_NE(job, nullptr);
+  EXPECT_EQ(handler_.Await().GetCode(), Async::kCanceledCode);
+  EXPECT_EQ(service_.Count("RemoveInterest"), 1);
 }
 
 TEST_F(ChannelReads, MayBeDroppedByTheirHandler) {

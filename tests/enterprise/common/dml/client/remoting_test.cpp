@@ -7,6 +7,7 @@
 #include <memory>
 #include <new>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -73,6 +74,47 @@ class RemotePostOffices : public testing::Test {
   ScriptedService service_;
   const std::shared_ptr<NotingObjects> reader_ = std::make_shared<NotingObjects>();
 };
+
+TEST_F(RemotePostOffices, KeepTheReaderWithTheWork) {
+  auto office = Make(1);
+  auto reader = std::make_shared<NotingObjects>();
+  const std::weak_ptr<NotingObjects> watched = reader;
+  TellingHandler handler;
+  auto job = office->Report(MakeEntryPoint(), ViewSpec(), std::move(reader), handler);
+  service_.Next("OpenStaticView")->Reply(OpenViewResults({Number(1)}));
+  EXPECT_FALSE(handler.Await().IsFailure());
+  ASSERT_FALSE(watched.expired());
+  EXPECT_EQ(watched.lock()->read, "+1");
+  job.reset();
+  EXPECT_TRUE(watched.expired());
+}
+
+TEST_F(RemotePostOffices, EndWhereTheReaderCannotGoOn) {
+  const std::vector<Por::SharedUnit> snapshot = {Number(1), Number(2), Number(3)};
+  service_.Answer("OpenStaticView", OpenViewResults(snapshot));
+  service_.Answer("OpenDynamicView", OpenViewResults(snapshot, 8));
+  service_.Answer("AddInterest", AddInterestResults(3, 4, snapshot));
+  const std::pair<std::function<void()>, std::uint32_t> cases[] = {
+      {[] { throw std::bad_alloc(); }, Common::kOutOfMemoryCode},
+      {[] { throw std::runtime_error("odd"); }, 0xF90007},
+  };
+  for (const std::uint32_t version : {1u, 2u}) {
+    const auto office = Make(version);
+    for (const auto& [raise, code] : cases) {
+      reader_->in_read = [&, raise = raise] {
+        if (reader_->read.ends_with("+2")) raise();
+      };
+      TellingHandler handler;
+      const auto job = office->Report(MakeEntryPoint(), ViewSpec(), reader_, handler);
+      EXPECT_EQ(handler.Await().GetCode(), code);
+      EXPECT_EQ(handler.Count(), 1);
+      std::unique_ptr<Subscription> subscription;
+      EXPECT_EQ(Subscribe(*office, subscription).GetCode(), code);
+      EXPECT_EQ(subscription, nullptr);
+      EXPECT_EQ(std::exchange(reader_->read, {}), "+1+2+1+2");
+    }
+  }
+}
 
 TEST_F(RemotePostOffices, FollowTheVersionOfTheViewManager) {
   service_.Answer("OpenDynamicView", OpenViewResults({}, 8));

@@ -8,6 +8,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "enterprise/common/async/async_error.h"
@@ -203,6 +204,18 @@ TEST_F(UpdateCacheReads, MayEndTheCacheFromTheirHandler) {
     EXPECT_EQ(handler.Await().GetCode(), fails ? kOld : 0);
     EXPECT_EQ(held, nullptr);
   }
+}
+
+TEST_F(UpdateCacheReads, JobsHoldWhatTheyAreToKeep) {
+  auto kept = std::make_shared<int>();
+  const std::weak_ptr<int> watched = kept;
+  TellingHandler handler;
+  auto job = cache_->CheckOut(reader_, handler, std::move(kept));
+  cache_->Consume({Created(1)});
+  EXPECT_EQ(handler.Count(), 1);
+  EXPECT_FALSE(watched.expired());
+  job.reset();
+  EXPECT_TRUE(watched.expired());
 }
 
 TEST_F(UpdateCacheReads, MayFollowOneAnotherInReaderAndHandler) {
