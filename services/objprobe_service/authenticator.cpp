@@ -10,32 +10,90 @@
 
 namespace ObjProbeService {
 
-FailureCounter::Answer FailureCounter::Begin(const std::string& name, Clock::time_point now) {
-  const auto [found, is_new] = windows_.try_emplace(name);
-  Window& window = found->second;
-  if (is_new || now - window.begin >= window_) {
-    window.begin = now;
-    window.failures = 0;
-  }
-  if (window.failures >= most_) return Answer::kTooMany;
-  if (window.failures + window.open >= most_) return Answer::kWait;
-  ++window.open;
-  if (windows_.size() > max_names_) {
-    windows_.erase(std::min_element(windows_.begin(), windows_.end(), [](auto& a, auto& b) {
-      return a.second.begin < b.second.begin;
-    }));
-  }
-  return Answer::kGo;
+FailureCounter::Verdict FailureCounter::Judge(const std::string& name,
+                                              Clock::time_point now) const {
+  const auto found = windows_.find(name);
+  const Window window = found != windows_.end() ? found->second : Window();
+  const unsigned int failures = CountFailures(window, now);
+  if (failures >= most_) return Verdict::kRefused;
+  return window.in_flight < most_ - failures ? Verdict::kGo : Verdict::kWait;
 }
 
-void FailureCounter::End(const std::string& name, bool has_failed) {
+void FailureCounter::Begin(const std::string& name, Clock::time_point now) {
+  const auto [found, is_new] = windows_.try_emplace(name);
+  if (is_new) found->second.begin = now;
+  ++found->second.in_flight;
+  if (windows_.size() > max_names_) ForgetOne();
+}
+
+void FailureCounter::End(const std::string& name, bool is_failure, Clock::time_point now) noexcept {
   const auto found = windows_.find(name);
   if (found == windows_.end()) return;
   Window& window = found->second;
-  if (window.open > 0) --window.open;
-  if (has_failed) ++window.failures;
-  if (window.failures == 0 && window.open == 0) windows_.erase(found);
+  --window.in_flight;
+  window.failures = CountFailures(window, now);
+  if (is_failure && window.failures++ == 0) window.begin = now;
+  if (window.in_flight == 0 && window.failures == 0) windows_.erase(found);
 }
+
+unsigned int FailureCounter::CountFailures(const Window& window, Clock::time_point now) const {
+  return now - window.begin < window_ ? window.failures : 0;
+}
+
+void FailureCounter::ForgetOne() {
+  auto oldest = windows_.end();
+  for (auto window = windows_.begin(); window != windows_.end(); ++window) {
+    if (window->second.in_flight != 0) continue;
+    if (oldest == windows_.end() || window->second.begin < oldest->second.begin) oldest = window;
+  }
+  if (oldest != windows_.end()) windows_.erase(oldest);
+}
+
+// One check of a password; a failure unless it is said to be none.
+class Authenticator::Attempt : public Common::NonCopyable {
+ public:
+  Attempt(Authenticator& owner, const std::string& network, const std::string& user)
+      : owner_(owner), network_(network), user_(user) {}
+  ~Attempt() {
+    const std::lock_guard lock(owner_.mutex_);
+    const auto now = FailureCounter::Clock::now();
+    if (is_of_address_) owner_.addresses_.End(network_, is_failure_, now);
+    if (is_of_user_) owner_.users_.End(user_, is_failure_, now);
+    owner_.end_of_attempt_.notify_all();
+  }
+
+  // Waits until it may begin. What there were too many failures of; null when it has begun. `user`
+  // counts if it is known.
+  const char* Begin(bool is_known) {
+    using Verdict = FailureCounter::Verdict;
+    std::unique_lock lock(owner_.mutex_);
+    for (;;) {
+      const auto now = FailureCounter::Clock::now();
+      const Verdict address = owner_.addresses_.Judge(network_, now);
+      if (address == Verdict::kRefused) return "address";
+      const Verdict user = is_known ? owner_.users_.Judge(user_, now) : Verdict::kGo;
+      if (user == Verdict::kRefused) return "user";
+      if (address == Verdict::kGo && user == Verdict::kGo) {
+        owner_.addresses_.Begin(network_, now);
+        is_of_address_ = true;
+        if (!is_known) return nullptr;
+        owner_.users_.Begin(user_, now);
+        is_of_user_ = true;
+        return nullptr;
+      }
+      owner_.end_of_attempt_.wait(lock);
+    }
+  }
+  void Forgive() { is_failure_ = false; }
+
+ private:
+  Authenticator& owner_;
+  const std::string& network_;
+  const std::string& user_;
+  bool is_of_address_ = false;
+  bool is_of_user_ = false;
+  bool is_failure_ = true;
+};
 
 Authenticator::Authenticator(std::string user_file, const Limits& limits, Log log)
     : file_(std::move(user_file)),
@@ -67,50 +125,19 @@ bool Authenticator::Check(const std::string& user, const std::string& password,
     return false;
   }
   const std::string network = GetNetwork(address);
+  Attempt attempt(*this, network, user);
   // Names that anybody can think of don't fill the counter.
-  const bool is_known = users->contains(user);
-  const char* const refusal = Begin(network, user, is_known);
-  if (refusal != nullptr) {
-    log_(who + " refused: " + refusal);
+  const char* const too_many = attempt.Begin(users->contains(user));
+  if (too_many != nullptr) {
+    log_(who + " refused: too many failures of the " + too_many);
     return false;
   }
-  bool is_right = false;
-  try {
-    is_right = CheckPassword(*users, user, password);
-  } catch (...) {
-    End(network, user, is_known, true);
-    throw;
+  if (!CheckPassword(*users, user, password)) {
+    log_(who + " refused: unknown user or wrong password");
+    return false;
   }
-  End(network, user, is_known, !is_right);
-  if (!is_right) log_(who + " refused: unknown user or wrong password");
-  return is_right;
-}
-
-const char* Authenticator::Begin(const std::string& network, const std::string& user,
-                                 bool is_known) {
-  using Answer = FailureCounter::Answer;
-  std::unique_lock lock(mutex_);
-  while (!is_stopped_) {
-    const auto now = FailureCounter::Clock::now();
-    Answer answer = addresses_.Begin(network, now);
-    if (answer == Answer::kTooMany) return "too many failures of the address";
-    if (answer == Answer::kGo && is_known) {
-      answer = users_.Begin(user, now);
-      if (answer != Answer::kGo) addresses_.End(network, answer == Answer::kTooMany);
-      if (answer == Answer::kTooMany) return "too many failures of the user";
-    }
-    if (answer == Answer::kGo) return nullptr;
-    changed_.wait(lock);
-  }
-  return "the service ends";
-}
-
-void Authenticator::End(const std::string& network, const std::string& user, bool is_known,
-                        bool has_failed) {
-  const std::lock_guard lock(mutex_);
-  addresses_.End(network, has_failed);
-  if (is_known) users_.End(user, has_failed);
-  changed_.notify_all();
+  attempt.Forgive();
+  return true;
 }
 
 bool Authenticator::CheckPassword(const UserHashes& users, const std::string& user,
@@ -127,12 +154,12 @@ bool Authenticator::CheckPassword(const UserHashes& users, const std::string& us
 void Authenticator::Stop() {
   const std::lock_guard lock(mutex_);
   is_stopped_ = true;
-  changed_.notify_all();
+  stop_.notify_all();
 }
 
 void Authenticator::WaitUntil(FailureCounter::Clock::time_point time) {
   std::unique_lock lock(mutex_);
-  changed_.wait_until(lock, time, [this] { return is_stopped_; });
+  stop_.wait_until(lock, time, [this] { return is_stopped_; });
 }
 
 std::string GetNetwork(const std::string& address) {

@@ -17,29 +17,32 @@ namespace ObjProbeService {
 class FailureCounter : public Common::NonCopyable {
  public:
   using Clock = std::chrono::steady_clock;
+  enum class Verdict {
+    kGo,
+    kWait,     // those in flight may become too many; to be asked again when one of them has ended
+    kRefused,  // there were too many
+  };
 
-  // `most` within `window`, which begins with the first of them. Of `max_names` names at most: then
-  // the one whose window began first is forgotten.
+  // `most` within `window`, which begins with the first of them. Of `max_names` names at most, and
+  // those with attempts in flight: then the one whose window began first is forgotten.
   FailureCounter(unsigned int most, Clock::duration window, std::size_t max_names)
       : most_(most), window_(window), max_names_(max_names) {}
 
-  enum class Answer {
-    kGo,       // an attempt is open now
-    kWait,     // were all open ones to fail, there would be too many: ask again when one has ended
-    kTooMany,  // failures there were
-  };
-
-  // Before each attempt; so that many at once aren't more guesses than one after the other.
-  Answer Begin(const std::string& name, Clock::time_point now);
-  // Ends an open attempt.
-  void End(const std::string& name, bool has_failed);
+  // What is to become of one more attempt.
+  Verdict Judge(const std::string& name, Clock::time_point now) const;
+  // An attempt begins; each one must end. Throws std::bad_alloc; it has not begun then.
+  void Begin(const std::string& name, Clock::time_point now);
+  void End(const std::string& name, bool is_failure, Clock::time_point now) noexcept;
 
  private:
   struct Window {
     Clock::time_point begin;
     unsigned int failures = 0;
-    unsigned int open = 0;
+    unsigned int in_flight = 0;
   };
+
+  unsigned int CountFailures(const Window& window, Clock::time_point now) const;
+  void ForgetOne();
 
   const unsigned int most_;
   const Clock::duration window_;
@@ -53,6 +56,9 @@ class FailureCounter : public Common::NonCopyable {
 //   refusal comes a fixed time after the attempt, whatever its cause.
 // - After too many failures from one network address, or for one user, all attempts of these are
 //   refused for the rest of the time in which they were counted, the right password included.
+// - Attempts count when they have failed. Those that would be too many only if all of them failed
+//   wait for one another, so that right passwords are let in however many come at a time, and no
+//   more wrong ones are tried than may fail.
 class Authenticator : public Common::NonCopyable {
  public:
   struct Limits {
@@ -77,11 +83,9 @@ class Authenticator : public Common::NonCopyable {
   void Stop();
 
  private:
+  class Attempt;
+
   bool Check(const std::string& user, const std::string& password, const std::string& address);
-  // Waits for its turn where many attempts are open. Tells which counter has refused it, null if
-  // none has.
-  const char* Begin(const std::string& network, const std::string& user, bool is_known);
-  void End(const std::string& network, const std::string& user, bool is_known, bool has_failed);
   // Also for users that aren't there, at the same cost.
   bool CheckPassword(const UserHashes& users, const std::string& user, const std::string& password);
   void WaitUntil(FailureCounter::Clock::time_point time);
@@ -91,8 +95,9 @@ class Authenticator : public Common::NonCopyable {
   const Log log_;
   const std::string nobodys_hash_;
 
-  std::mutex mutex_;                 // guards the fields below
-  std::condition_variable changed_;  // an attempt has ended, or all are to
+  std::mutex mutex_;  // guards the fields below
+  std::condition_variable end_of_attempt_;
+  std::condition_variable stop_;
   bool is_stopped_ = false;
   FailureCounter addresses_;
   FailureCounter users_;

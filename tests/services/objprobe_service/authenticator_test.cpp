@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <time.h>
 
 #include <atomic>
 #include <chrono>
@@ -145,42 +146,39 @@ TEST(UserName, MakesOneFieldOfALine) {
 }
 
 TEST(FailureCounter, CountsWithinAWindow) {
-  using Answer = FailureCounter::Answer;
+  using Verdict = FailureCounter::Verdict;
   FailureCounter counter(2, milliseconds(100), 3);
   const Clock::time_point start;
-  const auto ask = [&](const char* name, int after) {
-    return counter.Begin(name, start + milliseconds(after));
+  const auto judge = [&](const char* name, int after) {
+    return counter.Judge(name, start + milliseconds(after));
   };
-  const auto begin = [&](const char* name, int after) {
-    if (ask(name, after) != Answer::kGo) return false;
-    counter.End(name, true);
-    return true;
+  const auto attempt = [&](const char* name, int after, bool is_failure = true) {
+    counter.Begin(name, start + milliseconds(after));
+    counter.End(name, is_failure, start + milliseconds(after));
   };
-  // As many are open at once as may fail.
-  EXPECT_EQ(ask("a", 0), Answer::kGo);
-  EXPECT_EQ(ask("a", 0), Answer::kGo);
-  EXPECT_EQ(ask("a", 0), Answer::kWait);
-  EXPECT_EQ(ask("b", 0), Answer::kGo);
-  counter.End("b", false);
-  counter.End("a", false);
-  EXPECT_EQ(ask("a", 0), Answer::kGo);
-  EXPECT_EQ(ask("a", 0), Answer::kWait);
-  counter.End("a", false);
-  counter.End("a", false);
-  EXPECT_TRUE(begin("a", 10));
-  EXPECT_TRUE(begin("a", 20));
-  EXPECT_FALSE(begin("a", 30));
-  EXPECT_TRUE(begin("b", 30));
-  EXPECT_FALSE(begin("a", 109));
-  EXPECT_TRUE(begin("a", 110));  // a new window
-  EXPECT_TRUE(begin("a", 120));
-  EXPECT_FALSE(begin("a", 130));
-  // With one name too many the oldest window goes: that of b.
-  EXPECT_TRUE(begin("b", 120));
-  EXPECT_TRUE(begin("c", 125));
-  EXPECT_TRUE(begin("d", 126));
-  EXPECT_TRUE(begin("b", 127));
-  EXPECT_TRUE(begin("b", 128));
+  attempt("a", 0, false);
+  attempt("a", 10);
+  EXPECT_EQ(judge("a", 15), Verdict::kGo);
+  attempt("a", 20);
+  EXPECT_EQ(judge("a", 109), Verdict::kRefused);
+  EXPECT_EQ(judge("b", 30), Verdict::kGo);
+  // A new window. Those in flight count as failures only when they are some.
+  EXPECT_EQ(judge("a", 110), Verdict::kGo);
+  for (int i = 0; i < 2; ++i) counter.Begin("a", start + milliseconds(110));
+  EXPECT_EQ(judge("a", 110), Verdict::kWait);
+  counter.End("a", true, start + milliseconds(110));
+  EXPECT_EQ(judge("a", 111), Verdict::kWait);
+  counter.End("a", false, start + milliseconds(112));
+  EXPECT_EQ(judge("a", 113), Verdict::kGo);
+  attempt("a", 114);
+  EXPECT_EQ(judge("a", 209), Verdict::kRefused);
+  // With one name too many the oldest window goes: that of b, as one of a is in flight.
+  counter.Begin("a", start + milliseconds(115));
+  for (const char* name : {"b", "b", "c", "d"}) attempt(name, 120);
+  EXPECT_EQ(judge("a", 130), Verdict::kRefused);
+  EXPECT_EQ(judge("b", 130), Verdict::kGo);
+  attempt("b", 130);
+  EXPECT_EQ(judge("b", 130), Verdict::kGo);
 }
 
 TEST(Network, IsTheHostOrHalfOfALongAddress) {
@@ -260,26 +258,50 @@ TEST_F(AuthenticatorTest, RefusesAfterTooManyFailures) {
   EXPECT_NE(log_.find("refused: too many failures of the user"), std::string::npos);
 }
 
-TEST_F(AuthenticatorTest, ManyAtOnceWaitForEachOther) {
-  limits_.max_failures_of_address = 2;
+TEST_F(AuthenticatorTest, AttemptsAtATimeAreJudgedByTheirEnds) {
+  constexpr int kAttempts = 12;
+  limits_.max_failures_of_address = 3;
   const auto authenticator = Make();
-  std::atomic<int> admitted{0};
-  std::vector<std::thread> clients;
-  for (int i = 0; i < 12; ++i) {
-    clients.emplace_back(
-        [&] { admitted += authenticator->Authenticate("anna", kPassword, "192.0.2.1:5"); });
-  }
-  for (std::thread& client : clients) client.join();
-  EXPECT_EQ(admitted, 12);
-  // Guesses gain nothing by it.
-  clients.clear();
-  for (int i = 0; i < 6; ++i) {
-    clients.emplace_back([&] { authenticator->Authenticate("anna", "no", "192.0.2.1:5"); });
-  }
-  for (std::thread& client : clients) client.join();
-  const std::string guessed = "refused: unknown user or wrong password";
-  const std::size_t first = log_.find(guessed);
-  EXPECT_EQ(log_.find(guessed, log_.find(guessed, first + 1) + 1), std::string::npos) << log_;
+  // The number that are let in.
+  const auto try_all = [&](const std::string& password) {
+    std::atomic<int> admitted{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kAttempts; ++i) {
+      threads.emplace_back([&] {
+        if (authenticator->Authenticate("bob", password, "192.0.2.1:5")) ++admitted;
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+    return admitted.load();
+  };
+  EXPECT_EQ(try_all(kPassword), kAttempts);
+  EXPECT_EQ(log_, "");
+  EXPECT_EQ(try_all("wrong"), 0);
+  const auto count = [&](const std::string& text) {
+    int number = 0;
+    for (auto at = log_.find(text); at != std::string::npos; at = log_.find(text, at + 1)) ++number;
+    return number;
+  };
+  // No more passwords were tried than may be wrong.
+  EXPECT_EQ(count("refused: unknown user or wrong password"), 3);
+  EXPECT_EQ(count("refused: too many failures of the address"), kAttempts - 3);
+}
+
+TEST_F(AuthenticatorTest, UnknownUsersCostAHash) {
+  const std::string rest(86, '.');
+  Write(Line("anna", std::string("$6$rounds=60000$saltstring$").append(rest)));
+  const auto authenticator = Make();
+  const auto measure = [&](const char* user) {
+    timespec from = {};
+    timespec to = {};
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &from);
+    EXPECT_FALSE(authenticator->Authenticate(user, kPassword, "192.0.2.1:5"));
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &to);
+    return static_cast<double>(to.tv_sec - from.tv_sec) +
+           1e-9 * static_cast<double>(to.tv_nsec - from.tv_nsec);
+  };
+  const double known = measure("anna");
+  EXPECT_GT(measure("zoe"), known / 2);
 }
 
 TEST_F(AuthenticatorTest, RefusalTakesItsTimeUnlessTheServiceEnds) {
