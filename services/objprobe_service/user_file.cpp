@@ -3,6 +3,7 @@
 #include <crypt.h>
 #include <fcntl.h>
 #include <string.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -110,6 +111,29 @@ void Check(int result, const Core::file_failure& failure, const std::string& pat
   }
 }
 
+// The folder of a file, for whoever replaces the file: one at a time, until it goes. The lock is
+// the folder's, as that of the file would go with the old one, and one of its own would have to
+// stay.
+class LockedFolder : public Common::NonCopyable {
+ public:
+  explicit LockedFolder(const std::string& path)
+      : name_(std::filesystem::absolute(path).parent_path()),
+        folder_(::open(name_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+    Check(folder_.Get() < 0, Core::kFileOpenFailure, name_, 35);
+    int result = 0;
+    do {
+      result = ::flock(folder_.Get(), LOCK_EX);
+    } while (result != 0 && errno == EINTR);
+    Check(result, Core::kFileLockFailure, name_, 37);
+  }
+
+  void Sync() { Check(::fsync(folder_.Get()), Core::kFileWriteFailure, name_, 80); }
+
+ private:
+  const std::string name_;
+  const Descriptor folder_;
+};
+
 // A new file beside `path` that goes again unless it takes its place.
 class Replacement : public Common::NonCopyable {
  public:
@@ -132,9 +156,6 @@ class Replacement : public Common::NonCopyable {
     Check(::fsync(file_.Get()), Core::kFileWriteFailure, name_, 60);
     Check(::rename(name_.c_str(), path_.c_str()), Core::kFileRenameFailure, path_, 70);
     is_done_ = true;
-    const std::string folder = std::filesystem::absolute(path_).parent_path();
-    const Descriptor opened(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    Check(opened.Get() < 0 || ::fsync(opened.Get()) != 0, Core::kFileWriteFailure, folder, 80);
   }
 
  private:
@@ -229,6 +250,10 @@ std::shared_ptr<const UserHashes> UserFile::Read() {
 }
 
 void SetPassword(const std::string& path, const std::string& user, const std::string& password) {
+  // Takes its time, so before others are held up.
+  const std::string line =
+      std::string(user).append(":").append(HashPassword(password)).append("\n");
+  LockedFolder folder(path);
   std::string former;
   struct stat status = {};
   bool exists = false;
@@ -245,8 +270,6 @@ void SetPassword(const std::string& path, const std::string& user, const std::st
   }
   // A file that isn't in order is for its owner to repair.
   ParseUsers(former, path);
-  const std::string line =
-      std::string(user).append(":").append(HashPassword(password)).append("\n");
   std::string text;
   bool is_set = false;
   ForEachLine(former, [&](std::string_view old, std::size_t) {
@@ -262,6 +285,7 @@ void SetPassword(const std::string& path, const std::string& user, const std::st
   if (exists) replacement.TakeOwner(status);
   replacement.Write(text);
   replacement.TakePlace();
+  folder.Sync();
 }
 
 }  // namespace ObjProbeService

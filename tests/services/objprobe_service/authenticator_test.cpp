@@ -134,6 +134,16 @@ TEST_F(UserFileTest, PasswordsAreSetOneByOne) {
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder_.GetPath()), {}), 1);
 }
 
+TEST_F(UserFileTest, UsersSetAtATimeAreAllThere) {
+  constexpr int kUsers = 8;
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kUsers; ++i) {
+    threads.emplace_back([&, i] { SetPassword(path_, std::to_string(i), "p"); });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(UserFile(path_).Read()->size(), std::size_t{kUsers});
+}
+
 TEST(UserName, MakesOneFieldOfALine) {
   for (const char* good : {"a", "anna maria", "\xC3\xA9", "a#"}) EXPECT_TRUE(IsUserName(good));
   for (const char* bad : {"", "a:b", "#a", "a\n", "\x7F"}) EXPECT_FALSE(IsUserName(bad));
