@@ -1,5 +1,6 @@
 #include "services/objprobe_service/transmission.h"
 
+#include <exception>
 #include <new>
 #include <utility>
 
@@ -22,6 +23,10 @@ using Dml::ViewManagement::kUpdateUpdated;
 constexpr Common::SourceFile kSource{"services/objprobe_service/transmission"};
 constexpr ViewMethod kPullMethod = ViewMethod::kReadSubscription;
 
+// Ends a read behind the event that it comes from; the next read gets what follows. It isn't a
+// Common::Error, which would only drop the event.
+struct EndOfRead {};
+
 }  // namespace
 
 // One interest: reads its subscription again and again and adds what it gets to the transmission.
@@ -30,14 +35,11 @@ class Transmission::Channel final : public Dml::SubscriptionReader,
                                     public std::enable_shared_from_this<Channel>,
                                     private Async::ActionHandler {
  public:
-  Channel(unsigned int number, std::weak_ptr<Transmission> transmission, std::size_t max_records,
-          std::size_t max_cost, std::unique_ptr<Dml::Subscription> subscription,
-          std::shared_ptr<ViewBudget::Share> share)
+  Channel(unsigned int number, std::weak_ptr<Transmission> transmission,
+          std::unique_ptr<Dml::Subscription> subscription, std::shared_ptr<ViewBudget::Share> share)
       : number_(number),
         mark_(kChannelId, Por::GetStaticUnitFactory()->CreateDWord(number)),
         transmission_(std::move(transmission)),
-        max_records_(max_records),
-        max_cost_(max_cost),
         share_(std::move(share)),
         subscription_(std::move(subscription)) {}
 
@@ -85,13 +87,13 @@ class Transmission::Channel final : public Dml::SubscriptionReader,
   void OnDeleted(const Por::View::Unit& key) override { Note(kUpdateDeleted, key, nullptr); }
 
  private:
-  // What is more than a transmission may hold isn't noted: that is its failure in any case.
   void Note(unsigned int type, const Por::View::Unit& unit, const Por::View::Unit* diff) {
-    if (updates_.size() > max_records_ || cost_ > max_cost_) return;
-    EncodedUpdate update{type, EncodeUnit(MarkedUnit(unit, mark_)), {}};
-    if (diff != nullptr) update.packed_update = EncodeUnit(*diff);
-    cost_ += GetCost(update);
-    updates_.push_back(std::move(update));
+    Record record{RecordKind::kUpdate, {type, EncodeUnit(MarkedUnit(unit, mark_)), {}}};
+    if (diff != nullptr) record.update.packed_update = EncodeUnit(*diff);
+    const std::shared_ptr<Transmission> transmission = transmission_.lock();
+    if (transmission != nullptr && transmission->Add(*this, std::move(record))) return;
+    is_cut_ = true;
+    throw EndOfRead();
   }
 
   void Completed(Common::Error result) override {
@@ -102,32 +104,26 @@ class Transmission::Channel final : public Dml::SubscriptionReader,
       self.swap(self_);
       is_closed = subscription_ == nullptr;
     }
-    Updates updates = std::exchange(updates_, {});
-    cost_ = 0;
+    if (std::exchange(is_cut_, false)) result = Common::Error();
     const std::shared_ptr<Transmission> transmission = transmission_.lock();
     if (is_closed || transmission == nullptr) return;
     try {
       if (result.IsFailure()) {
-        updates.push_back(MakeRecord(number_, kChannelError, &result));
         Unfollow();
         transmission->on_failure_("channel " + std::to_string(number_), result);
+        transmission->Add(*this, MakeRecord(number_, kChannelError, &result));
       }
-      transmission->Add(*this, std::move(updates));
+      transmission->Continue(self);
     } catch (const std::bad_alloc&) {
       // Some of the updates are lost.
       transmission->End(Common::Error::OutOfMemory());
     }
-    Follow();
   }
 
   const unsigned int number_;
   const Por::TraitHolder mark_;
   const std::weak_ptr<Transmission> transmission_;
-  const std::size_t max_records_;
-  const std::size_t max_cost_;
-  // Of the delivering thread.
-  Updates updates_;
-  std::size_t cost_ = 0;
+  bool is_cut_ = false;  // of the delivering thread: the read was ended by EndOfRead
 
   std::mutex mutex_;               // guards the fields below
   std::shared_ptr<Channel> self_;  // while a read is under way
@@ -150,21 +146,33 @@ Common::Error Transmission::GetFailure() const {
 
 void Transmission::Pull(Call call) {
   Aftermath aftermath;
+  bool waits = false;
   {
     const std::lock_guard lock(mutex_);
     if (failure_.IsFailure()) {
-      aftermath.failure = failure_;
+      aftermath.answer = failure_;
     } else if (pull_ != nullptr) {
-      aftermath.failure = MakeServiceError(kAlreadyRunning, kSource.At("Pull", 10));
-    } else if (queue_.empty()) {
-      wait_ = timer_->Add(weak_from_this());
-      pull_ = call;
+      aftermath.answer = MakeServiceError(kAlreadyRunning, kSource.At("Pull", 10));
     } else {
-      TakeUpdates(aftermath.updates);
+      is_patient_ = true;
+      if (queue_.empty()) {
+        wait_ = timer_->Add(weak_from_this());
+        pull_ = call;
+      } else {
+        TakeRecords(aftermath.records);
+      }
+      EndWait(pause_);
+      if (!MustWait()) {
+        aftermath.resumed.swap(paused_);
+      } else if (!paused_.empty()) {
+        BeginPause(aftermath);
+      }
     }
     if (pull_ != call) aftermath.call = call;
+    waits = pull_ == call;
   }
-  if (aftermath.call != nullptr) return Finish(std::move(aftermath));
+  Finish(std::move(aftermath));
+  if (!waits) return;
   // By its address alone, as the call owns the callback.
   call->SetCancelCallback([weak = weak_from_this(), pulled = call.get()] {
     const auto transmission = weak.lock();
@@ -174,7 +182,7 @@ void Transmission::Pull(Call call) {
       const std::lock_guard lock(transmission->mutex_);
       if (transmission->pull_.get() != pulled) return;
       cancelled.call.swap(transmission->pull_);
-      cancelled.wait = std::exchange(transmission->wait_, 0);
+      transmission->EndWait(transmission->wait_);
     }
     transmission->Finish(std::move(cancelled));
   });
@@ -192,11 +200,9 @@ unsigned int Transmission::ReserveChannel() {
 Common::Error Transmission::OpenChannel(unsigned int number,
                                         std::unique_ptr<Dml::Subscription> subscription,
                                         std::shared_ptr<ViewBudget::Share> share) {
-  const auto channel =
-      std::make_shared<Channel>(number, weak_from_this(), limits_.max_queue_records,
-                                limits_.max_queue_bytes, std::move(subscription), std::move(share));
-  Updates creation;
-  creation.push_back(MakeRecord(number, kChannelCreation, nullptr));
+  const auto channel = std::make_shared<Channel>(number, weak_from_this(), std::move(subscription),
+                                                 std::move(share));
+  Record creation = MakeRecord(number, kChannelCreation, nullptr);
   Aftermath aftermath;
   {
     const std::lock_guard lock(mutex_);
@@ -205,23 +211,24 @@ Common::Error Transmission::OpenChannel(unsigned int number,
     Append(std::move(creation), aftermath);
   }
   Finish(std::move(aftermath));
-  channel->Follow();
+  Continue(channel);
   return {};
 }
 
 Common::Error Transmission::RemoveChannel(unsigned int number) {
-  Updates removal;
-  removal.push_back(MakeRecord(number, kChannelRemoval, nullptr));
+  Record removal = MakeRecord(number, kChannelRemoval, nullptr);
   Aftermath aftermath;
   {
     const std::lock_guard lock(mutex_);
     if (failure_.IsFailure()) return failure_;
-    auto removed = channels_.extract(number);
-    if (removed.empty()) {
+    const auto removed = channels_.find(number);
+    if (removed == channels_.end()) {
       return MakeServiceError(kUnknownChannel, kSource.At("RemoveChannel", 20));
     }
+    // Ends as one of the transmission's, should that fail by this record.
     Append(std::move(removal), aftermath);
-    aftermath.ended.insert(std::move(removed));
+    if (!failure_.IsFailure()) aftermath.ended.insert(channels_.extract(removed));
+    ServePull(aftermath);
   }
   Finish(std::move(aftermath));
   return {};
@@ -241,82 +248,146 @@ void Transmission::OnWaited(std::uint64_t number) {
   Aftermath aftermath;
   {
     const std::lock_guard lock(mutex_);
-    if (wait_ != number) return;
-    wait_ = 0;
-    aftermath.call.swap(pull_);
+    if (number == wait_) {
+      wait_ = 0;
+      aftermath.call.swap(pull_);
+    } else if (number == pause_) {
+      pause_ = 0;
+      is_patient_ = false;
+      aftermath.resumed.swap(paused_);
+    }
   }
   Finish(std::move(aftermath));
 }
 
-void Transmission::Add(const Channel& channel, Updates updates) {
-  if (updates.empty()) return;
+bool Transmission::Add(const Channel& channel, Record record) {
+  Aftermath aftermath;
+  bool goes_on = false;
+  {
+    const std::lock_guard lock(mutex_);
+    if (!IsOpen(channel)) return false;
+    Append(std::move(record), aftermath);
+    goes_on = IsOpen(channel) && !MustWait();
+  }
+  Finish(std::move(aftermath));
+  return goes_on;
+}
+
+void Transmission::Continue(const std::shared_ptr<Channel>& channel) {
   Aftermath aftermath;
   {
     const std::lock_guard lock(mutex_);
-    const auto known = channels_.find(channel.GetNumber());
-    if (known == channels_.end() || known->second.get() != &channel) return;
-    Append(std::move(updates), aftermath);
+    if (!IsOpen(*channel)) return;
+    ServePull(aftermath);
+    auto& place = MustWait() ? paused_ : aftermath.resumed;
+    place.push_back(channel);
+    if (!paused_.empty() && pause_ == 0) BeginPause(aftermath);
   }
   Finish(std::move(aftermath));
 }
 
-EncodedUpdate Transmission::MakeRecord(unsigned int channel, const char* mark,
-                                       const Common::Error* error) {
+Transmission::Record Transmission::MakeRecord(unsigned int channel, const char* mark,
+                                              const Common::Error* error) {
   const auto& factory = *Por::GetStaticUnitFactory();
   const Por::OwnedUnit unit = error != nullptr ? factory.CreateError(*error) : factory.CreateNil();
   Por::Util::AddTrait(*unit, Por::Name::FromImmortal(mark), factory.CreateNil(), factory);
   Por::Util::AddTrait(*unit, kChannelId, factory.CreateDWord(channel), factory);
-  return {kUpdateCreated, EncodeUnit(*unit), {}};
+  return {error != nullptr ? RecordKind::kError : RecordKind::kMark,
+          {kUpdateCreated, EncodeUnit(*unit), {}}};
 }
 
-void Transmission::Append(Updates updates, Aftermath& aftermath) {
-  for (EncodedUpdate& update : updates) {
-    queue_cost_ += GetCost(update);
-    queue_.push_back(std::move(update));
-  }
-  if (queue_.size() > limits_.max_queue_records || queue_cost_ > limits_.max_queue_bytes) {
+bool Transmission::IsOpen(const Channel& channel) const {
+  const auto known = channels_.find(channel.GetNumber());
+  return known != channels_.end() && known->second.get() == &channel;
+}
+
+bool Transmission::MustWait() const {
+  return is_patient_ && (queue_.size() > limits_.max_queue_records / 2 ||
+                         queue_cost_ > limits_.max_queue_bytes / 2);
+}
+
+// The first one may have any size.
+bool Transmission::IsTooLong() const {
+  return queue_.size() > limits_.max_queue_records ||
+         (!queue_.empty() &&
+          queue_cost_ - GetCost(queue_.front().update) > limits_.max_queue_bytes);
+}
+
+// A pull that waits is served when a read ends, so that it isn't answered with a single record; and
+// before the bound is judged.
+void Transmission::Append(Record record, Aftermath& aftermath) {
+  const std::size_t cost = GetCost(record.update);
+  queue_.push_back(std::move(record));
+  queue_cost_ += cost;
+  if (MustWait() || IsTooLong()) ServePull(aftermath);
+  if (IsTooLong()) {
     Stop(MakeServiceError(kUpdatesNotTaken, kSource.At("Append", 30)), aftermath);
-    aftermath.has_failed = true;
-  } else if (pull_ != nullptr) {
-    aftermath.call.swap(pull_);
-    aftermath.wait = std::exchange(wait_, 0);
-    TakeUpdates(aftermath.updates);
+    aftermath.failure = failure_;
   }
+}
+
+void Transmission::ServePull(Aftermath& aftermath) {
+  if (pull_ == nullptr || queue_.empty()) return;
+  TakeRecords(aftermath.records);
+  aftermath.call.swap(pull_);
+  EndWait(wait_);
 }
 
 void Transmission::Stop(const Common::Error& reason, Aftermath& aftermath) {
   failure_ = reason;
-  std::deque<EncodedUpdate>().swap(queue_);
+  std::deque<Record>().swap(queue_);
   queue_cost_ = 0;
-  aftermath.failure = reason;
-  aftermath.call.swap(pull_);
-  aftermath.wait = std::exchange(wait_, 0);
+  if (pull_ != nullptr) {
+    aftermath.call.swap(pull_);
+    aftermath.answer = reason;
+  }
+  EndWait(wait_);
+  EndWait(pause_);
+  paused_.clear();
   aftermath.ended.merge(channels_);
 }
 
-void Transmission::TakeUpdates(Updates& updates) {
+void Transmission::TakeRecords(Records& records) {
   std::size_t cost = 0;
-  while (!queue_.empty() && (updates.empty() || cost < limits_.max_pull_bytes)) {
-    const std::size_t next = GetCost(queue_.front());
-    updates.push_back(std::move(queue_.front()));
+  while (!queue_.empty() && (records.empty() || cost < limits_.max_pull_bytes)) {
+    Record& next = queue_.front();
+    const std::size_t next_cost = GetCost(next.update);
+    records.push_back(std::move(next));
     queue_.pop_front();
-    cost += next;
-    queue_cost_ -= next;
+    cost += next_cost;
+    queue_cost_ -= next_cost;
   }
 }
 
+// A pause that can't be timed is none.
+void Transmission::BeginPause(Aftermath& aftermath) noexcept {
+  try {
+    pause_ = timer_->Add(weak_from_this());
+  } catch (const std::exception&) {
+    is_patient_ = false;
+    aftermath.resumed.swap(paused_);
+  }
+}
+
+void Transmission::EndWait(std::uint64_t& wait) {
+  if (wait != 0) timer_->Remove(std::exchange(wait, 0));
+}
+
 void Transmission::Finish(Aftermath aftermath) {
-  if (aftermath.wait != 0) timer_->Remove(aftermath.wait);
   for (const auto& [number, channel] : aftermath.ended) channel->Close();
-  if (aftermath.has_failed) on_failure_("transmission", aftermath.failure);
-  if (aftermath.call == nullptr) return;
-  if (aftermath.failure.IsFailure()) {
-    return SendFailure(*aftermath.call, kPullMethod, aftermath.failure);
+  if (aftermath.failure.IsFailure()) on_failure_("transmission", aftermath.failure);
+  if (aftermath.call != nullptr) Answer(aftermath);
+  for (const std::shared_ptr<Channel>& channel : aftermath.resumed) channel->Follow();
+}
+
+void Transmission::Answer(const Aftermath& aftermath) {
+  if (aftermath.answer.IsFailure()) {
+    return SendFailure(*aftermath.call, kPullMethod, aftermath.answer);
   }
   try {
     ReplyWriter reply(kPullMethod);
     reply.BeginTopicUpdates();
-    for (const EncodedUpdate& update : aftermath.updates) reply.WriteItem(update);
+    for (const Record& record : aftermath.records) reply.WriteItem(record.update);
     reply.Send(*aftermath.call);
   } catch (const std::bad_alloc&) {
     aftermath.call->Fail(Common::Error::OutOfMemory());

@@ -31,8 +31,11 @@ namespace ObjProbeService {
 //   ChannelError      the error as value; nothing but the removal comes behind it
 //   ChannelRemoval    nil; the last record
 //
-// What waits to be pulled is bounded (ServiceLimits). When it exceeds that, the transmission fails:
-// its channels end, its memory goes, and all that is asked of it is answered by that failure.
+// What waits to be pulled is bounded (ServiceLimits); its first record may have any size. When
+// it exceeds that, the transmission fails: its channels end, its memory goes, and all that is asked
+// of it is answered by that failure. A client that pulls doesn't come to that: while more than half
+// of the bound waits, channels leave the changes in the store's log. They do so until the time of
+// the timer has passed since the last pull.
 //
 // Threads: any. Nothing is held during calls into calls, subscriptions and the timer's waiters.
 class Transmission final : public PullTimer::Waiter,
@@ -69,32 +72,46 @@ class Transmission final : public PullTimer::Waiter,
  private:
   class Channel;
   using Channels = std::map<unsigned int, std::shared_ptr<Channel>>;
-  using Updates = std::vector<EncodedUpdate>;
+  enum class RecordKind { kUpdate, kMark, kError };
+  struct Record {
+    RecordKind kind = RecordKind::kUpdate;
+    EncodedUpdate update;
+  };
+  using Records = std::vector<Record>;
   using Call = std::shared_ptr<Platform::Ipc::ServerCall>;
 
   // What a change of the state leaves to be done when nothing is held any more.
   struct Aftermath {
-    Call call;  // to be answered, with `failure` or else with `updates`
-    Common::Error failure;
-    Updates updates;
-    std::uint64_t wait = 0;  // to be taken out of the timer
+    Call call;  // to be answered, with `answer` if that is a failure, else with `records`
+    Common::Error answer;
+    Records records;
     Channels ended;
-    bool has_failed = false;
+    std::vector<std::shared_ptr<Channel>> resumed;  // to go on reading
+    Common::Error failure;                          // of the transmission, to be told
   };
 
   void OnWaited(std::uint64_t number) override;
 
-  // Records of a channel, unless it was removed.
-  void Add(const Channel& channel, Updates updates);
-  static EncodedUpdate MakeRecord(unsigned int channel, const char* mark,
-                                  const Common::Error* error);
+  // A record of a channel, unless it was removed. False when the channel shall read no more for
+  // now.
+  bool Add(const Channel& channel, Record record);
+  // What the channel has added goes out, and it goes on reading, at once or when there is room.
+  void Continue(const std::shared_ptr<Channel>& channel);
+  static Record MakeRecord(unsigned int channel, const char* mark, const Common::Error* error);
 
   // With the lock held.
-  void Append(Updates updates, Aftermath& aftermath);
+  bool IsOpen(const Channel& channel) const;
+  bool MustWait() const;
+  bool IsTooLong() const;
+  void Append(Record record, Aftermath& aftermath);
+  void ServePull(Aftermath& aftermath);
   void Stop(const Common::Error& reason, Aftermath& aftermath);
-  void TakeUpdates(Updates& updates);
+  void TakeRecords(Records& records);
+  void BeginPause(Aftermath& aftermath) noexcept;
+  void EndWait(std::uint64_t& wait);
   // Without.
   void Finish(Aftermath aftermath);
+  static void Answer(const Aftermath& aftermath);
 
   const unsigned int id_;
   const ServiceLimits limits_;
@@ -105,10 +122,14 @@ class Transmission final : public PullTimer::Waiter,
   Common::Error failure_;
   Channels channels_;
   unsigned int last_channel_ = 0;
-  std::deque<EncodedUpdate> queue_;
+  std::deque<Record> queue_;
   std::size_t queue_cost_ = 0;
-  Call pull_;               // that waits; the queue is empty then
+  Call pull_;               // that waits; the queue was empty when it came
   std::uint64_t wait_ = 0;  // of the pull
+  // Channels that read no more until there is room, and the wait that ends their patience.
+  std::vector<std::shared_ptr<Channel>> paused_;
+  std::uint64_t pause_ = 0;
+  bool is_patient_ = true;
 };
 
 }  // namespace ObjProbeService

@@ -125,8 +125,7 @@ struct SentRequest {
   }
 };
 
-inline SentRequest Send(Platform::Ipc::Session& session,
-                        std::unique_ptr<Binding::Request> request) {
+inline SentRequest MakeCall(std::unique_ptr<Binding::Request> request) {
   const auto serializer =
       Serialization::CreateXMLPacketSerializer(static_cast<unsigned int>(request->GetCategory()));
   request->Serialize(*serializer);
@@ -134,8 +133,14 @@ inline SentRequest Send(Platform::Ipc::Session& session,
   serializer->Finish(packet);
   auto call = std::make_shared<TestCall>(request->GetComponentId(), request->GetMethodNumber(),
                                          std::move(packet));
-  session.OnCall(call);
   return {std::move(request), std::move(call)};
+}
+
+inline SentRequest Send(Platform::Ipc::Session& session,
+                        std::unique_ptr<Binding::Request> request) {
+  SentRequest sent = MakeCall(std::move(request));
+  session.OnCall(sent.call);
+  return sent;
 }
 
 }  // namespace ObjProbeService

@@ -1,9 +1,7 @@
 #include "services/objprobe_service/view_service.h"
 
 #include <algorithm>
-#include <initializer_list>
 #include <map>
-#include <string_view>
 #include <thread>
 
 #include "core/common/number_text.h"
@@ -13,6 +11,7 @@
 #include "platform/store/sqlite_store_writer.h"
 #include "services/objprobe_service/service_error.h"
 #include "tests/platform/store/store_fixture.h"
+#include "tests/services/objprobe_service/record_texts.h"
 #include "tests/services/objprobe_service/service_client.h"
 #include "tests/support/text.h"
 #include "tests/support/trace_recorder.h"
@@ -27,70 +26,9 @@ using Platform::Store::MakeId;
 using Platform::Store::MakeObject;
 using Platform::Store::Parse;
 using Platform::Store::SqliteStoreWriter;
-using Units = std::vector<Por::SharedUnit>;
-using Texts = std::vector<std::string>;
 
 constexpr char kThings[] = ".Composite().Trait(\"Is\").String(\"Thing\").End().End()";
 constexpr char kTwo[] = ".Composite().Property(\"LimitOptions\").DWord(2).End().End()";
-
-std::string Join(std::initializer_list<std::string_view> parts) {
-  std::string text;
-  for (const std::string_view part : parts) text += part;
-  return text;
-}
-
-// An object with a version, of that type.
-std::string MakeVersion(int number, unsigned int version, const std::string& type = "Thing") {
-  return MakeObject(number, type,
-                    Join({".Property(\"V\").DWord(", std::to_string(version), ").End()"}));
-}
-
-std::string DescribeId(const Common::String& id) {
-  return std::to_string(std::stoul(TestSupport::Utf8(id).substr(0, 8), nullptr, 16));
-}
-std::string DescribeVersion(const Por::View::Unit& unit) {
-  const Por::View::Property* version = Por::Util::FindProperty(unit, "V");
-  if (version == nullptr) return "";
-  return Join({"v", std::to_string(Por::Util::GetValue<unsigned int>(version->GetValue()))});
-}
-Texts Describe(const Units& units) {
-  Texts texts;
-  for (const Por::SharedUnit& unit : units) {
-    texts.push_back(DescribeId(Dml::GetObjectKey(*unit)) + DescribeVersion(*unit));
-  }
-  return texts;
-}
-// "+1v2" created, "~1v3" updated, "-1" deleted.
-std::string Describe(const ViewUpdate& update) {
-  switch (update.type) {
-    case kUpdateCreated:
-      return Join({"+", DescribeId(Dml::GetObjectKey(*update.key)), DescribeVersion(*update.key)});
-    case kUpdateUpdated:
-      return Join({"~", DescribeId(Dml::GetObjectKeyFromKey(*update.key)),
-                   DescribeVersion(*update.packed_update)});
-    default:
-      return Join({"-", DescribeId(Dml::GetObjectKeyFromKey(*update.key))});
-  }
-}
-Texts Describe(const std::vector<ViewUpdate>& updates) {
-  Texts texts;
-  for (const ViewUpdate& update : updates) texts.push_back(Describe(update));
-  return texts;
-}
-// The same of a transmission, behind the number of the channel: "3+1v2", "3 open", "3 closed",
-// "3 error CODE".
-std::string DescribeRecord(const ViewUpdate& record) {
-  const Por::View::Unit& unit = *record.key;
-  const std::string channel = std::to_string(
-      Por::Util::GetValue<unsigned int>(Por::Util::GetUniqueTraitByName(unit, "ChannelID")));
-  if (Por::Util::HasTrait(unit, "ChannelCreation")) return channel + " open";
-  if (Por::Util::HasTrait(unit, "ChannelRemoval")) return channel + " closed";
-  if (Por::Util::HasTrait(unit, "ChannelError")) {
-    const auto error = Por::Util::GetValue<Common::Error>(unit);
-    return Join({channel, " error ", std::to_string(error.GetCode())});
-  }
-  return channel + Describe(record);
-}
 
 class ViewServiceTest : public Platform::Store::StoreTest {
  protected:
