@@ -351,6 +351,10 @@ void Transmission::TakeRecords(Records& records) {
   std::size_t cost = 0;
   while (!queue_.empty() && (records.empty() || cost < limits_.max_pull_bytes)) {
     Record& next = queue_.front();
+    if (next.kind == RecordKind::kError && !records.empty() &&
+        records.back().kind == RecordKind::kUpdate) {
+      return;
+    }
     const std::size_t next_cost = GetCost(next.update);
     records.push_back(std::move(next));
     queue_.pop_front();

@@ -37,6 +37,9 @@ namespace ObjProbeService {
 // of the bound waits, channels leave the changes in the store's log. They do so until the time of
 // the timer has passed since the last pull.
 //
+// An answer ends in front of a ChannelError that follows an update, as a client drops the updates
+// that stand before it in the same answer.
+//
 // Threads: any. Nothing is held during calls into calls, subscriptions and the timer's waiters.
 class Transmission final : public PullTimer::Waiter,
                            public std::enable_shared_from_this<Transmission>,

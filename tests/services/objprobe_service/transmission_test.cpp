@@ -146,6 +146,22 @@ TEST_F(TransmissionTest, ClientThatDoesNotPullIsGivenUp) {
   EXPECT_EQ(SendPull().Wait().GetCode(), kUpdatesNotTaken);
 }
 
+// A client would drop the updates that stand in front of an error in one answer.
+TEST_F(TransmissionTest, ErrorDoesNotFollowUpdatesInOneAnswer) {
+  Make();
+  Source& source = Open();
+  Create(source, 1, 2);
+  source.Deliver();
+  source.failure = Common::Error::OutOfMemory();
+  source.Deliver();
+  Open();
+  EXPECT_EQ(Pull(), (Texts{"1 open", "1+1v1", "1+2v1"}));
+  const Texts last = Pull();
+  ASSERT_EQ(last.size(), 2U);
+  EXPECT_TRUE(last[0].starts_with("1 error ")) << last[0];
+  EXPECT_EQ(last[1], "2 open");
+}
+
 }  // namespace
 
 }  // namespace ObjProbeService
