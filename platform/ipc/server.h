@@ -39,12 +39,10 @@ class ServerCall : public Common::NonCopyable {
   // the call was cancelled or the connection is gone there is none, and these do nothing.
   virtual void Reply(std::vector<unsigned char> packet) = 0;
   // The same of a packet that somebody else holds, and `owner` keeps: a large one need not be
-  // copied.
-  virtual void ReplyShared(std::shared_ptr<const void> owner, const unsigned char* packet,
-                           std::size_t size) {
-    Reply(std::vector<unsigned char>(packet, packet + size));
-    owner.reset();
-  }
+  // copied. False when the client won't get it: the call is over, or there is no room for the
+  // packet, and an error goes in its place.
+  virtual bool ReplyShared(std::shared_ptr<const void> owner, const unsigned char* packet,
+                           std::size_t size) = 0;
   virtual void Fail(const Common::Error& error) = 0;
 
   // `callback` is called once when the client has cancelled the call or the connection is gone, at

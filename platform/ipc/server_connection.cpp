@@ -59,9 +59,9 @@ class ConnectionCall final : public ServerCall {
     const auto owner = std::make_shared<const std::vector<unsigned char>>(std::move(packet));
     ReplyShared(owner, owner->data(), owner->size());
   }
-  void ReplyShared(std::shared_ptr<const void> owner, const unsigned char* packet,
+  bool ReplyShared(std::shared_ptr<const void> owner, const unsigned char* packet,
                    std::size_t size) override {
-    if (BeginAnswer()) connection_->Reply(start_.call_id, std::move(owner), packet, size);
+    return BeginAnswer() && connection_->Reply(start_.call_id, std::move(owner), packet, size);
   }
   void Fail(const Common::Error& error) override {
     if (BeginAnswer()) connection_->Fail(start_.call_id, error);
@@ -388,25 +388,27 @@ void ServerConnection::TakeCancel(std::uint64_t call_id) {
   core_.GetDelivery().Post([call = std::move(call)] { call->Cancel(); });
 }
 
-void ServerConnection::Reply(std::uint64_t call_id, std::shared_ptr<const void> owner,
+bool ServerConnection::Reply(std::uint64_t call_id, std::shared_ptr<const void> owner,
                              const unsigned char* packet, std::size_t size) {
   if (size > GetLimits().max_reply_size) {
     Fail(call_id,
          MakeError(kReplyTooLarge, kSource.At("Reply", 200), std::to_string(size) + " bytes"));
-    return;
+    return false;
   }
-  if (!Take(call_id)) return;
+  if (!Take(call_id)) return false;
   OutgoingPacket outgoing;
   outgoing.start.call_id = call_id;
   outgoing.start.size = size;
   outgoing.data = packet;
   outgoing.owner = std::move(owner);
+  bool is_sent = false;
   Answer([&] {
-    if (SendPacket(std::move(outgoing)) == Sending::kFull) {
-      SendMessage(FrameKind::kFault, call_id,
-                  EncodeError(MakeError(kOutputFull, kSource.At("Reply", 210))));
-    }
+    is_sent = SendPacket(std::move(outgoing)) != Sending::kFull;
+    if (is_sent) return;
+    SendMessage(FrameKind::kFault, call_id,
+                EncodeError(MakeError(kOutputFull, kSource.At("Reply", 210))));
   });
+  return is_sent;
 }
 
 void ServerConnection::Fail(std::uint64_t call_id, const Common::Error& error) {

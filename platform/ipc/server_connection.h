@@ -75,7 +75,8 @@ class ServerConnection final : public Connection {
   void RunOpening();
 
   // From the calls. Only the first one for an id does something.
-  void Reply(std::uint64_t call_id, std::shared_ptr<const void> owner, const unsigned char* packet,
+  // Whether the client gets it, unless the connection ends before.
+  bool Reply(std::uint64_t call_id, std::shared_ptr<const void> owner, const unsigned char* packet,
              std::size_t size);
   void Fail(std::uint64_t call_id, const Common::Error& error);
   // A call with a packet of that size is about to be answered, or is destroyed without an answer.

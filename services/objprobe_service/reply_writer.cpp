@@ -19,10 +19,14 @@ MetaInfo MakeEnvelope(ViewMethod method) {
   return MetaInfo(std::string("reply_ViewManager_").append(GetMethodName(method)));
 }
 
+using Packet = std::shared_ptr<const Serialization::CountedBytes>;
+
 // The block in which it was written is what goes out.
-void SendPacket(Platform::Ipc::ServerCall& call, Serialization::Serializer& serializer) {
-  const auto packet = std::make_shared<const Serialization::CountedBytes>(serializer.Finish());
-  call.ReplyShared(packet, packet->data.get(), packet->size);
+Packet MakePacket(Serialization::Serializer& serializer) {
+  return std::make_shared<const Serialization::CountedBytes>(serializer.Finish());
+}
+bool SendPacket(Platform::Ipc::ServerCall& call, const Packet& packet) {
+  return call.ReplyShared(packet, packet->data.get(), packet->size);
 }
 
 }  // namespace
@@ -82,9 +86,15 @@ void ReplyWriter::WriteItem(const EncodedUpdate& update) {
   items_size_ += GetPacketSize(update);
 }
 
-void ReplyWriter::Send(Platform::Ipc::ServerCall& call) {
+std::size_t ReplyWriter::Finish() {
   for (; !open_.empty(); open_.pop_back()) serializer_->EndElement(open_.back());
-  SendPacket(call, *serializer_);
+  packet_ = MakePacket(*serializer_);
+  return packet_->size;
+}
+
+bool ReplyWriter::Send(Platform::Ipc::ServerCall& call) {
+  if (packet_ == nullptr) Finish();
+  return SendPacket(call, packet_);
 }
 
 void SendSuccess(Platform::Ipc::ServerCall& call, ViewMethod method) {
@@ -98,7 +108,7 @@ void SendFailure(Platform::Ipc::ServerCall& call, ViewMethod method, const Commo
       const Serialization::ElementWriter envelope(*serializer, MakeEnvelope(method));
       serializer->Write(MetaInfo(kResultName), failure);
     }
-    SendPacket(call, *serializer);
+    SendPacket(call, MakePacket(*serializer));
   } catch (const std::bad_alloc&) {
     call.Fail(Common::Error::OutOfMemory());
   }

@@ -35,8 +35,11 @@ class ReplyWriter : public Common::NonCopyable {
   // Bytes of the items so far, or a few less.
   std::size_t GetItemsSize() const { return items_size_; }
 
-  // Ends the reply and sends it.
-  void Send(Platform::Ipc::ServerCall& call);
+  // Ends the reply and tells its size in bytes. Once; nothing is written behind that.
+  std::size_t Finish();
+  // Sends the reply, ended or not. False when the client won't get it. Throws nothing when it was
+  // ended before.
+  bool Send(Platform::Ipc::ServerCall& call);
 
  private:
   void Begin(const char* name);
@@ -44,6 +47,7 @@ class ReplyWriter : public Common::NonCopyable {
   const std::unique_ptr<Serialization::Serializer> serializer_;
   std::vector<Serialization::MetaInfo> open_;
   std::size_t items_size_ = 0;
+  std::shared_ptr<const Serialization::CountedBytes> packet_;  // the ended reply
 };
 
 // A reply without results.

@@ -19,13 +19,14 @@ constexpr Common::SourceFile kSource{"services/objprobe_service/snapshot_call"};
 
 SnapshotCall::SnapshotCall(std::shared_ptr<Platform::Ipc::ServerCall> call, ViewMethod method,
                            Dml::ViewSpec spec, std::unique_ptr<ReplyWriter> reply,
-                           std::size_t max_bytes, End end)
+                           std::size_t max_bytes, End end, Undo undo)
     : call_(std::move(call)),
       method_(method),
       spec_(std::move(spec)),
       reply_(std::move(reply)),
       max_bytes_(max_bytes),
-      end_(std::move(end)) {}
+      end_(std::move(end)),
+      undo_(std::move(undo)) {}
 
 void SnapshotCall::Start(Dml::PostOffice& office) {
   const std::shared_ptr<SnapshotCall> self = shared_from_this();
@@ -68,7 +69,8 @@ void SnapshotCall::Cancel() {
   if (job != nullptr) job->Cancel();
 }
 
-// What is thrown here is dropped by the store, with the object.
+// The store drops a Common::Error, and the object with it: the reply goes on without it. Anything
+// else that is thrown ends the report, so that a reply written by half isn't sent.
 void SnapshotCall::Read(const Por::View::Unit& object) {
   if (failure_.IsFailure()) return;
   Por::Util::WriteUnitBlob(object, object_.bytes);
@@ -91,21 +93,21 @@ void SnapshotCall::Completed(Common::Error result) {
   }
   spec_ = {};
   if (failure_.IsFailure()) result = failure_;
+  if (!result.IsFailure()) result = FinishReply();
   if (result.IsFailure()) subscription_.reset();
-  try {
-    result = std::exchange(end_, nullptr)(result, std::move(subscription_));
-  } catch (const std::bad_alloc&) {
-    result = Common::Error::OutOfMemory();
-  }
-  Answer(result);
+  result = std::exchange(end_, nullptr)(result, std::move(subscription_));
+  const std::unique_ptr<ReplyWriter> reply = std::move(reply_);
+  const Undo undo = std::exchange(undo_, nullptr);
+  if (result.IsFailure()) return SendFailure(*call_, method_, result);
+  if (!reply->Send(*call_)) undo();
 }
 
-void SnapshotCall::Answer(const Common::Error& result) {
-  if (result.IsFailure()) return SendFailure(*call_, method_, result);
+Common::Error SnapshotCall::FinishReply() {
   try {
-    std::exchange(reply_, nullptr)->Send(*call_);
+    if (reply_->Finish() <= max_bytes_) return {};
+    return MakeServiceError(kReplyTooLarge, kSource.At("FinishReply", 20));
   } catch (const std::bad_alloc&) {
-    call_->Fail(Common::Error::OutOfMemory());
+    return Common::Error::OutOfMemory();
   }
 }
 

@@ -27,14 +27,17 @@ class SnapshotCall : public Dml::ReportReader,
  public:
   // What is done with the end, once, before the client is told: gets the result and, where that is
   // success and the call is one that subscribes, the subscription. Gives the result that the client
-  // is told.
+  // is told. Throws nothing.
   using End =
       std::function<Common::Error(Common::Error result, std::unique_ptr<Dml::Subscription>)>;
 
-  // `reply` stands where the items follow. A reply whose items exceed `max_bytes` is a failure.
+  // Takes back what `End` has made: the client was not told of it. Throws nothing.
+  using Undo = std::function<void()>;
+
+  // `reply` stands where the items follow. One of more than `max_bytes` is a failure.
   SnapshotCall(std::shared_ptr<Platform::Ipc::ServerCall> call, ViewMethod method,
                Dml::ViewSpec spec, std::unique_ptr<ReplyWriter> reply, std::size_t max_bytes,
-               End end);
+               End end, Undo undo);
 
   // Once: reads the objects of `office`, which must outlive that. Returns at once; throws nothing.
   void Start(Dml::PostOffice& office);
@@ -45,7 +48,8 @@ class SnapshotCall : public Dml::ReportReader,
   using ReportReader::Read;
   void Read(const Por::View::Unit& object) override;
   void Completed(Common::Error result) override;
-  void Answer(const Common::Error& result);
+  // Before `End`, so that what it makes isn't lost for a reply that can't go.
+  Common::Error FinishReply();
 
   const std::shared_ptr<Platform::Ipc::ServerCall> call_;
   const ViewMethod method_;
@@ -54,6 +58,7 @@ class SnapshotCall : public Dml::ReportReader,
   std::unique_ptr<ReplyWriter> reply_;
   const std::size_t max_bytes_;
   End end_;
+  Undo undo_;
   EncodedUnit object_;     // its memory serves one object after the other
   Common::Error failure_;  // of the reply
   std::unique_ptr<Dml::Subscription> subscription_;

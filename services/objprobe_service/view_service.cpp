@@ -88,7 +88,8 @@ class ViewService::Connection final : public std::enable_shared_from_this<Connec
       case ViewMethod::kSubscribe: {
         ReplyWriter reply(method);
         reply.WriteSubscription(Subscribe());
-        return reply.Send(*call);
+        reply.Send(*call);
+        return;
       }
       case ViewMethod::kAddInterest:
         return AddInterest(call, std::move(request));
@@ -110,8 +111,9 @@ class ViewService::Connection final : public std::enable_shared_from_this<Connec
   void OpenStaticView(const Call& call, ViewRequest request) {
     auto reply = std::make_unique<ReplyWriter>(ViewMethod::kOpenStaticView);
     reply->BeginSnapshot();
-    StartSnapshot(call, ViewMethod::kOpenStaticView, std::move(request), std::move(reply),
-                  [](Common::Error result, const auto&) { return result; });
+    StartSnapshot(
+        call, ViewMethod::kOpenStaticView, std::move(request), std::move(reply),
+        [](Common::Error result, const auto&) { return result; }, [] {});
   }
 
   void OpenDynamicView(const Call& call, ViewRequest request) {
@@ -120,11 +122,13 @@ class ViewService::Connection final : public std::enable_shared_from_this<Connec
     auto reply = std::make_unique<ReplyWriter>(ViewMethod::kOpenDynamicView);
     reply->WriteViewId(id);
     reply->BeginSnapshot();
-    StartSnapshot(call, ViewMethod::kOpenDynamicView, std::move(request), std::move(reply),
-                  [this, share, id](Common::Error result, auto subscription) {
-                    if (!result.IsFailure()) KeepView(id, {std::move(subscription), share});
-                    return result;
-                  });
+    StartSnapshot(
+        call, ViewMethod::kOpenDynamicView, std::move(request), std::move(reply),
+        [this, share, id](Common::Error result, auto subscription) {
+          if (!result.IsFailure()) KeepView(id, {std::move(subscription), share});
+          return result;
+        },
+        [this, id] { CloseView(id); });
   }
 
   void AddInterest(const Call& call, ViewRequest request) {
@@ -133,33 +137,45 @@ class ViewService::Connection final : public std::enable_shared_from_this<Connec
     const unsigned int channel = transmission->ReserveChannel();
     auto reply = std::make_unique<ReplyWriter>(ViewMethod::kAddInterest);
     reply->BeginTopic({transmission->GetId(), channel});
-    StartSnapshot(call, ViewMethod::kAddInterest, std::move(request), std::move(reply),
-                  [transmission, share, channel](Common::Error result, auto subscription) {
-                    if (result.IsFailure()) return result;
-                    try {
-                      return transmission->OpenChannel(channel, std::move(subscription), share);
-                    } catch (const std::bad_alloc&) {
-                      transmission->End(Common::Error::OutOfMemory());
-                      throw;
-                    }
-                  });
+    StartSnapshot(
+        call, ViewMethod::kAddInterest, std::move(request), std::move(reply),
+        [transmission, share, channel](Common::Error result, auto subscription) {
+          if (result.IsFailure()) return result;
+          try {
+            return transmission->OpenChannel(channel, std::move(subscription), share);
+          } catch (const std::bad_alloc&) {
+            transmission->End(Common::Error::OutOfMemory());
+            throw;
+          }
+        },
+        [transmission, channel] {
+          try {
+            transmission->RemoveChannel(channel);
+          } catch (const std::bad_alloc&) {
+            transmission->End(Common::Error::OutOfMemory());
+          }
+        });
   }
 
-  // Reads the store for the call as soon as that is this connection's turn. `end` may use this.
-  template <class End>
+  // Reads the store for the call as soon as that is this connection's turn. `end` and `undo` are
+  // those of the snapshot call, but may throw, and use this.
+  template <class End, class Undo>
   void StartSnapshot(const Call& call, ViewMethod method, ViewRequest request,
-                     std::unique_ptr<ReplyWriter> reply, End end) {
+                     std::unique_ptr<ReplyWriter> reply, End end, Undo undo) {
     const auto snapshot = std::make_shared<SnapshotCall>(
         call, method, std::move(request.spec), std::move(reply), service_.limits_.max_reply_bytes,
         [self = shared_from_this(), end](Common::Error result, auto subscription) {
-          result = end(std::move(result), std::move(subscription));
+          const Common::Error raised = Platform::Store::RunGuarded(
+              u"Answer", [&] { result = end(result, std::move(subscription)); });
+          if (raised.IsFailure()) result = raised;
           {
             const std::lock_guard lock(self->mutex_);
             --self->running_;
           }
           self->StartWaiting();
           return result;
-        });
+        },
+        [self = shared_from_this(), undo] { Platform::Store::RunGuarded(u"Undo", undo); });
     call->SetCancelCallback([weak = std::weak_ptr<SnapshotCall>(snapshot)] {
       if (const auto target = weak.lock()) target->Cancel();
     });

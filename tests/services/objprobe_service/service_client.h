@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -34,6 +35,14 @@ class TestCall final : public Platform::Ipc::ServerCall {
   void Reply(std::vector<unsigned char> packet) override {
     Answer([&] { reply_ = std::move(packet); });
   }
+  bool ReplyShared(std::shared_ptr<const void>, const unsigned char* packet,
+                   std::size_t size) override {
+    if (has_no_room_) {
+      Fail(Common::Error::OutOfMemory());
+      return false;
+    }
+    return Answer([&] { reply_.emplace(packet, packet + size); });
+  }
   void Fail(const Common::Error& error) override {
     Answer([&] { failure_ = error; });
   }
@@ -48,6 +57,8 @@ class TestCall final : public Platform::Ipc::ServerCall {
     if (is_gone) callback();
   }
 
+  // No reply goes out, but an error in its place.
+  void TakeRoom() { has_no_room_ = true; }
   // The client has cancelled the call or is gone.
   void Cancel() {
     std::function<void()> callback;
@@ -77,15 +88,17 @@ class TestCall final : public Platform::Ipc::ServerCall {
 
  private:
   template <class Store>
-  void Answer(Store&& store) {
+  bool Answer(Store&& store) {
     std::function<void()> dropped;
     {
       const std::lock_guard lock(mutex_);
       dropped.swap(on_cancel_);
       // The first answer counts; one that nobody takes any more may come, too.
-      if (answers_ == 0 && !is_gone_) store();
+      const bool is_first = answers_ == 0 && !is_gone_;
+      if (is_first) store();
       if (!is_gone_) ++answers_;
       answered_.notify_all();
+      return is_first;
     }
   }
 
@@ -98,6 +111,7 @@ class TestCall final : public Platform::Ipc::ServerCall {
   std::function<void()> on_cancel_;
   std::optional<std::vector<unsigned char>> reply_;
   Common::Error failure_;
+  std::atomic<bool> has_no_room_{false};
   int answers_ = 0;
   bool is_gone_ = false;
 };

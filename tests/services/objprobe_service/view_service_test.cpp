@@ -30,6 +30,59 @@ using Platform::Store::SqliteStoreWriter;
 constexpr char kThings[] = ".Composite().Trait(\"Is\").String(\"Thing\").End().End()";
 constexpr char kTwo[] = ".Composite().Property(\"LimitOptions\").DWord(2).End().End()";
 
+// A store whose reading goes on until the test ends it.
+class HeldOffice final : public Dml::PostOffice {
+ public:
+  struct Reading {
+    std::unique_ptr<Dml::Subscription>* subscription = nullptr;
+    Async::ActionHandler* handler = nullptr;
+    void End(std::unique_ptr<Dml::Subscription> result) {
+      *subscription = std::move(result);
+      handler->Completed({});
+    }
+  };
+
+  explicit HeldOffice(Reading& reading) : reading_(reading) {}
+  std::shared_ptr<Async::Job> Subscribe(const Core::EntryPoint&, const ViewSpec&,
+                                        std::shared_ptr<Dml::ReportReader>,
+                                        std::unique_ptr<Dml::Subscription>& subscription,
+                                        Async::ActionHandler& handler) override {
+    reading_ = {&subscription, &handler};
+    return std::make_shared<CancelledJob>(handler);
+  }
+  std::shared_ptr<Async::Job> Report(const Core::EntryPoint&, const ViewSpec&,
+                                     std::shared_ptr<Dml::ReportReader>,
+                                     Async::ActionHandler& handler) override {
+    handler.Completed({});
+    return nullptr;
+  }
+
+ private:
+  class CancelledJob final : public Async::BaseJob {
+   public:
+    explicit CancelledJob(Async::ActionHandler& handler) : handler_(handler) {}
+    void Cancel() override { handler_.Completed(Common::Error(Async::canceled_error.Get())); }
+
+   private:
+    Async::ActionHandler& handler_;
+  };
+
+  Reading& reading_;
+};
+
+// Never has a change; may find no memory to wait for one.
+class QuietSubscription final : public Dml::Subscription {
+ public:
+  explicit QuietSubscription(bool has_memory = true) : has_memory_(has_memory) {}
+  std::shared_ptr<Async::Job> Read(Dml::SubscriptionReader&, Async::ActionHandler&) override {
+    if (!has_memory_) throw std::bad_alloc();
+    return nullptr;
+  }
+
+ private:
+  const bool has_memory_;
+};
+
 class ViewServiceTest : public Platform::Store::StoreTest {
  protected:
   // Brief waits, so that tests of them don't take long.
@@ -40,11 +93,14 @@ class ViewServiceTest : public Platform::Store::StoreTest {
 
   void Serve(unsigned int version = 2) {
     if (!std::filesystem::exists(path_)) SqliteStoreWriter::Create(path_);
-    service_ =
-        std::make_unique<ViewService>(Open(), limits_, version, [this](const std::string& line) {
-          const std::lock_guard lock(log_mutex_);
-          log_ += line + "\n";
-        });
+    Serve(Open(), version);
+  }
+  void Serve(std::unique_ptr<Dml::PostOffice> office, unsigned int version = 2) {
+    service_ = std::make_unique<ViewService>(std::move(office), limits_, version,
+                                             [this](const std::string& line) {
+                                               const std::lock_guard lock(log_mutex_);
+                                               log_ += line + "\n";
+                                             });
     session_ = service_->Open("client");
   }
   SentRequest Send(std::unique_ptr<Binding::Request> request) {
@@ -373,20 +429,60 @@ TEST_F(ViewServiceTest, ClientIsHeldToItsLimits) {
     EXPECT_EQ(sent[i].Wait().GetCode(), 0U);
     EXPECT_EQ(Describe(results[i]), (Texts{"1v1", "2v1"}));
   }
+  const std::size_t size = sent[0].call->WaitForReply()->size();
   session_->OnClosed();
-  limits_.max_reply_bytes = 300;  // one object takes some 190
   limits_.max_view_bytes = 2000;
+  for (const std::size_t less : {0U, 1U, 300U}) {  // one object takes some 190
+    limits_.max_reply_bytes = size - less;
+    Serve();
+    EXPECT_EQ(Call(CreateOpenStaticViewRequest({}, snapshot)), less == 0 ? 0U : kReplyTooLarge);
+    session_->OnClosed();
+  }
   Serve();
-  EXPECT_EQ(Call(CreateOpenStaticViewRequest({}, snapshot)), kReplyTooLarge);
-  EXPECT_EQ(
-      Call(CreateOpenStaticViewRequest(
-          MakeSpec("", ".Composite().Property(\"LimitOptions\").DWord(1).End().End()"), snapshot)),
-      0U);
   EXPECT_EQ(Call(CreateOpenDynamicViewRequest({}, view, snapshot)), kReplyTooLarge);
+  EXPECT_EQ(Call(CreateCloseViewRequest(1)), kUnknownView);
   const std::string long_text(1000, 'x');
   EXPECT_EQ(Call(CreateOpenDynamicViewRequest(
                 MakeSpec(Join({".String(\"", long_text, "\").End()"})), view, snapshot)),
             kTooManyViews);
+}
+
+// Of a view or channel whose client doesn't learn of it nothing stays, its place included.
+TEST_F(ViewServiceTest, SnapshotsThatAreNotToldLeaveNothing) {
+  limits_.max_views = 1;
+  limits_.max_reports = 1;
+  HeldOffice::Reading reading;
+  Serve(std::make_unique<HeldOffice>(reading));
+  const unsigned int id = Subscribe();
+  Units units;
+  Topic topic;
+  unsigned int view = 0;
+  for (const bool is_cancelled : {true, false}) {
+    SCOPED_TRACE(is_cancelled);
+    for (const bool is_interest : {true, false}) {
+      reading = {};
+      SentRequest sent = Send(is_interest ? CreateAddInterestRequest({id, {}}, topic)
+                                          : CreateOpenDynamicViewRequest({}, view, units));
+      ASSERT_NE(reading.handler, nullptr);
+      if (is_cancelled) {
+        sent.call->Cancel();
+      } else {
+        sent.call->TakeRoom();
+        reading.End(std::make_unique<QuietSubscription>());
+        EXPECT_TRUE(sent.call->GetFailure().IsFailure());
+      }
+      EXPECT_EQ(Call(CreateOpenStaticViewRequest({}, units)), 0U);
+    }
+  }
+  // The client hears of the channel that it doesn't know, and of its end.
+  EXPECT_EQ(Pull(id, 2), (Texts{"2 open", "2 closed"}));
+  EXPECT_EQ(Call(CreateRemoveInterestRequest({id, 2})), kUnknownChannel);
+  EXPECT_EQ(Call(CreateCloseViewRequest(2)), kUnknownView);
+  // A channel that finds no memory at its start.
+  SentRequest sent = Send(CreateAddInterestRequest({id, {}}, topic));
+  reading.End(std::make_unique<QuietSubscription>(false));
+  EXPECT_TRUE(sent.Wait().IsFailure());
+  EXPECT_EQ(Call(CreateOpenStaticViewRequest({}, units)), 0U);
 }
 
 TEST_F(ViewServiceTest, SecondGenerationIsNotServedInTheFirst) {
