@@ -29,6 +29,7 @@ using Platform::Store::MakeSystemError;
 constexpr Common::SourceFile kSource{"services/objprobe_service/user_file"};
 
 constexpr std::size_t kMaxFileSize = std::size_t{16} << 20;
+constexpr mode_t kGroupReads = 0640;
 constexpr std::string_view kMethods[] = {"$y$", "$6$"};
 
 class Descriptor : public Common::NonCopyable {
@@ -148,9 +149,14 @@ class Replacement : public Common::NonCopyable {
 
   void Write(std::string_view text) { WriteAll(file_.Get(), name_, text); }
   void TakeOwner(const struct stat& status) {
-    if (status.st_uid == ::geteuid() && status.st_gid == ::getegid()) return;
-    Check(::fchown(file_.Get(), status.st_uid, status.st_gid), Core::kFileSecurityFailure, name_,
-          50);
+    struct stat own = {};
+    Check(::fstat(file_.Get(), &own), Core::kFileReadFailure, name_, 45);
+    if (status.st_uid != own.st_uid || status.st_gid != own.st_gid) {
+      Check(::fchown(file_.Get(), status.st_uid, status.st_gid), Core::kFileSecurityFailure, name_,
+            50);
+    }
+    if ((status.st_mode & 07777) != kGroupReads) return;
+    Check(::fchmod(file_.Get(), kGroupReads), Core::kFileSecurityFailure, name_, 55);
   }
   void TakePlace() {
     Check(::fsync(file_.Get()), Core::kFileWriteFailure, name_, 60);
@@ -265,6 +271,10 @@ void SetPassword(const std::string& path, const std::string& user, const std::st
     }
     if (exists) {
       Check(::fstat(file.Get(), &status), Core::kFileReadFailure, path, 140);
+      if (!S_ISREG(status.st_mode)) {
+        throw MakeFileError(Core::kFileSecurityFailure, path, "It is no file.",
+                            kSource.At("SetPassword", 145));
+      }
       former = ReadAll(file.Get(), path, kMaxFileSize);
     }
   }

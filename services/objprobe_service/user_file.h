@@ -63,7 +63,8 @@ class UserFile : public Common::NonCopyable {
 // Gives a user a password, in a file that is made if it is missing. The file is replaced as a
 // whole: a reader sees the old one or the new one, and so does a computer that fails meanwhile. Of
 // several processes and threads that do so one waits for the other.
-// Afterwards only its owner, who stays the same, may read and write it. Throws Common::Error.
+// Owner and group stay the same, and mode 0640 does; any other one becomes 0600, that of a new
+// file. Throws Common::Error.
 void SetPassword(const std::string& path, const std::string& user, const std::string& password);
 
 }  // namespace ObjProbeService

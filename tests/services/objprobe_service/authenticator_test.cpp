@@ -124,14 +124,27 @@ TEST_F(UserFileTest, PasswordsAreSetOneByOne) {
   EXPECT_TRUE(MatchesHash("two", users->at("carl")));
   EXPECT_EQ(users->at("bob"), kSha512);
   EXPECT_TRUE(ReadText().starts_with("# People\nanna:"));
-  struct stat status = {};
-  ASSERT_EQ(::stat(path_.c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 07777U, 0600U);
+  const auto get_mode = [&] {
+    struct stat status = {};
+    EXPECT_EQ(::stat(path_.c_str(), &status), 0);
+    return status.st_mode & 07777U;
+  };
+  EXPECT_EQ(get_mode(), 0600U);
+  for (const mode_t mode : {0640U, 0644U}) {
+    ASSERT_EQ(::chmod(path_.c_str(), mode), 0);
+    SetPassword(path_, "carl", "two");
+    EXPECT_EQ(get_mode(), mode == 0640 ? 0640U : 0600U);
+  }
   // A file that isn't in order stays as it is, and nothing is left beside it.
   Write("anna\n");
   EXPECT_EQ(CodeOf([&] { SetPassword(path_, "anna", "four"); }), 0x4000DU);
   EXPECT_EQ(ReadText(), "anna\n");
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder_.GetPath()), {}), 1);
+  // What is no file isn't replaced.
+  std::filesystem::remove(path_);
+  ASSERT_EQ(::mkfifo(path_.c_str(), 0600), 0);
+  EXPECT_EQ(CodeOf([&] { SetPassword(path_, "anna", "four"); }), 0x40023U);
+  EXPECT_TRUE(std::filesystem::is_fifo(path_));
 }
 
 TEST_F(UserFileTest, UsersSetAtATimeAreAllThere) {
