@@ -8,12 +8,15 @@
 
 #include "core/common/error.h"
 #include "core/common/non_copyable.h"
-#include "platform/ipc/secret.h"
+#include "core/common/secret.h"
 #include "platform/ipc/server.h"
 
 // The frames of docs/transport.md: bytes in, frames out, and back. Nothing here knows sockets.
 
 namespace Platform::Ipc {
+
+using Common::Secret;
+using Common::Wipe;
 
 using Bytes = std::span<const unsigned char>;
 

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "core/common/error.h"
+#include "core/common/secret.h"
 #include "core/common/text.h"
 #include "enterprise/common/dml/local_post_office.h"
 #include "enterprise/common/dml/tools/objprobe/arguments.h"
@@ -154,7 +155,9 @@ void Serve(const Settings& settings) {
 
 void SetPasswordOf(const std::string& file, const std::string& user) {
   if (!IsUserName(user)) throw UsageFailure("\"" + user + "\" can't be the name of a user.");
-  SetPassword(file, user, AskForPassword(user));
+  Common::Secret password;
+  AskForPassword(user, password);
+  SetPassword(file, user, password.Get());
 }
 
 int Fail(const std::string& text, int status = kFailed) {

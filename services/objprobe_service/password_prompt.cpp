@@ -61,14 +61,15 @@ class HiddenInput : public Common::NonCopyable {
 };
 
 // Byte by byte, so that nothing of it stays in a buffer.
-std::string ReadLine() {
-  std::string line;
+void ReadLine(Common::Secret& secret) {
+  std::string& line = secret.Fill();
+  line.reserve(kMaxPassword + 1);
   for (;;) {
     char c = 0;
     const ssize_t count = ::read(STDIN_FILENO, &c, 1);
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) throw std::runtime_error("The password can't be read.");
-    if (count == 0 || c == '\n') return line;
+    if (count == 0 || c == '\n') return;
     line += c;
     if (line.size() > kMaxPassword) throw std::runtime_error("The password is too long.");
   }
@@ -76,19 +77,19 @@ std::string ReadLine() {
 
 }  // namespace
 
-std::string AskForPassword(const std::string& user) {
-  std::string password;
+void AskForPassword(const std::string& user, Common::Secret& password) {
   if (::isatty(STDIN_FILENO) == 1) {
     const HiddenInput hidden;
     std::fprintf(stderr, "New password of %s: ", user.c_str());
-    password = ReadLine();
+    ReadLine(password);
     std::fputs("Again: ", stderr);
-    if (ReadLine() != password) throw std::runtime_error("The two passwords differ.");
+    Common::Secret again;
+    ReadLine(again);
+    if (again.Get() != password.Get()) throw std::runtime_error("The two passwords differ.");
   } else {
-    password = ReadLine();
+    ReadLine(password);
   }
-  if (!IsPassword(password)) throw std::runtime_error("There is no password in the input.");
-  return password;
+  if (!IsPassword(password.Get())) throw std::runtime_error("There is no password in the input.");
 }
 
 }  // namespace ObjProbeService

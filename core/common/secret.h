@@ -7,7 +7,7 @@
 
 #include "core/common/non_copyable.h"
 
-namespace Platform::Ipc {
+namespace Common {
 
 // Overwrites what has held a password.
 inline void Wipe(std::vector<unsigned char>& bytes) {
@@ -15,7 +15,7 @@ inline void Wipe(std::vector<unsigned char>& bytes) {
 }
 
 // A text that is overwritten when it goes, with what its string has room for.
-class Secret : public Common::NonCopyable {
+class Secret : public NonCopyable {
  public:
   Secret() = default;
   ~Secret() { Wipe(); }
@@ -33,4 +33,4 @@ class Secret : public Common::NonCopyable {
   std::string text_;
 };
 
-}  // namespace Platform::Ipc
+}  // namespace Common
