@@ -10,6 +10,13 @@
 
 namespace ObjProbeService {
 
+namespace {
+
+// Takes the place of what can't be a password.
+const std::string kNobodysPassword = "nobody";
+
+}  // namespace
+
 FailureCounter::Verdict FailureCounter::Judge(const std::string& name,
                                               Clock::time_point now) const {
   const auto found = windows_.find(name);
@@ -99,7 +106,7 @@ Authenticator::Authenticator(std::string user_file, const Limits& limits, Log lo
     : file_(std::move(user_file)),
       limits_(limits),
       log_(std::move(log)),
-      nobodys_hash_(HashPassword("nobody")),
+      nobodys_hash_(HashPassword(kNobodysPassword)),
       addresses_(limits.max_failures_of_address, limits.window, limits.max_addresses),
       users_(limits.max_failures_of_user, limits.window, limits.max_addresses) {
   file_.Read();
@@ -115,8 +122,9 @@ bool Authenticator::Authenticate(const std::string& user, const std::string& pas
 
 bool Authenticator::Check(const std::string& user, const std::string& password,
                           const std::string& address) {
+  // Of a longer name, which is no user's, the beginning is enough for the log.
   const std::string who = StoreTool::MakePrintable(
-      std::string("user \"").append(user).append("\" at ").append(address));
+      std::string("user \"").append(user, 0, kMaxUserName).append("\" at ").append(address));
   std::shared_ptr<const UserHashes> users;
   try {
     users = file_.Read();
@@ -146,8 +154,8 @@ bool Authenticator::CheckPassword(const UserHashes& users, const std::string& us
   const bool is_known = found != users.end() && IsPassword(password);
   // The cost of a hash is written in it, so that of another user is the best stand-in.
   const std::string& stand_in = users.empty() ? nobodys_hash_ : users.begin()->second;
-  const bool is_match = MatchesHash(IsPassword(password) ? password : std::string("nobody"),
-                                    found != users.end() ? found->second : stand_in);
+  const std::string& tried = IsPassword(password) ? password : kNobodysPassword;
+  const bool is_match = MatchesHash(tried, found != users.end() ? found->second : stand_in);
   return is_match && is_known;
 }
 

@@ -22,8 +22,7 @@ const char16_t* GetText(std::uint32_t code) {
       return u"The connection has a transmission already.";
     case kTooManyViews:
       return u"The views and channels of the connection are more, or have larger patterns, than "
-             u"the "
-             u"service takes.";
+             u"the service takes.";
     case kReplyTooLarge:
       return u"The objects make a larger reply than the service sends. Ask for fewer of them with "
              u"the option \"LimitOptions\".";
