@@ -6,10 +6,12 @@
 #include <new>
 #include <utility>
 
+#include "core/common/line_tag.h"
 #include "enterprise/common/async/action.h"
 #include "enterprise/common/async/async_error.h"
 #include "enterprise/common/async/job.h"
 #include "services/objprobe_service/reply_writer.h"
+#include "services/objprobe_service/service_error.h"
 
 namespace ObjProbeService {
 
@@ -19,7 +21,14 @@ using Dml::ViewManagement::kUpdateCreated;
 using Dml::ViewManagement::kUpdateDeleted;
 using Dml::ViewManagement::kUpdateUpdated;
 
+constexpr Common::SourceFile kSource{"services/objprobe_service/dynamic_view"};
 constexpr ViewMethod kMethod = ViewMethod::kAcquireUpdates;
+
+struct TooManyObjects {};
+
+Common::Error MakeTooManyObjects() {
+  return MakeServiceError(kTooManyViews, kSource.At("MakeTooManyObjects", 10));
+}
 
 // One pull. It keeps itself alive until it is answered.
 class ViewPull final : public Dml::SubscriptionReader,
@@ -27,8 +36,9 @@ class ViewPull final : public Dml::SubscriptionReader,
                        public std::enable_shared_from_this<ViewPull>,
                        private Async::ActionHandler {
  public:
-  ViewPull(std::shared_ptr<Platform::Ipc::ServerCall> call, PullTimer& timer)
-      : call_(std::move(call)), timer_(&timer), reply_(kMethod) {
+  ViewPull(std::shared_ptr<Platform::Ipc::ServerCall> call,
+           std::shared_ptr<ViewBudget::Share> share, PullTimer& timer)
+      : call_(std::move(call)), share_(std::move(share)), timer_(&timer), reply_(kMethod) {
     reply_.BeginUpdates();
   }
 
@@ -75,12 +85,15 @@ class ViewPull final : public Dml::SubscriptionReader,
   using SubscriptionReader::OnDeleted;
   using SubscriptionReader::OnUpdated;
   void OnCreated(const Por::View::Unit& object) override {
+    // What ends the read isn't told.
+    if (!share_->AddObject()) throw TooManyObjects();
     reply_.WriteItem(EncodedUpdate{kUpdateCreated, EncodeUnit(object), {}});
   }
   void OnUpdated(const Por::View::Unit& key, const Por::View::Unit& diff) override {
     reply_.WriteItem(EncodedUpdate{kUpdateUpdated, EncodeUnit(key), EncodeUnit(diff)});
   }
   void OnDeleted(const Por::View::Unit& key) override {
+    share_->RemoveObject();
     reply_.WriteItem(EncodedUpdate{kUpdateDeleted, EncodeUnit(key), {}});
   }
 
@@ -108,6 +121,7 @@ class ViewPull final : public Dml::SubscriptionReader,
       is_empty = has_waited_ && result.HoldsCode(Async::kCanceledCode);
     }
     if (wait != 0) timer_->Remove(wait);
+    if (share_->IsExceeded()) result = MakeTooManyObjects();
     if (result.IsFailure() && !is_empty) return SendFailure(*call_, kMethod, result);
     try {
       reply_.Send(*call_);
@@ -117,6 +131,7 @@ class ViewPull final : public Dml::SubscriptionReader,
   }
 
   const std::shared_ptr<Platform::Ipc::ServerCall> call_;
+  const std::shared_ptr<ViewBudget::Share> share_;
   PullTimer* const timer_;
   ReplyWriter reply_;  // of the thread that delivers
 
@@ -130,13 +145,14 @@ class ViewPull final : public Dml::SubscriptionReader,
 
 }  // namespace
 
-void PullView(std::shared_ptr<Platform::Ipc::ServerCall> call,
-              const std::shared_ptr<Dml::Subscription>& subscription, PullTimer& timer) {
-  const auto pull = std::make_shared<ViewPull>(call, timer);
+void PullView(std::shared_ptr<Platform::Ipc::ServerCall> call, const DynamicView& view,
+              PullTimer& timer) {
+  if (view.share->IsExceeded()) return SendFailure(*call, kMethod, MakeTooManyObjects());
+  const auto pull = std::make_shared<ViewPull>(call, view.share, timer);
   call->SetCancelCallback([weak = std::weak_ptr<ViewPull>(pull)] {
     if (const auto target = weak.lock()) target->Cancel();
   });
-  pull->Start(*subscription);
+  pull->Start(*view.subscription);
 }
 
 }  // namespace ObjProbeService

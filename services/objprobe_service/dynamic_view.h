@@ -17,9 +17,10 @@ struct DynamicView {
 };
 
 // Answers AcquireUpdates: with the next changes of the view, with none when the time of `timer` has
-// passed, with a failure when the view is closed or another pull of it waits. A cancel of the call
-// ends the wait. The subscription isn't kept; the timer must outlive the call.
-void PullView(std::shared_ptr<Platform::Ipc::ServerCall> call,
-              const std::shared_ptr<Dml::Subscription>& subscription, PullTimer& timer);
+// passed, with a failure when the view is closed, remembers more objects than it may or has another
+// pull that waits. A cancel of the call ends the wait. The subscription isn't kept; the timer must
+// outlive the call.
+void PullView(std::shared_ptr<Platform::Ipc::ServerCall> call, const DynamicView& view,
+              PullTimer& timer);
 
 }  // namespace ObjProbeService

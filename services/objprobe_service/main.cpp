@@ -80,6 +80,12 @@ unsigned int FindService(const std::string& keyword) {
 }
 
 void Check(const Settings& settings) {
+  if (settings.transport.max_request_size > settings.transport.max_input) {
+    throw UsageFailure("--max-request-bytes is more than --max-input-bytes.");
+  }
+  if (settings.limits.max_reply_bytes > settings.transport.max_output) {
+    throw UsageFailure("--max-reply-bytes is more than --max-output-bytes.");
+  }
   if (settings.stores.empty())
     throw UsageFailure("--serve is required: there is nothing to serve.");
   const bool has_all =
@@ -196,10 +202,15 @@ int Run(int argc, char** argv) {
   add_limit("--max-queue-bytes", settings.limits.max_queue_bytes, "Memory that they take");
   add_limit("--max-views", settings.limits.max_views, "Views and channels of a connection");
   add_limit("--max-view-bytes", settings.limits.max_view_bytes, "Bytes of the requests for them");
+  add_limit("--max-view-objects", settings.limits.max_view_objects,
+            "Objects that they remember, where the number of objects is limited");
   add_limit("--max-reports", settings.limits.max_reports,
             "Calls of a connection that read the store at a time");
   add_limit("--max-reply-bytes", settings.limits.max_reply_bytes, "Bytes of a reply");
   add_limit("--max-request-bytes", settings.transport.max_request_size, "Bytes of a request");
+  add_limit("--max-input-bytes", settings.transport.max_input, "Bytes of open requests");
+  add_limit("--max-output-bytes", settings.transport.max_output,
+            "Bytes that wait to be taken by a client");
   add_limit("--max-calls", settings.transport.max_calls, "Open calls of a connection");
   add_limit("--max-connections", settings.transport.max_connections, "Connections altogether");
 
@@ -216,6 +227,7 @@ int Run(int argc, char** argv) {
     const int status = app.exit(error);
     return status == 0 && std::cout.flush() ? 0 : kWrongUsage;
   }
+  // Other replies aren't held to that limit, but by what the records of a pull may be.
   settings.transport.max_reply_size =
       std::max(settings.transport.max_reply_size, settings.limits.max_reply_bytes);
   try {

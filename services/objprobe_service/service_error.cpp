@@ -21,8 +21,8 @@ const char16_t* GetText(std::uint32_t code) {
     case kSecondTransmission:
       return u"The connection has a transmission already.";
     case kTooManyViews:
-      return u"The views and channels of the connection are more, or have larger patterns, than "
-             u"the service takes.";
+      return u"The views and channels of the connection are more, or have larger patterns or more "
+             u"objects, than the service takes.";
     case kReplyTooLarge:
       return u"The objects make a larger reply than the service sends. Ask for fewer of them with "
              u"the option \"LimitOptions\".";

@@ -17,10 +17,12 @@ struct ServiceLimits {
   // Views and channels of one connection, and the bytes of the requests that made them.
   std::size_t max_views = 1'024;
   std::size_t max_view_bytes = std::size_t{16} << 20;
+  // Objects that all views of one connection remember; those with a limit on their objects do.
+  std::size_t max_view_objects = std::size_t{4} << 20;
   // Calls of one connection that read the store at a time; more of them wait.
-  std::size_t max_reports = 8;
+  std::size_t max_reports = 4;
   // Bytes of a reply with a snapshot.
-  std::size_t max_reply_bytes = std::size_t{1} << 30;
+  std::size_t max_reply_bytes = std::size_t{512} << 20;
 };
 
 }  // namespace ObjProbeService

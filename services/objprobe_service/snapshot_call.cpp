@@ -19,12 +19,14 @@ constexpr Common::SourceFile kSource{"services/objprobe_service/snapshot_call"};
 
 SnapshotCall::SnapshotCall(std::shared_ptr<Platform::Ipc::ServerCall> call, ViewMethod method,
                            Dml::ViewSpec spec, std::unique_ptr<ReplyWriter> reply,
-                           std::size_t max_bytes, End end, Undo undo)
+                           std::size_t max_bytes, std::shared_ptr<ViewBudget::Share> share, End end,
+                           Undo undo)
     : call_(std::move(call)),
       method_(method),
       spec_(std::move(spec)),
       reply_(std::move(reply)),
       max_bytes_(max_bytes),
+      share_(std::move(share)),
       end_(std::move(end)),
       undo_(std::move(undo)) {}
 
@@ -75,8 +77,13 @@ void SnapshotCall::Read(const Por::View::Unit& object) {
   if (failure_.IsFailure()) return;
   Por::Util::WriteUnitBlob(object, object_.bytes);
   reply_->WriteItem(object_);
-  if (reply_->GetItemsSize() <= max_bytes_) return;
-  failure_ = MakeServiceError(kReplyTooLarge, kSource.At("Read", 10));
+  if (share_ != nullptr && !share_->AddObject()) {
+    failure_ = MakeServiceError(kTooManyViews, kSource.At("Read", 5));
+  } else if (reply_->GetItemsSize() > max_bytes_) {
+    failure_ = MakeServiceError(kReplyTooLarge, kSource.At("Read", 10));
+  } else {
+    return;
+  }
   reply_.reset();
   Cancel();
 }

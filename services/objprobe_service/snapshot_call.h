@@ -11,6 +11,7 @@
 #include "enterprise/common/dml/reader.h"
 #include "platform/ipc/server.h"
 #include "services/objprobe_service/reply_writer.h"
+#include "services/objprobe_service/view_budget.h"
 #include "services/objprobe_service/view_request.h"
 
 namespace ObjProbeService {
@@ -34,10 +35,11 @@ class SnapshotCall : public Dml::ReportReader,
   // Takes back what `End` has made: the client was not told of it. Throws nothing.
   using Undo = std::function<void()>;
 
-  // `reply` stands where the items follow. One of more than `max_bytes` is a failure.
+  // `reply` stands where the items follow. One of more than `max_bytes` is a failure, and so are
+  // more objects than `share` takes, which may be null.
   SnapshotCall(std::shared_ptr<Platform::Ipc::ServerCall> call, ViewMethod method,
                Dml::ViewSpec spec, std::unique_ptr<ReplyWriter> reply, std::size_t max_bytes,
-               End end, Undo undo);
+               std::shared_ptr<ViewBudget::Share> share, End end, Undo undo);
 
   // Once: reads the objects of `office`, which must outlive that. Returns at once; throws nothing.
   void Start(Dml::PostOffice& office);
@@ -57,6 +59,7 @@ class SnapshotCall : public Dml::ReportReader,
   // Of the reading thread, then of Completed.
   std::unique_ptr<ReplyWriter> reply_;
   const std::size_t max_bytes_;
+  const std::shared_ptr<ViewBudget::Share> share_;
   End end_;
   Undo undo_;
   EncodedUnit object_;     // its memory serves one object after the other

@@ -80,18 +80,35 @@ class Transmission::Channel final : public Dml::SubscriptionReader,
   using SubscriptionReader::OnCreated;
   using SubscriptionReader::OnDeleted;
   using SubscriptionReader::OnUpdated;
-  void OnCreated(const Por::View::Unit& object) override { Note(kUpdateCreated, object, nullptr); }
+  void OnCreated(const Por::View::Unit& object) override {
+    const auto share = GetShare();
+    if (share != nullptr && !share->AddObject()) {
+      failure_ = MakeServiceError(kTooManyViews, kSource.At("OnCreated", 5));
+      Cut();
+    }
+    Note(kUpdateCreated, object, nullptr);
+  }
   void OnUpdated(const Por::View::Unit& key, const Por::View::Unit& diff) override {
     Note(kUpdateUpdated, key, &diff);
   }
-  void OnDeleted(const Por::View::Unit& key) override { Note(kUpdateDeleted, key, nullptr); }
+  void OnDeleted(const Por::View::Unit& key) override {
+    if (const auto share = GetShare()) share->RemoveObject();
+    Note(kUpdateDeleted, key, nullptr);
+  }
 
  private:
   void Note(unsigned int type, const Por::View::Unit& unit, const Por::View::Unit* diff) {
     Record record{RecordKind::kUpdate, {type, EncodeUnit(MarkedUnit(unit, mark_)), {}}};
     if (diff != nullptr) record.update.packed_update = EncodeUnit(*diff);
     const std::shared_ptr<Transmission> transmission = transmission_.lock();
-    if (transmission != nullptr && transmission->Add(*this, std::move(record))) return;
+    if (transmission == nullptr || !transmission->Add(*this, std::move(record))) Cut();
+  }
+  // None of a channel that is closed.
+  std::shared_ptr<ViewBudget::Share> GetShare() {
+    const std::lock_guard lock(mutex_);
+    return share_;
+  }
+  [[noreturn]] void Cut() {
     is_cut_ = true;
     throw EndOfRead();
   }
@@ -104,7 +121,7 @@ class Transmission::Channel final : public Dml::SubscriptionReader,
       self.swap(self_);
       is_closed = subscription_ == nullptr;
     }
-    if (std::exchange(is_cut_, false)) result = Common::Error();
+    if (std::exchange(is_cut_, false)) result = failure_;
     const std::shared_ptr<Transmission> transmission = transmission_.lock();
     if (is_closed || transmission == nullptr) return;
     try {
@@ -123,7 +140,8 @@ class Transmission::Channel final : public Dml::SubscriptionReader,
   const unsigned int number_;
   const Por::TraitHolder mark_;
   const std::weak_ptr<Transmission> transmission_;
-  bool is_cut_ = false;  // of the delivering thread: the read was ended by EndOfRead
+  Common::Error failure_;  // why it can't go on, if that isn't the store's
+  bool is_cut_ = false;    // of the delivering thread: the read was ended by EndOfRead
 
   std::mutex mutex_;               // guards the fields below
   std::shared_ptr<Channel> self_;  // while a read is under way

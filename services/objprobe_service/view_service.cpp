@@ -10,6 +10,7 @@
 #include "core/common/line_tag.h"
 #include "enterprise/common/dml_view_common/view_manager.h"
 #include "platform/store/guarded_call.h"
+#include "platform/store/limit_option.h"
 #include "services/objprobe_service/dynamic_view.h"
 #include "services/objprobe_service/reply_writer.h"
 #include "services/objprobe_service/service_error.h"
@@ -112,7 +113,7 @@ class ViewService::Connection final : public std::enable_shared_from_this<Connec
     auto reply = std::make_unique<ReplyWriter>(ViewMethod::kOpenStaticView);
     reply->BeginSnapshot();
     StartSnapshot(
-        call, ViewMethod::kOpenStaticView, std::move(request), std::move(reply),
+        call, ViewMethod::kOpenStaticView, std::move(request), std::move(reply), nullptr,
         [](Common::Error result, const auto&) { return result; }, [] {});
   }
 
@@ -123,7 +124,7 @@ class ViewService::Connection final : public std::enable_shared_from_this<Connec
     reply->WriteViewId(id);
     reply->BeginSnapshot();
     StartSnapshot(
-        call, ViewMethod::kOpenDynamicView, std::move(request), std::move(reply),
+        call, ViewMethod::kOpenDynamicView, std::move(request), std::move(reply), share,
         [this, share, id](Common::Error result, auto subscription) {
           if (!result.IsFailure()) KeepView(id, {std::move(subscription), share});
           return result;
@@ -138,7 +139,7 @@ class ViewService::Connection final : public std::enable_shared_from_this<Connec
     auto reply = std::make_unique<ReplyWriter>(ViewMethod::kAddInterest);
     reply->BeginTopic({transmission->GetId(), channel});
     StartSnapshot(
-        call, ViewMethod::kAddInterest, std::move(request), std::move(reply),
+        call, ViewMethod::kAddInterest, std::move(request), std::move(reply), share,
         [transmission, share, channel](Common::Error result, auto subscription) {
           if (result.IsFailure()) return result;
           try {
@@ -161,9 +162,11 @@ class ViewService::Connection final : public std::enable_shared_from_this<Connec
   // those of the snapshot call, but may throw, and use this.
   template <class End, class Undo>
   void StartSnapshot(const Call& call, ViewMethod method, ViewRequest request,
-                     std::unique_ptr<ReplyWriter> reply, End end, Undo undo) {
+                     std::unique_ptr<ReplyWriter> reply, std::shared_ptr<ViewBudget::Share> share,
+                     End end, Undo undo) {
     const auto snapshot = std::make_shared<SnapshotCall>(
         call, method, std::move(request.spec), std::move(reply), service_.limits_.max_reply_bytes,
+        std::move(share),
         [self = shared_from_this(), end](Common::Error result, auto subscription) {
           const Common::Error raised = Platform::Store::RunGuarded(
               u"Answer", [&] { result = end(result, std::move(subscription)); });
@@ -204,7 +207,8 @@ class ViewService::Connection final : public std::enable_shared_from_this<Connec
   }
 
   std::shared_ptr<ViewBudget::Share> TakeShare(const ViewRequest& request) {
-    auto share = budget_->Take(request.size);
+    const bool is_limited = Platform::Store::GetLimit(request.spec.options.get()).has_value();
+    auto share = budget_->Take(request.size, is_limited);
     if (share == nullptr) throw MakeServiceError(kTooManyViews, kSource.At("TakeShare", 40));
     return share;
   }
@@ -220,11 +224,11 @@ class ViewService::Connection final : public std::enable_shared_from_this<Connec
     const std::lock_guard lock(mutex_);
     if (!is_closed_) views_.emplace(id, std::move(view));
   }
-  std::shared_ptr<Dml::Subscription> FindView(unsigned int id) {
+  DynamicView FindView(unsigned int id) {
     const std::lock_guard lock(mutex_);
     const auto found = views_.find(id);
     if (found == views_.end()) throw MakeServiceError(kUnknownView, kSource.At("FindView", 50));
-    return found->second.subscription;
+    return found->second;
   }
   void CloseView(unsigned int id) {
     std::map<unsigned int, DynamicView>::node_type closed;  // goes without the lock

@@ -87,6 +87,8 @@ TEST_F(ServiceProgram, RefusesWrongCommandLines) {
       {"--serve", serve, "--users", store},
       {"--serve", serve, "--interface-version", "3"},
       {"--serve", serve, "--max-views", "0"},
+      {"--serve", serve, "--max-reply-bytes", "2000000000"},
+      {"--serve", serve, "--max-request-bytes", "300000000"},
       {"--serve", serve, "more"},
       {"passwd", folder_ / "users"},
       {"passwd", folder_ / "users", "a:b"},

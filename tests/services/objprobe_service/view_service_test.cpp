@@ -447,6 +447,39 @@ TEST_F(ViewServiceTest, ClientIsHeldToItsLimits) {
             kTooManyViews);
 }
 
+TEST_F(ViewServiceTest, RememberedObjectsAreCounted) {
+  const std::string many = ".Composite().Property(\"LimitOptions\").DWord(4294967295).End().End()";
+  Store({MakeVersion(1, 1), MakeVersion(2, 1)});
+  limits_.max_view_objects = 5;
+  Serve();
+  const unsigned int id = Subscribe();
+  unsigned int view = 0;
+  Units snapshot;
+  AddInterest(id, "", many);
+  AddInterest(id);  // without a limit nothing is remembered
+  ASSERT_EQ(Call(CreateOpenDynamicViewRequest(MakeSpec("", many), view, snapshot)), 0U);
+  Topic topic;
+  EXPECT_EQ(Call(CreateAddInterestRequest({id, MakeSpec("", many)}, topic)), kTooManyViews);
+  // A deletion makes room.
+  Delete(1);
+  std::vector<ViewUpdate> updates;
+  EXPECT_EQ(Call(CreateAcquireUpdatesRequest(view, updates)), 0U);
+  EXPECT_EQ(Describe(updates), (Texts{"-1"}));
+  EXPECT_EQ(Pull(id, 4).size(), 4U);
+  // Now each of the two remembers one object; of four more there is room for three.
+  Store({MakeVersion(3, 1), MakeVersion(4, 1)});
+  EXPECT_EQ(Pull(id, 4).size(), 4U);
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(Call(CreateAcquireUpdatesRequest(view, updates)), kTooManyViews);
+  }
+  EXPECT_EQ(Call(CreateCloseViewRequest(view)), 0U);
+  Store({MakeVersion(5, 1), MakeVersion(6, 1), MakeVersion(7, 1)});
+  Texts texts = Pull(id, 6);
+  EXPECT_EQ(std::count(texts.begin(), texts.end(), "1+7v1"), 0);
+  EXPECT_EQ(
+      std::count(texts.begin(), texts.end(), Join({"1 error ", std::to_string(kTooManyViews)})), 1);
+}
+
 // Of a view or channel whose client doesn't learn of it nothing stays, its place included.
 TEST_F(ViewServiceTest, SnapshotsThatAreNotToldLeaveNothing) {
   limits_.max_views = 1;
