@@ -114,14 +114,6 @@ Authenticator::Authenticator(std::string user_file, const Limits& limits, Log lo
 
 bool Authenticator::Authenticate(const std::string& user, const std::string& password,
                                  const std::string& address) {
-  const auto refusal = FailureCounter::Clock::now() + limits_.refusal_time;
-  if (Check(user, password, address)) return true;
-  WaitUntil(refusal);
-  return false;
-}
-
-bool Authenticator::Check(const std::string& user, const std::string& password,
-                          const std::string& address) {
   // Of a longer name, which is no user's, the beginning is enough for the log.
   const std::string who = StoreTool::MakePrintable(
       std::string("user \"").append(user, 0, kMaxUserName).append("\" at ").append(address));
@@ -157,17 +149,6 @@ bool Authenticator::CheckPassword(const UserHashes& users, const std::string& us
   const std::string& tried = IsPassword(password) ? password : kNobodysPassword;
   const bool is_match = MatchesHash(tried, found != users.end() ? found->second : stand_in);
   return is_match && is_known;
-}
-
-void Authenticator::Stop() {
-  const std::lock_guard lock(mutex_);
-  is_stopped_ = true;
-  stop_.notify_all();
-}
-
-void Authenticator::WaitUntil(FailureCounter::Clock::time_point time) {
-  std::unique_lock lock(mutex_);
-  stop_.wait_until(lock, time, [this] { return is_stopped_; });
 }
 
 std::string GetNetwork(const std::string& address) {

@@ -52,8 +52,8 @@ class FailureCounter : public Common::NonCopyable {
 
 // Decides whether a remote client is who it says. Threads: any, several at once.
 //
-// - Passwords are checked in the same way and time for unknown users as for known ones, and a
-//   refusal comes a fixed time after the attempt, whatever its cause.
+// - Passwords are checked in the same way and time for unknown users as for known ones. The caller
+//   delays what is refused, whatever the cause.
 // - After too many failures from one network address, or for one user, all attempts of these are
 //   refused for the rest of the time in which they were counted, the right password included.
 // - Attempts count when they have failed. Those that would be too many only if all of them failed
@@ -62,7 +62,6 @@ class FailureCounter : public Common::NonCopyable {
 class Authenticator : public Common::NonCopyable {
  public:
   struct Limits {
-    std::chrono::milliseconds refusal_time{1'000};
     std::chrono::milliseconds window = std::chrono::minutes(10);
     unsigned int max_failures_of_address = 10;
     unsigned int max_failures_of_user = 50;
@@ -79,16 +78,12 @@ class Authenticator : public Common::NonCopyable {
   // `address` is that of the network, with or without a port; of IPv6 the first 64 bits count.
   bool Authenticate(const std::string& user, const std::string& password,
                     const std::string& address);
-  // Refusals don't wait any more.
-  void Stop();
 
  private:
   class Attempt;
 
-  bool Check(const std::string& user, const std::string& password, const std::string& address);
   // Also for users that aren't there, at the same cost.
   bool CheckPassword(const UserHashes& users, const std::string& user, const std::string& password);
-  void WaitUntil(FailureCounter::Clock::time_point time);
 
   UserFile file_;
   const Limits limits_;
@@ -97,8 +92,6 @@ class Authenticator : public Common::NonCopyable {
 
   std::mutex mutex_;  // guards the fields below
   std::condition_variable end_of_attempt_;
-  std::condition_variable stop_;
-  bool is_stopped_ = false;
   FailureCounter addresses_;
   FailureCounter users_;
 };

@@ -155,7 +155,6 @@ void Serve(const Settings& settings) {
   NotifyServiceManager("READY=1");
   signals.Wait();
   NotifyServiceManager("STOPPING=1");
-  if (authenticator != nullptr) authenticator->Stop();
   server->Stop();
 }
 
