@@ -112,27 +112,42 @@ void Check(int result, const Core::file_failure& failure, const std::string& pat
   }
 }
 
-// The folder of a file, for whoever replaces the file: one at a time, until it goes. The lock is
-// the folder's, as that of the file would go with the old one, and one of its own would have to
-// stay.
-class LockedFolder : public Common::NonCopyable {
+// The file at `path`, locked until it goes: whoever replaces it holds the lock of the one that he
+// replaces. Others than those who may read it can't hold it up.
+class LockedFile : public Common::NonCopyable {
  public:
-  explicit LockedFolder(const std::string& path)
-      : name_(std::filesystem::absolute(path).parent_path()),
-        folder_(::open(name_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-    Check(folder_.Get() < 0, Core::kFileOpenFailure, name_, 35);
+  explicit LockedFile(const std::string& path)
+      : file_(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {
+    if (file_.Get() < 0) {
+      if (errno == ENOENT) return;
+      throw MakeSystemError(Core::kFileOpenFailure, path, errno, kSource.At("SetPassword", 130));
+    }
+    Check(::fstat(file_.Get(), &status_), Core::kFileReadFailure, path, 140);
+    if (!S_ISREG(status_.st_mode)) {
+      throw MakeFileError(Core::kFileSecurityFailure, path, "It is no file.",
+                          kSource.At("SetPassword", 145));
+    }
     int result = 0;
     do {
-      result = ::flock(folder_.Get(), LOCK_EX);
+      result = ::flock(file_.Get(), LOCK_EX);
     } while (result != 0 && errno == EINTR);
-    Check(result, Core::kFileLockFailure, name_, 37);
+    Check(result, Core::kFileLockFailure, path, 150);
+    // It may have been replaced meanwhile, and its owner and mode may have changed.
+    struct stat now = {};
+    is_current_ = ::stat(path.c_str(), &now) == 0 && now.st_dev == status_.st_dev &&
+                  now.st_ino == status_.st_ino;
+    Check(::fstat(file_.Get(), &status_), Core::kFileReadFailure, path, 155);
   }
 
-  void Sync() { Check(::fsync(folder_.Get()), Core::kFileWriteFailure, name_, 80); }
+  bool Exists() const { return file_.Get() >= 0; }
+  bool IsCurrent() const { return is_current_; }
+  const struct stat& GetStatus() const { return status_; }
+  int Get() const { return file_.Get(); }
 
  private:
-  const std::string name_;
-  const Descriptor folder_;
+  const Descriptor file_;
+  struct stat status_ = {};
+  bool is_current_ = true;
 };
 
 // A new file beside `path` that goes again unless it takes its place.
@@ -158,10 +173,20 @@ class Replacement : public Common::NonCopyable {
     if ((status.st_mode & 07777) != kGroupReads) return;
     Check(::fchmod(file_.Get(), kGroupReads), Core::kFileSecurityFailure, name_, 55);
   }
-  void TakePlace() {
+  // False if there is to be none at its place, but is one.
+  bool TakePlace(bool replaces) {
     Check(::fsync(file_.Get()), Core::kFileWriteFailure, name_, 60);
-    Check(::rename(name_.c_str(), path_.c_str()), Core::kFileRenameFailure, path_, 70);
-    is_done_ = true;
+    if (replaces) {
+      Check(::rename(name_.c_str(), path_.c_str()), Core::kFileRenameFailure, path_, 70);
+      is_done_ = true;
+    } else if (::link(name_.c_str(), path_.c_str()) != 0) {
+      if (errno == EEXIST) return false;
+      Check(-1, Core::kFileCreateFailure, path_, 75);
+    }
+    const std::string folder = std::filesystem::absolute(path_).parent_path();
+    const Descriptor opened(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    Check(opened.Get() < 0 || ::fsync(opened.Get()) != 0, Core::kFileWriteFailure, folder, 80);
+    return true;
   }
 
  private:
@@ -255,31 +280,10 @@ std::shared_ptr<const UserHashes> UserFile::Read() {
   return users_;
 }
 
-void SetPassword(const std::string& path, const std::string& user, const std::string& password) {
-  // Takes its time, so before others are held up.
-  const std::string line =
-      std::string(user).append(":").append(HashPassword(password)).append("\n");
-  LockedFolder folder(path);
-  std::string former;
-  struct stat status = {};
-  bool exists = false;
-  {
-    const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    exists = file.Get() >= 0;
-    if (!exists && errno != ENOENT) {
-      throw MakeSystemError(Core::kFileOpenFailure, path, errno, kSource.At("SetPassword", 130));
-    }
-    if (exists) {
-      Check(::fstat(file.Get(), &status), Core::kFileReadFailure, path, 140);
-      if (!S_ISREG(status.st_mode)) {
-        throw MakeFileError(Core::kFileSecurityFailure, path, "It is no file.",
-                            kSource.At("SetPassword", 145));
-      }
-      former = ReadAll(file.Get(), path, kMaxFileSize);
-    }
-  }
-  // A file that isn't in order is for its owner to repair.
-  ParseUsers(former, path);
+namespace {
+
+// The text of a file with that line in place of the user's, or behind all others.
+std::string SetLine(std::string_view former, const std::string& user, const std::string& line) {
   std::string text;
   bool is_set = false;
   ForEachLine(former, [&](std::string_view old, std::size_t) {
@@ -291,11 +295,28 @@ void SetPassword(const std::string& path, const std::string& user, const std::st
     }
   });
   if (!is_set) text += line;
-  Replacement replacement(path);
-  if (exists) replacement.TakeOwner(status);
-  replacement.Write(text);
-  replacement.TakePlace();
-  folder.Sync();
+  return text;
+}
+
+}  // namespace
+
+void SetPassword(const std::string& path, const std::string& user, const std::string& password) {
+  // Takes its time, so before others are held up.
+  const std::string line =
+      std::string(user).append(":").append(HashPassword(password)).append("\n");
+  // Whoever comes too late looks again.
+  for (;;) {
+    const LockedFile file(path);
+    if (!file.IsCurrent()) continue;
+    std::string former;
+    if (file.Exists()) former = ReadAll(file.Get(), path, kMaxFileSize);
+    // A file that isn't in order is for its owner to repair.
+    ParseUsers(former, path);
+    Replacement replacement(path);
+    if (file.Exists()) replacement.TakeOwner(file.GetStatus());
+    replacement.Write(SetLine(former, user, line));
+    if (replacement.TakePlace(file.Exists())) return;
+  }
 }
 
 }  // namespace ObjProbeService
