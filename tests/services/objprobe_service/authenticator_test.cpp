@@ -19,6 +19,7 @@
 
 #include "core/common/error.h"
 #include "services/objprobe_service/user_file.h"
+#include "tests/support/child_process.h"
 #include "tests/support/temporary_folder.h"
 
 namespace ObjProbeService {
@@ -149,11 +150,14 @@ TEST_F(UserFileTest, PasswordsAreSetOneByOne) {
 
 TEST_F(UserFileTest, UsersSetAtATimeAreAllThere) {
   constexpr int kUsers = 8;
-  std::vector<std::thread> threads;
+  std::vector<std::unique_ptr<TestSupport::ChildProcess>> processes;
   for (int i = 0; i < kUsers; ++i) {
-    threads.emplace_back([&, i] { SetPassword(path_, std::to_string(i), "p"); });
+    processes.push_back(std::make_unique<TestSupport::ChildProcess>([&] {
+      SetPassword(path_, std::to_string(i), "p");
+      return true;
+    }));
   }
-  for (std::thread& thread : threads) thread.join();
+  for (const auto& process : processes) EXPECT_EQ(process->Wait(), 0);
   EXPECT_EQ(UserFile(path_).Read()->size(), std::size_t{kUsers});
 }
 
