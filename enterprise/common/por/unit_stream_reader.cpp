@@ -27,12 +27,12 @@ static_assert(std::endian::native == std::endian::little, "numbers are read as t
 // Deeper trees take the long way: this one recurses.
 constexpr unsigned int kDeepest = 32;
 
-// Bytes of nodes for a byte of stream, in sixteenths: what is expected at first and at most. Then
-// it is what trees took lately on this thread, as those of one reply or store are alike: room that
-// is not used costs almost as much as the rest.
-constexpr std::size_t kFirstNodeBytes = 7 * 8;
-constexpr std::size_t kMostNodeBytes = 2 * kFirstNodeBytes;
-thread_local std::size_t node_bytes = kFirstNodeBytes;
+// Bytes of nodes for a byte of stream, in sixteenths: what is expected at first and at most, as one
+// tree of many nodes must not make those behind it larger. Then it is what trees took lately on
+// this thread, since those of one reply or store are alike: room that is not used costs almost as
+// much as the rest.
+constexpr std::size_t kMostNodeBytes = 7 * 8;
+constinit thread_local std::size_t node_bytes = kMostNodeBytes;
 
 // Up at once and slowly down: a further chunk costs more than some room.
 void AdaptNodeBytes(std::size_t size, std::size_t taken) {
