@@ -16,7 +16,12 @@ constexpr struct {
 } kNearest[] = {
     {"zh_HK", "zh_TW"},
     {"zh_MO", "zh_TW"},
-    {"no", "nb"},  // the language as a whole, of which Bokmål is what nearly all write
+    {"zh_Hant", "zh_TW"},
+    {"zh_Hant_TW", "zh_TW"},
+    {"zh_Hant_HK", "zh_TW"},
+    {"zh_Hant_MO", "zh_TW"},
+    // The language as a whole, of which Bokmål is what nearly all write.
+    {"no", "nb"},
 };
 
 bool IsLanguageName(std::string_view name) {

@@ -10,9 +10,9 @@ inline constexpr char kEnglish[] = "en";
 
 // The names of languages to look for, best first, for a list of locale names with colons between
 // them, as LANGUAGE has it: of each locale its language with the region, then the language alone,
-// with what stands nearest in between (for Hong Kong and Macau Taiwan's writing). Codeset and
-// modifier don't count; names that could be no locale are passed over. The list ends with English,
-// also for "C", "POSIX" and any region of English.
+// with what stands nearest in between (Taiwan's writing for Hong Kong, Macau and traditional
+// characters). Codeset and modifier don't count; names that could be no locale are passed over. The
+// list ends with English, also for "C", "POSIX" and any region of English.
 std::vector<std::string> ListLanguages(std::string_view locales);
 
 // The list of locales of the environment: the first of LC_ALL, LC_MESSAGES and LANG that is set and

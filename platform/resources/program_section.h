@@ -14,9 +14,9 @@ struct SectionBytes {
   std::size_t size = 0;
 };
 
-// Reads a section of an ELF file of this machine's kind. None for a file that is anything else,
-// that contradicts itself, or whose section takes more than 64 MiB. Throws std::bad_alloc. Threads:
-// any.
+// Reads a section of an ELF file of 64 bits with the low byte first, for whatever machine. None for
+// a file that is anything else, that contradicts itself, or whose section takes more than 64 MiB.
+// Throws std::bad_alloc. Threads: any.
 SectionBytes ReadSection(const std::string& file, const char* section);
 
 }  // namespace Platform::Resources

@@ -37,7 +37,13 @@ constinit Common::StaticMutex languages_mutex;
 // Null before the first file. Never destroyed: exit handlers may still ask.
 constinit const Languages* languages = nullptr;
 
-constinit Common::StaticMutex read_mutex;
+// Archives are opened and read one at a time: the ZIP library has the C library convert times,
+// whose own lock around its time zone no thread sanitizer sees.
+constinit Common::StaticMutex zip_mutex;
+
+constexpr std::size_t kMaxFileSize = std::size_t{16} << 20;
+// Forty times what our own takes. A name costs many times its bytes.
+constexpr std::size_t kMaxLocalesSize = 4096;
 
 // Counts the changes of the language.
 constinit std::atomic<unsigned long long> changes{0};
@@ -72,40 +78,45 @@ void TraceOnce(std::atomic<bool>& is_traced, const std::string& text) {
   }
 }
 
-ReadZipFunction* GetZipReader() {
-  static constinit std::atomic<ReadZipFunction*> loaded{nullptr};
+OpenZipFunction* GetZipOpener() {
+  static constinit std::atomic<OpenZipFunction*> loaded{nullptr};
   static constinit std::atomic<bool> is_traced{false};
-  ReadZipFunction* read = loaded.load(std::memory_order_acquire);
-  if (read != nullptr) return read;
+  OpenZipFunction* open = loaded.load(std::memory_order_acquire);
+  if (open != nullptr) return open;
   std::string reason;
-  read =
-      reinterpret_cast<ReadZipFunction*>(Common::FindInModule(kZipModule, kReadZipSymbol, reason));
-  if (read == nullptr) TraceOnce(is_traced, reason);
-  loaded.store(read, std::memory_order_release);
-  return read;
+  open =
+      reinterpret_cast<OpenZipFunction*>(Common::FindInModule(kZipModule, kOpenZipSymbol, reason));
+  if (open == nullptr) {
+    TraceOnce(is_traced, reason);
+  } else {
+    loaded.store(open, std::memory_order_release);
+  }
+  return open;
 }
 
 // A store while files are taken out of it.
 class Store {
  public:
-  explicit Store(const std::string& path) : archive_(ReadSection(path, kStoreSection)) {
-    if (archive_.bytes != nullptr) read_ = GetZipReader();
+  explicit Store(const std::string& path) : bytes_(ReadSection(path, kStoreSection)) {
+    if (bytes_.bytes == nullptr) return;
+    OpenZipFunction* const open = GetZipOpener();
+    if (open == nullptr) return;
+    const Common::StaticMutexLock lock(zip_mutex);
+    archive_.reset(open(bytes_.bytes.get(), bytes_.size));
   }
 
-  std::unique_ptr<unsigned char[]> Read(const std::string& name, unsigned int& size) const {
+  std::unique_ptr<unsigned char[]> Read(const std::string& name, unsigned int& size,
+                                        std::size_t limit = kMaxFileSize) const {
     size = 0;
-    if (read_ == nullptr) return nullptr;
-    // One at a time: the ZIP library has the C library convert times, whose own lock around its
-    // time zone no thread sanitizer sees.
-    const Common::StaticMutexLock lock(read_mutex);
-    return std::unique_ptr<unsigned char[]>(
-        read_(archive_.bytes.get(), archive_.size, name.c_str(), &size));
+    if (archive_ == nullptr) return nullptr;
+    const Common::StaticMutexLock lock(zip_mutex);
+    return archive_->Read(name.c_str(), limit, &size);
   }
 
   // The names of "locales"; none if the store can't be read.
   std::vector<std::string> ListLocales() const {
     unsigned int size = 0;
-    const std::unique_ptr<unsigned char[]> file = Read("locales", size);
+    const std::unique_ptr<unsigned char[]> file = Read("locales", size, kMaxLocalesSize);
     std::vector<std::string> names;
     if (file == nullptr) return names;
     const std::string_view text(reinterpret_cast<const char*>(file.get()), size);
@@ -119,8 +130,8 @@ class Store {
   }
 
  private:
-  SectionBytes archive_;
-  ReadZipFunction* read_ = nullptr;
+  const SectionBytes bytes_;
+  std::unique_ptr<const ZipArchive> archive_;  // null if there is no sound one
 };
 
 std::unique_ptr<unsigned char[]> LoadFile(const std::string& path, const char* name,

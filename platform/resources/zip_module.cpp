@@ -1,10 +1,8 @@
 #include "platform/resources/zip_reader.h"
 
-// The loader's view of Platform::Resources::ReadZip.
-extern "C" unsigned char* ObjprobeReadZip(const void* archive, std::size_t archive_size,
-                                          const char* name, unsigned int* size);
+// The loader's view of Platform::Resources::OpenZip.
+extern "C" Platform::Resources::ZipArchive* ObjprobeOpenZip(const void* bytes, std::size_t size);
 
-unsigned char* ObjprobeReadZip(const void* archive, std::size_t archive_size, const char* name,
-                               unsigned int* size) {
-  return Platform::Resources::ReadZip(archive, archive_size, name, size);
+Platform::Resources::ZipArchive* ObjprobeOpenZip(const void* bytes, std::size_t size) {
+  return Platform::Resources::OpenZip(bytes, size);
 }

@@ -4,12 +4,11 @@
 
 #include <memory>
 #include <new>
+#include <utility>
 
 namespace Platform::Resources {
 
 namespace {
-
-constexpr zip_uint64_t kMaxFileSize = zip_uint64_t{16} << 20;
 
 struct Discard {
   void operator()(zip_t* archive) const { zip_discard(archive); }
@@ -39,26 +38,37 @@ bool ReadWhole(zip_file_t* file, unsigned char* to, zip_uint64_t size) {
   return zip_fread(file, &more, 1) == 0;
 }
 
+class LibzipArchive final : public ZipArchive {
+ public:
+  explicit LibzipArchive(Archive archive) : archive_(std::move(archive)) {}
+
+  std::unique_ptr<unsigned char[]> Read(const char* name, std::size_t limit,
+                                        unsigned int* size) const override {
+    *size = 0;
+    const zip_int64_t found = zip_name_locate(archive_.get(), name, 0);
+    if (found < 0) return nullptr;
+    const auto index = static_cast<zip_uint64_t>(found);
+    zip_stat_t status;
+    if (zip_stat_index(archive_.get(), index, 0, &status) != 0) return nullptr;
+    if ((status.valid & ZIP_STAT_SIZE) == 0 || status.size > limit) return nullptr;
+    const File file(zip_fopen_index(archive_.get(), index, 0));
+    if (file == nullptr) return nullptr;
+    std::unique_ptr<unsigned char[]> bytes(new (std::nothrow) unsigned char[status.size]);
+    if (bytes == nullptr || !ReadWhole(file.get(), bytes.get(), status.size)) return nullptr;
+    *size = static_cast<unsigned int>(status.size);
+    return bytes;
+  }
+
+ private:
+  const Archive archive_;
+};
+
 }  // namespace
 
-unsigned char* ReadZip(const void* archive_bytes, std::size_t archive_size, const char* name,
-                       unsigned int* size) {
-  *size = 0;
-  const Archive archive = OpenArchive(archive_bytes, archive_size);
+ZipArchive* OpenZip(const void* bytes, std::size_t size) {
+  Archive archive = OpenArchive(bytes, size);
   if (archive == nullptr) return nullptr;
-  const zip_int64_t index = zip_name_locate(archive.get(), name, 0);
-  if (index < 0) return nullptr;
-  zip_stat_t status;
-  if (zip_stat_index(archive.get(), static_cast<zip_uint64_t>(index), 0, &status) != 0) {
-    return nullptr;
-  }
-  if ((status.valid & ZIP_STAT_SIZE) == 0 || status.size > kMaxFileSize) return nullptr;
-  const File file(zip_fopen_index(archive.get(), static_cast<zip_uint64_t>(index), 0));
-  if (file == nullptr) return nullptr;
-  std::unique_ptr<unsigned char[]> bytes(new (std::nothrow) unsigned char[status.size]);
-  if (bytes == nullptr || !ReadWhole(file.get(), bytes.get(), status.size)) return nullptr;
-  *size = static_cast<unsigned int>(status.size);
-  return bytes.release();
+  return new (std::nothrow) LibzipArchive(std::move(archive));
 }
 
 }  // namespace Platform::Resources

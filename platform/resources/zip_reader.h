@@ -1,19 +1,31 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 
 namespace Platform::Resources {
 
-// Unpacks a file of a ZIP archive in memory. Owned, of `*size` bytes, made by new[]; null if there
-// is no such file, or it is encrypted, damaged (its CRC counts) or larger than 16 MiB, or if there
-// is no memory. The archive is borrowed and isn't changed. Threads: any.
-unsigned char* ReadZip(const void* archive, std::size_t archive_size, const char* name,
-                       unsigned int* size);
+// A ZIP archive in memory. Threads: one at a time.
+class ZipArchive {
+ public:
+  virtual ~ZipArchive() = default;
+
+  // Unpacks a file of `*size` bytes; null if there is no such file, or it is encrypted, damaged
+  // (its CRC counts) or larger than `limit`, which is looked at before memory is taken, or if there
+  // is no memory. `limit` is below 4 GiB.
+  virtual std::unique_ptr<unsigned char[]> Read(const char* name, std::size_t limit,
+                                                unsigned int* size) const = 0;
+};
+
+// Opens an archive, which is borrowed and isn't changed. The caller owns the result, made by new;
+// null if the bytes are no sound archive, or if there is no memory. Costs time for each of its
+// files. Threads: any.
+ZipArchive* OpenZip(const void* bytes, std::size_t size);
 
 // The module with it, which is loaded with the first language that isn't English: linking the ZIP
 // library costs a process more at start than a small report takes.
 inline constexpr char kZipModule[] = "objprobe-zip.so";
-using ReadZipFunction = decltype(ReadZip);
-inline constexpr char kReadZipSymbol[] = "ObjprobeReadZip";
+using OpenZipFunction = decltype(OpenZip);
+inline constexpr char kOpenZipSymbol[] = "ObjprobeOpenZip";
 
 }  // namespace Platform::Resources
