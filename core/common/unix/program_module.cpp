@@ -1,6 +1,7 @@
 #include "core/common/unix/program_module.h"
 
 #include <dlfcn.h>
+#include <sys/auxv.h>
 
 #include <filesystem>
 #include <system_error>
@@ -8,11 +9,22 @@
 namespace Common {
 namespace {
 
-// Not by the loader's own search: a sanitizer that stands in front of dlopen hides who asks.
-std::string FindModule(const char* module) {
+// The path of a module, empty with a reason if it can't be told. Never a bare name, which the
+// loader would search in places of the environment's choice; besides, a sanitizer that stands in
+// front of dlopen hides from that search who asks.
+std::string FindModule(const char* module, std::string& reason) {
+  // A hard link gives the program another folder, and whoever starts it may have made that.
+  if (::getauxval(AT_SECURE) != 0) {
+    reason.assign(module).append(": a program with more rights than its user loads no modules.");
+    return {};
+  }
   std::error_code failure;
   const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", failure);
-  if (failure) return module;
+  if (failure) {
+    reason.assign(module).append(": the program's own path can't be read: ");
+    reason.append(failure.message());
+    return {};
+  }
   return program.parent_path().parent_path() / "lib" / module;
 }
 
@@ -24,7 +36,9 @@ void GetLoaderReason(std::string& reason) {
 }  // namespace
 
 void* FindInModule(const char* module, const char* symbol, std::string& reason) {
-  void* const library = ::dlopen(FindModule(module).c_str(), RTLD_NOW | RTLD_LOCAL);
+  const std::string path = FindModule(module, reason);
+  if (path.empty()) return nullptr;
+  void* const library = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (library == nullptr) {
     GetLoaderReason(reason);
     return nullptr;
