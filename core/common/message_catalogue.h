@@ -16,7 +16,12 @@ inline constexpr char kCatalogueFile[] = "objprobe.msg";
 //
 // At process exit, in the reverse order in which these things were first done, the subscription
 // ends, the built-in table comes back into force, the catalogues are freed and the store is closed.
-// Whoever still holds an error may not render it after that.
+// Whoever still holds an error may not render it after that. Threads that read texts or change the
+// language must have ended before: nothing waits for them, and the store's handle goes although
+// ResourceApi::LoadFile may be at work with it. So whoever stops such threads in an exit handler
+// asks for a message text first and registers the handler then. That holds for a process whose
+// first catalogue comes with that text; one that starts in English and loads its first catalogue
+// later frees it before earlier handlers run, and has to end those threads before it exits.
 void StartCatalogues() noexcept;
 
 // Whether a block can be put in force: the two fields at its front fit its size and the number of

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "core/common/error.h"
+#include "core/common/message_table.h"
 #include "enterprise/common/async/async_error.h"
 #include "enterprise/common/async/job.h"
 #include "enterprise/common/async/job_control.h"
@@ -337,6 +338,9 @@ namespace {
 AsyncService& GetProcessService() {
   static AsyncService* const service = [] {
     auto* const made = new AsyncService;
+    // Loads the catalogue of the user's language, which registers its end first: so the pool's
+    // threads, which read texts, end before the texts are freed.
+    Common::GetMessageText(Common::MessageRow::AsyncCanceled);
     std::atexit([] {
       Async::SetServiceProvider(nullptr);
       AsyncService& process_service = GetProcessService();
