@@ -1,8 +1,8 @@
 // What the catalogues cost at the start of a process: start PROGRAM BARE [RUNS]
 //
-// Runs a query that fails, so that a message is asked for, in turns: BARE, which is PROGRAM without
-// the resource library, PROGRAM in English, and PROGRAM in German, which reads its store. Prints
-// the medians of wall time and processor time and what each adds to BARE.
+// Runs a query that fails at once, in turns (the texts are asked for before main in any run): BARE,
+// which is PROGRAM without the resource library, PROGRAM in English, and PROGRAM in German, which
+// reads its store. Prints the medians of wall time and processor time and what each adds to BARE.
 
 #include <fcntl.h>
 #include <spawn.h>
