@@ -45,7 +45,7 @@ class Transmission::Channel final : public Dml::SubscriptionReader,
 
   unsigned int GetNumber() const { return number_; }
 
-  // Begins a read, unless the channel was closed.
+  // Begins a read, unless the channel was closed. Throws nothing.
   void Follow() {
     std::shared_ptr<Dml::Subscription> subscription;
     {
@@ -56,7 +56,11 @@ class Transmission::Channel final : public Dml::SubscriptionReader,
     }
     // When the channel is closed meanwhile, this was the last reference: the read then ends as the
     // subscription goes.
-    subscription->Read(*this, *this);
+    try {
+      subscription->Read(*this, *this);
+    } catch (const std::bad_alloc&) {
+      Completed(Common::Error::OutOfMemory());
+    }
   }
 
   // Reads no more.

@@ -46,6 +46,10 @@ struct Source {
 class TestSubscription final : public Dml::Subscription {
  public:
   explicit TestSubscription(Source& source) : source_(source) {}
+  ~TestSubscription() override {
+    if (source_.reader.exchange(nullptr) == nullptr) return;
+    std::exchange(source_.handler, nullptr)->Completed(Common::Error::OutOfMemory());
+  }
   std::shared_ptr<Async::Job> Read(Dml::SubscriptionReader& reader,
                                    Async::ActionHandler& handler) override {
     source_.handler = &handler;
@@ -61,6 +65,7 @@ class TransmissionTest : public testing::Test {
  protected:
   // An empty pull waits.
   void Make(std::chrono::milliseconds wait = std::chrono::hours(1)) {
+    transmission_.reset();
     timer_ = std::make_unique<PullTimer>(wait);
     transmission_ = std::make_shared<Transmission>(
         1, limits_, *timer_, [this](const std::string& what, const Common::Error& failure) {

@@ -70,17 +70,20 @@ class HeldOffice final : public Dml::PostOffice {
   Reading& reading_;
 };
 
-// Never has a change; may find no memory to wait for one.
+// Never has a change.
 class QuietSubscription final : public Dml::Subscription {
  public:
-  explicit QuietSubscription(bool has_memory = true) : has_memory_(has_memory) {}
-  std::shared_ptr<Async::Job> Read(Dml::SubscriptionReader&, Async::ActionHandler&) override {
-    if (!has_memory_) throw std::bad_alloc();
+  ~QuietSubscription() override {
+    if (handler_ != nullptr) handler_->Completed(Common::Error(Async::canceled_error.Get()));
+  }
+  std::shared_ptr<Async::Job> Read(Dml::SubscriptionReader&,
+                                   Async::ActionHandler& handler) override {
+    handler_ = &handler;
     return nullptr;
   }
 
  private:
-  const bool has_memory_;
+  Async::ActionHandler* handler_ = nullptr;
 };
 
 class ViewServiceTest : public Platform::Store::StoreTest {
@@ -98,6 +101,7 @@ class ViewServiceTest : public Platform::Store::StoreTest {
   void Serve(std::unique_ptr<Dml::PostOffice> office, unsigned int version = 2) {
     service_ = std::make_unique<ViewService>(std::move(office), limits_, version,
                                              [this](const std::string& line) {
+                                               if (!has_memory_) throw std::bad_alloc();
                                                const std::lock_guard lock(log_mutex_);
                                                log_ += line + "\n";
                                              });
@@ -159,6 +163,7 @@ class ViewServiceTest : public Platform::Store::StoreTest {
   ServiceLimits limits_;
   std::mutex log_mutex_;
   std::string log_;
+  bool has_memory_ = true;  // for the log
   std::unique_ptr<ViewService> service_;
   std::unique_ptr<Platform::Ipc::Session> session_;
 };
@@ -511,10 +516,19 @@ TEST_F(ViewServiceTest, SnapshotsThatAreNotToldLeaveNothing) {
   EXPECT_EQ(Pull(id, 2), (Texts{"2 open", "2 closed"}));
   EXPECT_EQ(Call(CreateRemoveInterestRequest({id, 2})), kUnknownChannel);
   EXPECT_EQ(Call(CreateCloseViewRequest(2)), kUnknownView);
-  // A channel that finds no memory at its start.
-  SentRequest sent = Send(CreateAddInterestRequest({id, {}}, topic));
-  reading.End(std::make_unique<QuietSubscription>(false));
-  EXPECT_TRUE(sent.Wait().IsFailure());
+  // The end of an interest finds no memory: its transmission fails for another reason, which can't
+  // be told.
+  session_->OnClosed();
+  limits_.max_views = 2;
+  limits_.max_queue_records = 1;
+  Serve(std::make_unique<HeldOffice>(reading));
+  const unsigned int next = Subscribe();
+  has_memory_ = false;
+  for (int i = 0; i < 2; ++i) {
+    SentRequest sent = Send(CreateAddInterestRequest({next, {}}, topic));
+    reading.End(std::make_unique<QuietSubscription>());
+    EXPECT_EQ(sent.Wait().GetCode(), i == 0 ? 0U : Common::Error::OutOfMemory().GetCode());
+  }
   EXPECT_EQ(Call(CreateOpenStaticViewRequest({}, units)), 0U);
 }
 
