@@ -25,6 +25,8 @@ namespace {
 
 constexpr Common::SourceFile kSource{"platform/ipc/client"};
 
+constexpr std::chrono::milliseconds kRetryTime{100};
+
 class ClientImpl final : public Client,
                          public ClientCore,
                          public std::enable_shared_from_this<ClientImpl> {
@@ -323,7 +325,9 @@ Common::Error ClientImpl::Stop() {
   for (const auto& [key, connection] : connections_) {
     connection->Close(MakeError(kNotStarted, kSource.At("Stop", 100)));
   }
-  idle_.wait(lock, [&] { return open_calls_ == 0; });
+  while (!idle_.wait_for(lock, kRetryTime, [&] { return open_calls_ == 0; })) {
+    delivery_.EnsureRetry();
+  }
   lock.unlock();
   if (loop_ != nullptr) {
     delivery_.PrepareStop();

@@ -9,7 +9,7 @@
 
 #include "enterprise/common/ipc/client_library.h"
 #include "enterprise/serialize/output_buffer.h"
-#include "platform/async_service/elastic_pool.h"
+#include "platform/ipc/delivery.h"
 #include "platform/ipc/frame.h"
 
 namespace Platform::Ipc {
@@ -21,7 +21,7 @@ class ClientConnection;
 // While it is open, its connection's loop fills its reply. Who takes it out of the connection's
 // open calls (a reply, a fault, a cancel, the end of the connection) ends it, so there is one end.
 // Behind that the task that tells the handler, or the thread that waits, has it for itself.
-class ClientCall final : public PoolTask, public std::enable_shared_from_this<ClientCall> {
+class ClientCall final : public DeliveryTask, public std::enable_shared_from_this<ClientCall> {
  public:
   ClientCall(std::shared_ptr<ClientConnection> connection,
              std::unique_ptr<Binding::Request> request);
@@ -43,7 +43,7 @@ class ClientCall final : public PoolTask, public std::enable_shared_from_this<Cl
   bool HasBegunReply() const { return has_begun_; }
   bool IsReplyComplete() const { return has_begun_ && reply_.GetSize() == reply_size_; }
 
-  // The call has ended, without an error by its reply.
+  // The call has ended, without an error by its reply. Never fails.
   void End(const Common::Error& error);
 
  private:

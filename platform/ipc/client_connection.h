@@ -20,7 +20,7 @@ class ClientCore : public Common::NonCopyable {
   // A call begins; false: the client has been stopped. Each one that began ends.
   virtual bool BeginCall() = 0;
   virtual void EndCall() = 0;
-  // Has the call run on the pool, at once or as soon as the pool can.
+  // Has the call run on the pool, at once or as soon as the pool can. Never fails.
   virtual void Deliver(std::shared_ptr<ClientCall> call) = 0;
   // The calling thread is about to wait.
   virtual void NoteBlocked() = 0;

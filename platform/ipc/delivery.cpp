@@ -1,6 +1,7 @@
 #include "platform/ipc/delivery.h"
 
-#include <system_error>
+#include <exception>
+#include <new>
 #include <utility>
 
 namespace Platform::Ipc {
@@ -9,7 +10,7 @@ namespace {
 
 constexpr std::chrono::milliseconds kRetryTime{20};
 
-class FunctionTask final : public PoolTask {
+class FunctionTask final : public DeliveryTask {
  public:
   explicit FunctionTask(std::function<void()> function) : function_(std::move(function)) {}
   void Run() override { function_(); }
@@ -24,41 +25,82 @@ void Delivery::Post(std::function<void()> task) {
   Post(std::make_shared<FunctionTask>(std::move(task)));
 }
 
-void Delivery::Post(std::shared_ptr<PoolTask> task) {
+Delivery::~Delivery() {
+  // One after the other: together they would go by a recursion.
+  for (std::shared_ptr<DeliveryTask> task = TakeAll(); task != nullptr;) {
+    task = std::exchange(task->next_, nullptr);
+  }
+}
+
+void Delivery::Post(std::shared_ptr<DeliveryTask> task) noexcept {
   try {
     pool_.Post(task);
-  } catch (const std::system_error&) {
-    const std::lock_guard lock(mutex_);
-    undelivered_.push_back(std::move(task));
-    if (undelivered_.size() == 1) loop_->Post([this] { WaitToRetry(); });
+  } catch (const std::exception&) {
+    {
+      const std::lock_guard lock(mutex_);
+      task->next_ = std::move(undelivered_);
+      undelivered_ = std::move(task);
+    }
+    EnsureRetry();
+  }
+}
+
+void Delivery::EnsureRetry() noexcept {
+  const std::lock_guard lock(mutex_);
+  if (undelivered_ == nullptr || will_retry_) return;
+  try {
+    will_retry_ = loop_->Post([this] { WaitToRetry(); });
+  } catch (const std::bad_alloc&) {
+    // The next one to ask for it has more luck.
   }
 }
 
 void Delivery::WaitToRetry() {
-  if (timer_ == nullptr) timer_ = loop_->CreateTimer();
-  timer_->Wait(kRetryTime, [this] { Retry(); });
+  if (is_stopping_) return;
+  try {
+    if (timer_ == nullptr) timer_ = loop_->CreateTimer();
+    timer_->Wait(kRetryTime, [this] { Retry(); });
+  } catch (const std::exception&) {
+    const std::lock_guard lock(mutex_);
+    will_retry_ = false;
+  }
+}
+
+std::shared_ptr<DeliveryTask> Delivery::TakeAll() {
+  const std::lock_guard lock(mutex_);
+  will_retry_ = false;
+  return std::move(undelivered_);
 }
 
 void Delivery::Retry() {
-  std::vector<std::shared_ptr<PoolTask>> tasks;
-  {
-    const std::lock_guard lock(mutex_);
-    tasks.swap(undelivered_);
+  // In the order in which they came.
+  std::shared_ptr<DeliveryTask> ordered;
+  for (std::shared_ptr<DeliveryTask> task = TakeAll(); task != nullptr;) {
+    std::shared_ptr<DeliveryTask> next = std::move(task->next_);
+    task->next_ = std::move(ordered);
+    ordered = std::move(task);
+    task = std::move(next);
   }
-  for (std::shared_ptr<PoolTask>& task : tasks) Post(std::move(task));
+  while (ordered != nullptr) {
+    std::shared_ptr<DeliveryTask> next = std::move(ordered->next_);
+    Post(std::move(ordered));
+    ordered = std::move(next);
+  }
 }
 
 void Delivery::PrepareStop() {
-  loop_->Post([this] { timer_.reset(); });
+  loop_->Post([this] {
+    is_stopping_ = true;
+    timer_.reset();
+  });
 }
 
 void Delivery::Flush() {
-  std::vector<std::shared_ptr<PoolTask>> tasks;
-  {
-    const std::lock_guard lock(mutex_);
-    tasks.swap(undelivered_);
+  for (std::shared_ptr<DeliveryTask> task = TakeAll(); task != nullptr;) {
+    std::shared_ptr<DeliveryTask> next = std::move(task->next_);
+    task->Run();
+    task = std::move(next);
   }
-  for (const std::shared_ptr<PoolTask>& task : tasks) task->Run();
 }
 
 }  // namespace Platform::Ipc

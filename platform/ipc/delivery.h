@@ -3,7 +3,6 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <vector>
 
 #include "core/common/non_copyable.h"
 #include "platform/async_service/elastic_pool.h"
@@ -11,34 +10,51 @@
 
 namespace Platform::Ipc {
 
-// Brings tasks to a pool, also while the system has no thread for it: they are tried again then,
-// and never run on the loop's thread. Threads: any.
+// A task that can be kept without memory.
+class DeliveryTask : public PoolTask {
+ private:
+  friend class Delivery;
+  std::shared_ptr<DeliveryTask> next_;
+};
+
+// Brings tasks to a pool, also while the system has no thread or no memory for it: they are tried
+// again then, and never run on the loop's thread. Threads: any.
 class Delivery : public Common::NonCopyable {
  public:
   explicit Delivery(ElasticPool& pool) : pool_(pool) {}
+  ~Delivery();
 
   // Before the first task. Borrowed.
   void SetLoop(IoLoop& loop) { loop_ = &loop; }
 
-  // Throws std::bad_alloc.
-  void Post(std::shared_ptr<PoolTask> task);
+  // Never fails.
+  void Post(std::shared_ptr<DeliveryTask> task) noexcept;
+  // Throws std::bad_alloc; then it is as if it hadn't been called.
   void Post(std::function<void()> task);
+  // Sees to it that what is undelivered is tried again, also if there was no memory for that. What
+  // waits for a task calls it now and then.
+  void EnsureRetry() noexcept;
 
-  // Before the loop stops, and the last step behind it: what is still undelivered runs on the
-  // calling thread.
+  // Before the loop stops, and behind it, before the pool does: what is still undelivered runs on
+  // the calling thread. The last task is the first one, as the end of a session makes its calls
+  // return, or takes the place of them.
   void PrepareStop();
   void Flush();
 
  private:
-  void WaitToRetry();  // on the loop's thread
+  std::shared_ptr<DeliveryTask> TakeAll();  // the last one first
+  void WaitToRetry();                       // on the loop's thread
   void Retry();
 
   ElasticPool& pool_;
   IoLoop* loop_ = nullptr;
-  std::unique_ptr<IoTimer> timer_;  // the loop's
+  // The loop's.
+  std::unique_ptr<IoTimer> timer_;
+  bool is_stopping_ = false;
 
-  std::mutex mutex_;
-  std::vector<std::shared_ptr<PoolTask>> undelivered_;  // guarded by `mutex_`
+  std::mutex mutex_;                           // guards what follows
+  std::shared_ptr<DeliveryTask> undelivered_;  // the last one, in front of the others
+  bool will_retry_ = false;
 };
 
 }  // namespace Platform::Ipc

@@ -329,8 +329,9 @@ void ServerImpl::Stop() {
     loop_->Stop();
   }
   listeners_.clear();
-  pool_.Stop();
+  // What has found no thread may be what others wait for.
   delivery_.Flush();
+  pool_.Stop();
 }
 
 }  // namespace

@@ -121,15 +121,27 @@ void SessionRunner::Call(std::shared_ptr<ServerCall> call) {
   }
   // Of one that throws the call is dropped, and answered by that.
   Guard([&] { session_->OnCall(std::move(call)); });
-  bool is_last = false;
-  {
-    const std::lock_guard lock(mutex_);
-    is_last = --running_ == 0 && is_closed_;
-  }
-  if (is_last) Finish();
+  Leave();
 }
 
-void SessionRunner::Close() {
+void SessionRunner::Enter() {
+  const std::lock_guard lock(mutex_);
+  ++running_;
+}
+
+void SessionRunner::Leave() {
+  {
+    const std::lock_guard lock(mutex_);
+    if (--running_ != 0 || !is_closed_) return;
+  }
+  Finish();
+}
+
+void SessionRunner::Run() {
+  for (const auto& [id, weak] : open_) {
+    if (const std::shared_ptr<ConnectionCall> call = weak.lock()) call->Cancel();
+  }
+  open_.clear();
   {
     const std::lock_guard lock(mutex_);
     is_closed_ = true;
@@ -207,7 +219,7 @@ void ServerConnection::RunOpening() {
     // The connection ends by its time for the handshake.
   }
   if (is_posted || session == nullptr) return;
-  session->Close();
+  session->Run();
   core_.Leave();
 }
 
@@ -253,7 +265,7 @@ void ServerConnection::FinishOpening() {
   if (has_ended_) {
     if (opening->session == nullptr) return;
     core_.Leave();
-    CloseLater(std::move(opening->session));
+    core_.GetDelivery().Post(std::move(opening->session));
     return;
   }
   session_ = std::move(opening->session);
@@ -293,10 +305,6 @@ void ServerConnection::SendWelcome(std::vector<InterfaceVersion> interfaces) {
   SetWelcomed();
   core_.NoteWelcomed(*this);
   SendMessage(FrameKind::kWelcome, 0, std::move(payload));
-}
-
-void ServerConnection::CloseLater(std::shared_ptr<SessionRunner> session) {
-  core_.GetDelivery().Post([session = std::move(session)] { session->Close(); });
 }
 
 bool ServerConnection::OnPacketStart(const PacketStart& start) {
@@ -364,13 +372,9 @@ bool ServerConnection::Dispatch(IncomingPacket packet) {
   return true;
 }
 
-bool ServerConnection::Take(std::uint64_t call_id, std::shared_ptr<ConnectionCall>* call) {
+bool ServerConnection::Take(std::uint64_t call_id) {
   const std::lock_guard lock(calls_mutex_);
-  const auto found = calls_.find(call_id);
-  if (found == calls_.end()) return false;
-  if (call != nullptr) *call = found->second.lock();
-  calls_.erase(found);
-  return true;
+  return calls_.erase(call_id) != 0;
 }
 
 void ServerConnection::TakeCancel(std::uint64_t call_id) {
@@ -384,8 +388,26 @@ void ServerConnection::TakeCancel(std::uint64_t call_id) {
   }
   DropPacket(call_id);
   std::shared_ptr<ConnectionCall> call;
-  if (!Take(call_id, &call) || call == nullptr) return;
-  core_.GetDelivery().Post([call = std::move(call)] { call->Cancel(); });
+  {
+    const std::lock_guard lock(calls_mutex_);
+    const auto open = calls_.find(call_id);
+    if (open == calls_.end()) return;
+    call = open->second.lock();
+  }
+  if (call != nullptr) {
+    // The call stays open until this is posted: otherwise the connection's end tells it.
+    session_->Enter();
+    try {
+      core_.GetDelivery().Post([call = std::move(call), session = session_] {
+        call->Cancel();
+        session->Leave();
+      });
+    } catch (const std::bad_alloc&) {
+      session_->Leave();
+      throw;
+    }
+  }
+  Take(call_id);
 }
 
 bool ServerConnection::Reply(std::uint64_t call_id, std::shared_ptr<const void> owner,
@@ -433,19 +455,14 @@ void ServerConnection::OnEnd(const Common::Error& error) {
   has_ended_ = true;
   refusal_.reset();
   incoming_.clear();
-  std::vector<std::shared_ptr<ConnectionCall>> open;
+  OpenCalls open;
   {
     const std::lock_guard lock(calls_mutex_);
-    for (const auto& [id, weak] : calls_) {
-      if (std::shared_ptr<ConnectionCall> call = weak.lock()) open.push_back(std::move(call));
-    }
-    calls_.clear();
+    open.swap(calls_);
   }
   if (session_ != nullptr) {
-    core_.GetDelivery().Post([open = std::move(open), session = std::move(session_)] {
-      for (const std::shared_ptr<ConnectionCall>& call : open) call->Cancel();
-      session->Close();
-    });
+    session_->SetOpenCalls(std::move(open));
+    core_.GetDelivery().Post(std::move(session_));
     core_.Leave();
   }
   core_.Forget(*this);

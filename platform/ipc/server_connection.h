@@ -36,26 +36,34 @@ class ServerCore : public Common::NonCopyable {
   virtual void Forget(Connection& connection) = 0;
 };
 
-// A session with the calls that run in it, so that its end comes behind all of them.
-class SessionRunner : public Common::NonCopyable {
+class ConnectionCall;
+using OpenCalls = std::unordered_map<std::uint64_t, std::weak_ptr<ConnectionCall>>;
+
+// A session with what runs in it, so that its end comes behind all of that. As a task it is the
+// end: it cancels the calls and closes the session.
+class SessionRunner final : public DeliveryTask {
  public:
   // Once, before anything else.
   void SetSession(std::unique_ptr<Session> session) { session_ = std::move(session); }
-  // On the pool. Nothing behind Close.
+  // On the pool. Nothing behind the end.
   void Call(std::shared_ptr<ServerCall> call);
-  // On the pool. Once.
-  void Close();
+  // The session stays until Leave, which may end it. Enter before the end alone.
+  void Enter();
+  void Leave();
+  // What the end cancels. Before it, once.
+  void SetOpenCalls(OpenCalls calls) { open_ = std::move(calls); }
+  // Once.
+  void Run() override;
 
  private:
   void Finish();
 
   std::unique_ptr<Session> session_;
-  std::mutex mutex_;
+  OpenCalls open_;
+  std::mutex mutex_;  // guards what follows
   std::size_t running_ = 0;
   bool is_closed_ = false;
 };
-
-class ConnectionCall;
 
 // The server's end of a connection.
 class ServerConnection final : public Connection {
@@ -111,13 +119,12 @@ class ServerConnection final : public Connection {
   void FinishOpening();
   void RefuseLater(Clock::time_point time, const Common::Error& error);
   void SendWelcome(std::vector<InterfaceVersion> interfaces);
-  void CloseLater(std::shared_ptr<SessionRunner> session);
   bool EndMalformed(const IpcFailure& failure, const char* detail, std::uint32_t line);
   bool Dispatch(IncomingPacket packet);
   void Answer(const std::function<void()>& send);
   void TakeCancel(std::uint64_t call_id);
   // Takes a call out of the open ones. False: it isn't open.
-  bool Take(std::uint64_t call_id, std::shared_ptr<ConnectionCall>* call = nullptr);
+  bool Take(std::uint64_t call_id);
 
   ServerCore& core_;
   const Origin origin_;
@@ -132,7 +139,7 @@ class ServerConnection final : public Connection {
   std::unordered_map<std::uint64_t, IncomingPacket> incoming_;
 
   std::mutex calls_mutex_;  // guards what follows
-  std::unordered_map<std::uint64_t, std::weak_ptr<ConnectionCall>> calls_;
+  OpenCalls calls_;
   std::size_t living_calls_ = 0;  // with those that were cancelled and are still held
   std::size_t input_size_ = 0;    // of the packets of living calls and incoming packets
 };

@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 
 #include <atomic>
+#include <chrono>
 #include <future>
 #include <memory>
 #include <new>
@@ -11,7 +12,10 @@
 #include <utility>
 #include <vector>
 
+#include "platform/async_service/elastic_pool.h"
+#include "platform/ipc/delivery.h"
 #include "tests/platform/ipc/raw_peer.h"
+#include "tests/support/allocation_watch.h"
 
 // What both ends have of a connection, under conditions that real peers don't bring about.
 
@@ -83,6 +87,44 @@ TEST(IpcConnection, SendsNothingUnencryptedWhenMemoryIsOut) {
   for (unsigned char& byte : expected) byte = static_cast<unsigned char>(~byte);
   EXPECT_EQ(peer.ReadAll(), expected);
   loop->Stop();
+}
+
+TEST(IpcDelivery, KeepsWhatFindsNoMemory) {
+  ElasticPool pool;
+  const auto loop = IoLoop::Create();
+  Delivery delivery(pool);
+  delivery.SetLoop(*loop);
+  struct Task final : DeliveryTask {
+    void Run() override { ran.set_value(); }
+    std::promise<void> ran;
+  };
+  const auto runs = [&](const std::shared_ptr<Task>& task) {
+    return task->ran.get_future().wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+  };
+  const auto tried_again = std::make_shared<Task>();
+  const auto flushed = std::make_shared<Task>();
+  {
+    const TestSupport::AllocationWatch watch(0);
+    delivery.Post(tried_again);
+    ASSERT_TRUE(watch.HasFailed());
+  }
+  delivery.EnsureRetry();
+  EXPECT_TRUE(runs(tried_again));
+  pool.Stop();
+  delivery.PrepareStop();
+  loop->Stop();
+  ElasticPool second;
+  Delivery at_the_end(second);
+  const auto second_loop = IoLoop::Create();
+  at_the_end.SetLoop(*second_loop);
+  {
+    const TestSupport::AllocationWatch watch(0);
+    at_the_end.Post(flushed);
+  }
+  at_the_end.PrepareStop();
+  second_loop->Stop();
+  at_the_end.Flush();
+  EXPECT_TRUE(runs(flushed));
 }
 
 }  // namespace

@@ -227,6 +227,25 @@ TEST(IpcCalls, ACancelDuringTheStartIsNotLost) {
   EXPECT_TRUE(pair.host.WaitFor(pair.host.cancelled, waiting));
 }
 
+TEST(IpcCalls, ASessionStaysAsLongAsACancelRunsInIt) {
+  LocalPair pair;
+  pair.host.holds_cancels = true;
+  auto access_point = pair.Connect();
+  WaitingJobHandler handler;
+  JobPointer job = MakeJob(*access_point, kWaiting);
+  ASSERT_EQ(job->Start(&handler).GetCode(), 0u);
+  ASSERT_TRUE(pair.host.WaitFor(pair.host.calls, 1));
+  job->Cancel();
+  EXPECT_EQ(handler.Wait().GetCode(), kCancelled.code);
+  ASSERT_TRUE(pair.host.WaitFor(pair.host.cancelled, 1));
+  job.reset();
+  access_point.reset();
+  std::this_thread::sleep_for(std::chrono::milliseconds(150));
+  EXPECT_EQ(pair.host.Read(pair.host.closed), 0);
+  pair.host.LetGo();
+  EXPECT_TRUE(pair.host.WaitFor(pair.host.destroyed, 1));
+}
+
 TEST(IpcCalls, CancelsThatMeetRepliesEndEachCallOnce) {
   LocalPair pair;
   const auto access_point = pair.Connect();

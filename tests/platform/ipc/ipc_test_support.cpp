@@ -87,7 +87,11 @@ class TestSession final : public Session {
           const std::lock_guard lock(host_.mutex);
           host_.waiting_.push_back(call);
         }
-        call->SetCancelCallback([this] { host_.Count(host_.cancelled); });
+        call->SetCancelCallback([this] {
+          host_.Count(host_.cancelled);
+          std::unique_lock lock(host_.mutex);
+          host_.change.wait(lock, [this] { return !host_.holds_cancels; });
+        });
         host_.Count(host_.calls);
         break;
       }
@@ -160,9 +164,10 @@ void TestHost::Release() {
   for (const auto& call : waiting) call->Reply(MakeReply(Common::Error(), "released"));
 }
 
-void TestHost::LetLoginsGo() {
+void TestHost::LetGo() {
   const std::lock_guard lock(mutex);
   holds_logins = false;
+  holds_cancels = false;
   change.notify_all();
 }
 

@@ -62,7 +62,7 @@ class TestHost final : public ServiceHost {
 
   // Answers the waiting calls.
   void Release();
-  void LetLoginsGo();
+  void LetGo();
   // Waits until a counter has reached a value; false after a long time.
   bool WaitFor(const int& counter, int value);
   int Read(const int& counter);
@@ -76,7 +76,9 @@ class TestHost final : public ServiceHost {
   int cancelled = 0;
   int logins = 0;  // that were to be checked
   Peer last_peer;
-  bool holds_logins = false;  // until LetLoginsGo
+  // Until LetGo.
+  bool holds_logins = false;
+  bool holds_cancels = false;
   // Set before the server runs.
   Common::Error refusal;
 

@@ -393,7 +393,7 @@ TEST_F(IpcTls, RemoteLoginsKeepNoLocalClientOut) {
   // Whose time is over isn't checked any more.
   for (TlsPeer& peer : peers) EXPECT_TRUE(peer.GetRaw().WaitForEnd());
   EXPECT_EQ(connect(), 0u);
-  host_.LetLoginsGo();
+  host_.LetGo();
   server_->Stop();
   EXPECT_EQ(host_.Read(host_.logins), kAtATime);
 }
