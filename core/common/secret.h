@@ -14,6 +14,18 @@ inline void Wipe(std::vector<unsigned char>& bytes) {
   if (!bytes.empty()) ::explicit_bzero(bytes.data(), bytes.size());
 }
 
+// Does so with bytes that are borrowed, unless there are none or they have been moved away.
+class WipeAtEnd : public Common::NonCopyable {
+ public:
+  explicit WipeAtEnd(std::vector<unsigned char>* bytes) : bytes_(bytes) {}
+  ~WipeAtEnd() {
+    if (bytes_ != nullptr) Wipe(*bytes_);
+  }
+
+ private:
+  std::vector<unsigned char>* const bytes_;
+};
+
 // A text that is overwritten when it goes, with what its string has room for.
 class Secret : public NonCopyable {
  public:

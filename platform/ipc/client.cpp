@@ -270,8 +270,8 @@ std::shared_ptr<ClientConnection> ClientImpl::Connect(UniqueDescriptor socket,
                                                       const Hello& hello,
                                                       Clock::time_point deadline) {
   std::vector<unsigned char> payload = EncodeHello(hello);
+  const WipeAtEnd wipe(&payload);
   if (payload.size() > kMaxHelloFrame) {
-    Wipe(payload);
     throw MakeError(kLongCredentials, kSource.At("Connect", 70));
   }
   std::shared_ptr<ClientConnection> connection;

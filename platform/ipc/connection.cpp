@@ -68,7 +68,8 @@ void Connection::Close(const Common::Error& reason) {
 
 Common::Error Connection::GetEnd() const {
   const std::lock_guard lock(mutex_);
-  return end_;
+  // A failure to write is the end, which the loop's thread is about to make of it.
+  return end_.IsFailure() ? end_ : write_error_;
 }
 
 void Connection::Begin() {
@@ -205,11 +206,11 @@ void Connection::Tick() {
     }
   } else if (!is_welcomed_) {
     if (now - began_ >= limits_.handshake) {
-      End(MakeError(kConnectTimedOut, kSource.At("Tick", 70)), true);
+      End(MakeSystemError(kConnectTimedOut, ETIMEDOUT, kSource.At("Tick", 70)), true);
       return;
     }
   } else if (now - last_received_ >= limits_.idle) {
-    End(MakeError(kPeerSilent, kSource.At("Tick", 80)), true);
+    End(MakeSystemError(kPeerSilent, ETIMEDOUT, kSource.At("Tick", 80)), true);
     return;
   } else {
     bool is_stalled = false;
@@ -222,7 +223,7 @@ void Connection::Tick() {
       }
     }
     if (is_stalled) {
-      End(MakeError(kPeerStalled, kSource.At("Tick", 90)), false);
+      End(MakeSystemError(kPeerStalled, ETIMEDOUT, kSource.At("Tick", 90)), false);
       return;
     }
   }
@@ -242,18 +243,15 @@ Connection::Sending Connection::SendPacket(OutgoingPacket packet) {
 
 void Connection::SendMessage(FrameKind kind, std::uint64_t call_id,
                              std::vector<unsigned char> payload, bool is_secret) {
-  {
-    const std::lock_guard lock(mutex_);
-    if (is_open_ && !is_finishing_ && !write_error_.IsFailure()) {
-      has_secret_ = has_secret_ || is_secret;
-      AppendMessage(kind, call_id, payload);
-      if (messages_.size() > kMaxMessages) {
-        FailWriting(MakeError(kOutputFull, kSource.At("SendMessage", 110)));
-      }
-      Pump();
-    }
+  const WipeAtEnd wipe(is_secret ? &payload : nullptr);
+  const std::lock_guard lock(mutex_);
+  if (!is_open_ || is_finishing_ || write_error_.IsFailure()) return;
+  has_secret_ = has_secret_ || is_secret;
+  AppendMessage(kind, call_id, payload);
+  if (messages_.size() > kMaxMessages) {
+    FailWriting(MakeError(kOutputFull, kSource.At("SendMessage", 110)));
   }
-  if (is_secret) Wipe(payload);
+  Pump();
 }
 
 bool Connection::DropPacket(std::uint64_t call_id) {
@@ -317,6 +315,8 @@ void Connection::FailWriting(const Common::Error& error) {
   write_error_ = error;
   packets_.clear();
   waiting_size_ = 0;
+  if (has_secret_) Wipe(messages_);
+  if (has_secret_) Wipe(messages_on_wire_);
   messages_.clear();
   wire_ = Wire();
   try {

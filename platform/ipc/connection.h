@@ -39,7 +39,8 @@ class Connection : public FrameSink, public std::enable_shared_from_this<Connect
   // Ends the connection soon: sends Goodbye with `reason`, as far as that goes at once. The first
   // end counts.
   void Close(const Common::Error& reason);
-  // Why the connection has ended; success as long as it hasn't. Set before OnEnd is called.
+  // Why the connection has ended or is about to; success as long as it isn't. Set before OnEnd is
+  // called.
   Common::Error GetEnd() const;
 
  protected:

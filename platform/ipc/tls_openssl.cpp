@@ -191,7 +191,8 @@ class OpenSslContext final : public TlsContext {
     SSL_CTX* const context = context_.get();
     // A session can't be resumed, so no tickets for it.
     ::SSL_CTX_set_num_tickets(context, 0);
-    ::SSL_CTX_set_options(context, SSL_OP_NO_TICKET | SSL_OP_CIPHER_SERVER_PREFERENCE);
+    ::SSL_CTX_set_options(
+        context, SSL_OP_NO_TICKET | SSL_OP_CIPHER_SERVER_PREFERENCE | SSL_OP_CLEANSE_PLAINTEXT);
     ::ERR_clear_error();
     if (::SSL_CTX_use_certificate_chain_file(context, settings_.certificate_file.c_str()) != 1) {
       Fail(kBadPemFile, settings_.certificate_file, kSource.At("PrepareServer", 80));

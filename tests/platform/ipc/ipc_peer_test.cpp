@@ -55,6 +55,9 @@ TEST(IpcServerPeer, IsTurnedOutForWhatIsMalformed) {
   LocalPair pair;
   const auto access_point = pair.Connect();
   const Buffer hello = RawPeer::MakeHello(kServiceId);
+  Hello with_user;
+  with_user.service_id = kServiceId;
+  with_user.user.Fill() = "root";
   using Raw = RawPeer;
   const struct {
     const char* what;
@@ -66,6 +69,7 @@ TEST(IpcServerPeer, IsTurnedOutForWhatIsMalformed) {
       {"Cancel for Hello", Raw::MakeFrame(FrameKind::kCancel, 1), 0},
       {"a part for Hello", Raw::MakeFrame(FrameKind::kRequestPart, 1, {1}), 0},
       {"malformed Hello", Raw::MakeFrame(FrameKind::kHello, 0, Buffer(24, 'x')), 0},
+      {"credentials for Hello", Raw::MakeFrame(FrameKind::kHello, 0, EncodeHello(with_user)), 0},
       {"a second Hello", Join({hello, hello}), 0},
       {"unknown kind", Raw::MakeFrame(static_cast<FrameKind>(99), 0), kMalformedFrame.code},
       {"Hello again", hello, kUnexpectedFrame.code},
@@ -164,6 +168,7 @@ TEST(IpcServerPeer, IsGivenUpWhenItIsSilentOrDoesNotRead) {
          std::chrono::steady_clock::now() - begin < std::chrono::seconds(20)) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
   EXPECT_TRUE(pair.host.WaitFor(pair.host.destroyed, 2));
 }
 
@@ -349,7 +354,6 @@ TEST_F(IpcClientPeer, ACallThatAThreadWaitsForFailsInTimeAndTheConnectionGoesOn)
 }
 
 TEST_F(IpcClientPeer, AHeartbeatKeepsAQuietConnection) {
-  std::atomic<int> pings = 0;
   FakeService service(GetSocket(), [&](RawPeer& peer) {
     EXPECT_TRUE(peer.Receive());
     peer.Send(RawPeer::MakeWelcome());
@@ -360,6 +364,8 @@ TEST_F(IpcClientPeer, AHeartbeatKeepsAQuietConnection) {
     }
     const auto request = peer.Receive();
     EXPECT_TRUE(request && request->kind == FrameKind::kRequest);
+    // The request came behind 17 pings or so.
+    EXPECT_GT(peer.GetPongs(), 2);
     peer.SendFrame(FrameKind::kFault, 1, EncodeError(Common::Error(kFaultCode, Common::LineTag())));
     EXPECT_TRUE(peer.WaitForEnd());
   });

@@ -99,9 +99,12 @@ class RawPeer {
                                static_cast<std::size_t>(head[2]) << 16;
       frame.payload = Read(size);
       if (frame.payload.size() < size) return std::nullopt;
+      if (frame.kind == FrameKind::kPong) ++pongs_;
       if (frame.kind != FrameKind::kPing && frame.kind != FrameKind::kPong) return frame;
     }
   }
+  // How many have come among the frames.
+  int GetPongs() const { return pongs_; }
   // Everything up to the end.
   Buffer ReadAll() {
     Buffer all;
@@ -136,6 +139,7 @@ class RawPeer {
   }
 
   UniqueDescriptor socket_;
+  int pongs_ = 0;
 };
 
 }  // namespace Platform::Ipc::Test
