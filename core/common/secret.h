@@ -15,7 +15,7 @@ inline void Wipe(std::vector<unsigned char>& bytes) {
 }
 
 // Does so with bytes that are borrowed, unless there are none or they have been moved away.
-class WipeAtEnd : public Common::NonCopyable {
+class WipeAtEnd : public NonCopyable {
  public:
   explicit WipeAtEnd(std::vector<unsigned char>* bytes) : bytes_(bytes) {}
   ~WipeAtEnd() {

@@ -270,7 +270,7 @@ std::shared_ptr<ClientConnection> ClientImpl::Connect(UniqueDescriptor socket,
                                                       const Hello& hello,
                                                       Clock::time_point deadline) {
   std::vector<unsigned char> payload = EncodeHello(hello);
-  const WipeAtEnd wipe(&payload);
+  const Common::WipeAtEnd wipe(&payload);
   if (payload.size() > kMaxHelloFrame) {
     throw MakeError(kLongCredentials, kSource.At("Connect", 70));
   }

@@ -243,7 +243,7 @@ Connection::Sending Connection::SendPacket(OutgoingPacket packet) {
 
 void Connection::SendMessage(FrameKind kind, std::uint64_t call_id,
                              std::vector<unsigned char> payload, bool is_secret) {
-  const WipeAtEnd wipe(is_secret ? &payload : nullptr);
+  const Common::WipeAtEnd wipe(is_secret ? &payload : nullptr);
   const std::lock_guard lock(mutex_);
   if (!is_open_ || is_finishing_ || write_error_.IsFailure()) return;
   has_secret_ = has_secret_ || is_secret;

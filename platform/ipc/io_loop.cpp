@@ -73,6 +73,8 @@ class AsioTimer final : public IoTimer {
 class AsioLoop final : public IoLoop {
  public:
   AsioLoop() : work_(context_.get_executor()), scratch_(kScratchSize) {
+    // What the waits need of the system is had here, where a lack of it can be told.
+    stream_descriptor first(context_);
     // Signals are for the threads of the program.
     sigset_t all;
     sigset_t former;
