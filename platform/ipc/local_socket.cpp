@@ -71,11 +71,12 @@ bool GetPeerUser(int descriptor, uid_t& user) {
 
 // Held while a server looks after its socket, so that no two of a user do. Of a file that nobody
 // else can open: what others can lock, they can hold for ever.
-UniqueDescriptor LockSockets(int folder, const std::string& directory) {
-  const std::string name = "servers-" + std::to_string(::geteuid()) + ".lock";
-  const std::string path = directory + "/" + name;
+UniqueDescriptor LockSockets(const std::string& directory) {
+  const std::string path = directory + "/servers-" + std::to_string(::geteuid()) + ".lock";
+  // By its path, as the thread sanitizer doesn't know openat: it would take a descriptor that
+  // another thread had before for shared.
   UniqueDescriptor result(
-      ::openat(folder, name.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
+      ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
   struct stat found {};
   if (!result || ::fstat(result.Get(), &found) != 0) {
     throw MakeSystemError(kListenFailed, errno, kSource.At("LockSockets", 20), path);
@@ -177,7 +178,7 @@ LocalListener::LocalListener(const std::string& directory, unsigned int service_
     throw MakeSystemError(kListenFailed, errno, kSource.At("LocalListener", 110), directory);
   }
   const UniqueDescriptor folder = OpenRuntimeDirectory(directory);
-  const UniqueDescriptor lock = LockSockets(folder.Get(), directory);
+  const UniqueDescriptor lock = LockSockets(directory);
 
   const std::string path = directory + "/" + name_;
   const sockaddr_un address = MakeAddress(directory, folder.Get(), name_);
@@ -213,7 +214,7 @@ LocalListener::LocalListener(const std::string& directory, unsigned int service_
 LocalListener::~LocalListener() {
   try {
     const UniqueDescriptor folder = OpenRuntimeDirectory(directory_);
-    const UniqueDescriptor lock = LockSockets(folder.Get(), directory_);
+    const UniqueDescriptor lock = LockSockets(directory_);
     struct stat found {};
     if (::fstatat(folder.Get(), name_.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 &&
         found.st_dev == device_ && found.st_ino == inode_) {
