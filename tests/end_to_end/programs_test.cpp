@@ -418,7 +418,8 @@ TEST_F(Programs, FiftyListenersSeeEachChangeOnceAndInOrder) {
     return service->CountInLog(": disconnected") == static_cast<int>(kListeners) &&
            CountDescriptors(service->GetProgram().GetId()) == descriptors;
   })) << CountDescriptors(service->GetProgram().GetId())
-      << " descriptors, not " << descriptors;
+      << " descriptors, not " << descriptors << '\n'
+      << service->GetProgram().GetErrors();
   service->GetProgram().Signal(SIGTERM);
   EXPECT_EQ(service->GetProgram().Wait(), 0) << service->GetProgram().GetErrors();
 }

@@ -110,7 +110,8 @@ class Binder : public Common::NonCopyable {
 
 // Each `error` is success when it is handed in and set to the outcome. Each `reserved` is 0.
 
-// Starts the library, its threads included; on the main thread, before anything else of it.
+// Starts the library, whose threads may come with the first connection; on the main thread, before
+// anything else of it.
 void IPCClient_Init(unsigned int reserved, Common::Error& error);
 // Stops the library, also behind a start that failed; not on a thread of it. The caller has no job,
 // access point, browser or binder left. Callbacks that are under way may have: it returns when they
