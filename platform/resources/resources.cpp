@@ -37,10 +37,6 @@ constinit Common::StaticMutex languages_mutex;
 // Null before the first file. Never destroyed: exit handlers may still ask.
 constinit const Languages* languages = nullptr;
 
-// Archives are opened and read one at a time: the ZIP library has the C library convert times,
-// whose own lock around its time zone no thread sanitizer sees.
-constinit Common::StaticMutex zip_mutex;
-
 constexpr std::size_t kMaxFileSize = std::size_t{16} << 20;
 // Forty times what our own takes. A name costs many times its bytes.
 constexpr std::size_t kMaxLocalesSize = 4096;
@@ -101,7 +97,6 @@ class Store {
     if (bytes_.bytes == nullptr) return;
     OpenZipFunction* const open = GetZipOpener();
     if (open == nullptr) return;
-    const Common::StaticMutexLock lock(zip_mutex);
     archive_.reset(open(bytes_.bytes.get(), bytes_.size));
   }
 
@@ -109,7 +104,6 @@ class Store {
                                         std::size_t limit = kMaxFileSize) const {
     size = 0;
     if (archive_ == nullptr) return nullptr;
-    const Common::StaticMutexLock lock(zip_mutex);
     return archive_->Read(name.c_str(), limit, &size);
   }
 

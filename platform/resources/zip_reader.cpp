@@ -1,7 +1,10 @@
 #include "platform/resources/zip_reader.h"
 
-#include <zip.h>
+#include <minizip/unzip.h>
 
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
 #include <memory>
 #include <new>
 #include <utility>
@@ -10,65 +13,115 @@ namespace Platform::Resources {
 
 namespace {
 
-struct Discard {
-  void operator()(zip_t* archive) const { zip_discard(archive); }
-  void operator()(zip_file_t* file) const { zip_fclose(file); }
+// The archive's bytes as the file that the ZIP library reads. It is the opaque argument of the
+// calls below and its own stream.
+struct Bytes {
+  const unsigned char* begin;
+  std::size_t size;
+  std::size_t position = 0;
 };
 
-using Archive = std::unique_ptr<zip_t, Discard>;
-using File = std::unique_ptr<zip_file_t, Discard>;
-
-Archive OpenArchive(const void* bytes, std::size_t size) {
-  zip_source_t* const source = zip_source_buffer_create(bytes, size, 0, nullptr);
-  if (source == nullptr) return nullptr;
-  Archive archive(zip_open_from_source(source, ZIP_RDONLY | ZIP_CHECKCONS, nullptr));
-  if (archive == nullptr) zip_source_free(source);
-  return archive;
+Bytes& Get(voidpf stream) {
+  return *static_cast<Bytes*>(stream);
 }
 
-// Exactly `size` bytes and then the end, where the library compares the CRC.
-bool ReadWhole(zip_file_t* file, unsigned char* to, zip_uint64_t size) {
-  while (size != 0) {
-    const zip_int64_t count = zip_fread(file, to, size);
-    if (count <= 0) return false;
-    to += count;
-    size -= static_cast<zip_uint64_t>(count);
-  }
-  unsigned char more;
-  return zip_fread(file, &more, 1) == 0;
+voidpf Open(voidpf bytes, const void* /*name*/, int /*mode*/) {
+  return bytes;
 }
 
-class LibzipArchive final : public ZipArchive {
+uLong ReadBytes(voidpf /*bytes*/, voidpf stream, void* to, uLong size) {
+  Bytes& bytes = Get(stream);
+  const std::size_t count = std::min<std::size_t>(size, bytes.size - bytes.position);
+  if (count != 0) std::memcpy(to, bytes.begin + bytes.position, count);
+  bytes.position += count;
+  return count;
+}
+
+uLong Write(voidpf /*bytes*/, voidpf /*stream*/, const void* /*from*/, uLong /*size*/) {
+  return 0;
+}
+
+ZPOS64_T Tell(voidpf /*bytes*/, voidpf stream) {
+  return Get(stream).position;
+}
+
+// Offsets come out of the archive; one beyond its end fails.
+long Seek(voidpf /*bytes*/, voidpf stream, ZPOS64_T offset, int origin) {
+  Bytes& bytes = Get(stream);
+  std::size_t from = 0;
+  if (origin == ZLIB_FILEFUNC_SEEK_CUR) from = bytes.position;
+  if (origin == ZLIB_FILEFUNC_SEEK_END) from = bytes.size;
+  if (offset > bytes.size - from) return -1;
+  bytes.position = from + offset;
+  return 0;
+}
+
+int Close(voidpf /*bytes*/, voidpf /*stream*/) {
+  return 0;
+}
+
+int GetError(voidpf /*bytes*/, voidpf /*stream*/) {
+  return 0;
+}
+
+constexpr int kMatchCase = 1;
+constexpr uLong kEncrypted = 1;  // a flag of a file
+
+class MinizipArchive final : public ZipArchive {
  public:
-  explicit LibzipArchive(Archive archive) : archive_(std::move(archive)) {}
+  MinizipArchive(const void* bytes, std::size_t size)
+      : bytes_{static_cast<const unsigned char*>(bytes), size} {
+    zlib_filefunc64_def calls = {&Open, &ReadBytes, &Write,    &Tell,
+                                 &Seek, &Close,     &GetError, &bytes_};
+    archive_ = unzOpen2_64(nullptr, &calls);
+  }
+
+  ~MinizipArchive() override {
+    if (archive_ != nullptr) unzClose(archive_);
+  }
+
+  bool IsSound() const { return archive_ != nullptr; }
 
   std::unique_ptr<unsigned char[]> Read(const char* name, std::size_t limit,
                                         unsigned int* size) const override {
     *size = 0;
-    const zip_int64_t found = zip_name_locate(archive_.get(), name, 0);
-    if (found < 0) return nullptr;
-    const auto index = static_cast<zip_uint64_t>(found);
-    zip_stat_t status;
-    if (zip_stat_index(archive_.get(), index, 0, &status) != 0) return nullptr;
-    if ((status.valid & ZIP_STAT_SIZE) == 0 || status.size > limit) return nullptr;
-    const File file(zip_fopen_index(archive_.get(), index, 0));
-    if (file == nullptr) return nullptr;
-    std::unique_ptr<unsigned char[]> bytes(new (std::nothrow) unsigned char[status.size]);
-    if (bytes == nullptr || !ReadWhole(file.get(), bytes.get(), status.size)) return nullptr;
-    *size = static_cast<unsigned int>(status.size);
+    if (unzLocateFile(archive_, name, kMatchCase) != UNZ_OK) return nullptr;
+    unz_file_info64 info;
+    if (unzGetCurrentFileInfo64(archive_, &info, nullptr, 0, nullptr, 0, nullptr, 0) != UNZ_OK) {
+      return nullptr;
+    }
+    if ((info.flag & kEncrypted) != 0 || info.uncompressed_size > limit) return nullptr;
+    const auto wanted = static_cast<unsigned int>(info.uncompressed_size);
+    std::unique_ptr<unsigned char[]> bytes(new (std::nothrow) unsigned char[wanted]);
+    if (bytes == nullptr || unzOpenCurrentFile(archive_) != UNZ_OK) return nullptr;
+    const bool is_whole = ReadWhole(bytes.get(), wanted);
+    // Compares the CRC of a file that was read to its end.
+    if (unzCloseCurrentFile(archive_) != UNZ_OK || !is_whole) return nullptr;
+    *size = wanted;
     return bytes;
   }
 
  private:
-  const Archive archive_;
+  bool ReadWhole(unsigned char* to, unsigned int size) const {
+    while (size != 0) {
+      const int count = unzReadCurrentFile(archive_, to, size);
+      if (count <= 0) return false;
+      to += count;
+      size -= static_cast<unsigned int>(count);
+    }
+    return true;
+  }
+
+  Bytes bytes_;
+  unzFile archive_;  // null if the bytes are no archive
 };
 
 }  // namespace
 
 ZipArchive* OpenZip(const void* bytes, std::size_t size) {
-  Archive archive = OpenArchive(bytes, size);
-  if (archive == nullptr) return nullptr;
-  return new (std::nothrow) LibzipArchive(std::move(archive));
+  std::unique_ptr<MinizipArchive> archive(new (std::nothrow) MinizipArchive(bytes, size));
+  if (archive == nullptr || !archive->IsSound()) return nullptr;
+  return archive.release();
 }
 
 }  // namespace Platform::Resources
