@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "core/common/error.h"
-#include "tools/objprobe_store/error_text.h"
+#include "platform/console/error_text.h"
 
 namespace ObjProbeService {
 
@@ -115,13 +115,13 @@ Authenticator::Authenticator(std::string user_file, const Limits& limits, Log lo
 bool Authenticator::Authenticate(const std::string& user, const std::string& password,
                                  const std::string& address) {
   // Of a longer name, which is no user's, the beginning is enough for the log.
-  const std::string who = StoreTool::MakePrintable(
+  const std::string who = Platform::Console::MakePrintable(
       std::string("user \"").append(user, 0, kMaxUserName).append("\" at ").append(address));
   std::shared_ptr<const UserHashes> users;
   try {
     users = file_.Read();
   } catch (const Common::Error& error) {
-    log_(who + " refused: " + StoreTool::DescribeError(error));
+    log_(who + " refused: " + Platform::Console::DescribeError(error));
     return false;
   }
   const std::string network = GetNetwork(address);

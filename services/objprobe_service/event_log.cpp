@@ -4,13 +4,13 @@
 
 #include <cerrno>
 
-#include "tools/objprobe_store/error_text.h"
+#include "platform/console/error_text.h"
 
 namespace ObjProbeService {
 
 void LogEvent(const std::string& text) {
   const std::string line =
-      std::string("objprobe-service: ").append(StoreTool::MakePrintable(text)).append("\n");
+      std::string("objprobe-service: ").append(Platform::Console::MakePrintable(text)).append("\n");
   ssize_t result = 0;
   do {
     result = ::write(STDERR_FILENO, line.data(), line.size());

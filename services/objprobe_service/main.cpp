@@ -24,6 +24,7 @@
 #include "core/common/text.h"
 #include "enterprise/common/dml/local_post_office.h"
 #include "enterprise/common/dml/tools/objprobe/arguments.h"
+#include "platform/console/error_text.h"
 #include "platform/ipc/server.h"
 #include "services/objprobe_service/authenticator.h"
 #include "services/objprobe_service/event_log.h"
@@ -32,7 +33,6 @@
 #include "services/objprobe_service/store_host.h"
 #include "services/objprobe_service/user_file.h"
 #include "services/objprobe_service/view_service.h"
-#include "tools/objprobe_store/error_text.h"
 
 namespace ObjProbeService {
 
@@ -237,7 +237,7 @@ int Run(int argc, char** argv) {
     }
     return 0;
   } catch (const Common::Error& error) {
-    return Fail(StoreTool::DescribeError(error));
+    return Fail(Platform::Console::DescribeError(error));
   } catch (const UsageFailure& failure) {
     return Fail(failure.what(), kWrongUsage);
   } catch (const std::bad_alloc&) {

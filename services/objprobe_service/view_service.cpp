@@ -9,6 +9,7 @@
 
 #include "core/common/line_tag.h"
 #include "enterprise/common/dml_view_common/view_manager.h"
+#include "platform/console/error_text.h"
 #include "platform/store/guarded_call.h"
 #include "platform/store/limit_option.h"
 #include "services/objprobe_service/dynamic_view.h"
@@ -18,7 +19,6 @@
 #include "services/objprobe_service/transmission.h"
 #include "services/objprobe_service/view_budget.h"
 #include "services/objprobe_service/view_request.h"
-#include "tools/objprobe_store/error_text.h"
 
 namespace ObjProbeService {
 
@@ -248,7 +248,7 @@ class ViewService::Connection final : public std::enable_shared_from_this<Connec
         id, service_.limits_, service_.timer_,
         [log = service_.log_, client = client_](const std::string& what,
                                                 const Common::Error& failure) {
-          log(client + ": " + what + " failed: " + StoreTool::DescribeError(failure));
+          log(client + ": " + what + " failed: " + Platform::Console::DescribeError(failure));
         });
     return id;
   }

@@ -20,12 +20,12 @@
 #include "enterprise/common/por/parser/unit_construction_format.h"
 #include "enterprise/common/por/unit_factory.h"
 #include "enterprise/common/por/unit_helpers.h"
+#include "platform/console/error_text.h"
 #include "platform/store/file_codes.h"
 #include "platform/store/object_store.h"
 #include "platform/store/operation_applier.h"
 #include "platform/store/sqlite_store.h"
 #include "platform/store/sqlite_store_writer.h"
-#include "tools/objprobe_store/error_text.h"
 #include "tools/objprobe_store/object_generator.h"
 #include "tools/objprobe_store/progress.h"
 
@@ -33,6 +33,8 @@ namespace StoreTool {
 
 namespace {
 
+using Platform::Console::DescribeError;
+using Platform::Console::MakePrintable;
 using Platform::Store::SqliteStore;
 using Platform::Store::SqliteStoreWriter;
 

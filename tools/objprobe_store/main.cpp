@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "core/common/error.h"
+#include "platform/console/error_text.h"
 #include "tools/objprobe_store/commands.h"
-#include "tools/objprobe_store/error_text.h"
 
 namespace {
 
@@ -25,7 +25,7 @@ constexpr char kWriteFailure[] = "Error occurred while writing to standard outpu
 
 int Fail(const std::string& text) {
   std::fflush(stdout);
-  std::fprintf(stderr, "objprobe-store: %s\n", StoreTool::MakePrintable(text).c_str());
+  std::fprintf(stderr, "objprobe-store: %s\n", Platform::Console::MakePrintable(text).c_str());
   return kFailed;
 }
 
@@ -46,7 +46,7 @@ int Run(Command&& command) {
   try {
     command();
   } catch (const Common::Error& error) {
-    return Fail(StoreTool::DescribeError(error));
+    return Fail(Platform::Console::DescribeError(error));
   } catch (const StoreTool::CommandFailure& failure) {
     return Fail(failure.what());
   } catch (const std::bad_alloc&) {
