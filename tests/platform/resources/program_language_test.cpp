@@ -1,10 +1,15 @@
 #include <gtest/gtest.h>
 
+#include <sys/prctl.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/support/run_program.h"
@@ -16,12 +21,19 @@ namespace {
 
 using TestSupport::RunProgram;
 
-// What objprobe says of a store that isn't there; the first line.
+// What objprobe says of a store that isn't there; the first line. `starter` is a program that runs
+// the one behind its own arguments.
 std::string Complain(const std::vector<std::string>& environment,
-                     const std::string& program = OBJPROBE_PROGRAM) {
+                     const std::string& program = OBJPROBE_PROGRAM,
+                     std::vector<std::string> starter = {}) {
   const TestSupport::TemporaryFolder folder;
-  const auto result = RunProgram(program, {"objprobe", "none.db", "u", "p", "DB", "Task"},
-                                 {.environment = environment, .folder = folder.GetPath()});
+  const std::string started = starter.empty() ? program : starter[0];
+  std::vector<std::string> argv = std::move(starter);
+  for (const char* const argument : {program.c_str(), "none.db", "u", "p", "DB", "Task"}) {
+    argv.emplace_back(argument);
+  }
+  const auto result =
+      RunProgram(started, argv, {.environment = environment, .folder = folder.GetPath()});
   EXPECT_EQ(result.status, 17);
   EXPECT_EQ(result.err, "");
   return result.out.substr(0, result.out.find('\n'));
@@ -117,6 +129,22 @@ TEST_F(MovedProgram, IsEnglishWithoutASoundStoreOrItsModule) {
   EXPECT_EQ(ComplainInGerman(), kEnglish);
   Run("install " OBJPROBE_PROGRAM " $P && rm $F/lib");
   EXPECT_EQ(ComplainInGerman(), kEnglish);
+}
+
+// Somebody who may start a program with more rights than his own chooses its folder by a link.
+TEST_F(MovedProgram, LoadsNoModuleWithMoreRightsThanItsUser) {
+  struct statvfs system {};
+  ASSERT_EQ(::statvfs(folder_.GetPath().c_str(), &system), 0);
+  if (::geteuid() != 0 || (system.f_flag & ST_NOSUID) != 0 ||
+      ::prctl(PR_GET_NO_NEW_PRIVS, 0, 0, 0, 0) != 0) {
+    GTEST_SKIP() << "Programs get no more rights than their user here.";
+  }
+  Run("chmod 755 $F && chmod 4755 $P");
+  EXPECT_EQ(ComplainInGerman(), kGerman);
+  // The leak check can't look into such a process.
+  EXPECT_EQ(Complain({"LC_ALL=de_DE.UTF-8", "ASAN_OPTIONS=detect_leaks=0"}, program_,
+                     {"/usr/bin/setpriv", "--reuid=65534", "--clear-groups", "--"}),
+            kEnglish);
 }
 
 }  // namespace
