@@ -11,9 +11,9 @@ namespace Core {
 
 inline timeval MakeTimeval(std::uint64_t milliseconds) noexcept {
   const auto time = static_cast<std::int64_t>(milliseconds);
-  const std::int64_t rest = (time % 1000 + 1000) % 1000;
+  const std::int64_t rest = time % 1000 + (time % 1000 < 0 ? 1000 : 0);
   timeval result{};
-  result.tv_sec = (time - rest) / 1000;
+  result.tv_sec = time / 1000 - (time % 1000 < 0 ? 1 : 0);
   result.tv_usec = rest * 1000;
   return result;
 }
