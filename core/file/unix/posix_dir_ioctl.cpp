@@ -6,6 +6,7 @@
 #include <string>
 
 #include "core/file/unix/guarded_operation.h"
+#include "core/file/unix/posix_backup.h"
 #include "core/file/unix/posix_dir.h"
 #include "core/file/unix/posix_error.h"
 #include "core/file/unix/posix_time.h"
@@ -24,6 +25,14 @@ void posix_dir::IOCTL(ioctl_record& record) {
   switch (record.code) {
     case kSetEntryTimes:
       return SetEntryTimes(static_cast<const entry_times_record&>(record));
+    case kBackupEntry:
+      return GuardOperation(*this, kSource.At("IOCTL", 40), [&] {
+        SetError(PosixBackupFile(*this, static_cast<const backup_record&>(record)));
+      });
+    case kRestoreEntry:
+      return GuardOperation(*this, kSource.At("IOCTL", 50), [&] {
+        SetError(PosixRestoreFile(*this, static_cast<const restore_record&>(record)));
+      });
     case kGetSystemPath:
       return GetSystemPath(static_cast<system_path_record&>(record));
     default:
