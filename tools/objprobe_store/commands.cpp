@@ -26,8 +26,9 @@
 #include "platform/store/operation_applier.h"
 #include "platform/store/sqlite_store.h"
 #include "platform/store/sqlite_store_writer.h"
+#include "tools/common/program.h"
+#include "tools/common/progress.h"
 #include "tools/objprobe_store/object_generator.h"
-#include "tools/objprobe_store/progress.h"
 
 namespace StoreTool {
 
@@ -37,6 +38,7 @@ using Platform::Console::DescribeError;
 using Platform::Console::MakePrintable;
 using Platform::Store::SqliteStore;
 using Platform::Store::SqliteStoreWriter;
+using Tools::CommandFailure;
 
 constexpr Common::SourceFile kSource{"tools/objprobe_store/commands"};
 constexpr std::size_t kReadSize = 1 << 20;
@@ -113,6 +115,8 @@ class Change {
     }
   }
 
+  unsigned long long GetCount() const { return created_ + updated_ + unchanged_; }
+
   void CommitAndPrint() {
     writer_.Commit();
     std::printf("%llu created, %llu updated, %llu unchanged\n", created_, updated_, unchanged_);
@@ -125,7 +129,7 @@ class Change {
   unsigned long long unchanged_ = 0;
 };
 
-void ImportFile(Change& change, const std::string& file, Progress& progress) {
+void ImportFile(Change& change, const std::string& file, Tools::Progress& progress) {
   const Por::OwnedUnit root = ReadUnit(file);
   if (!Por::Util::IsArray(*root)) {
     try {
@@ -133,7 +137,7 @@ void ImportFile(Change& change, const std::string& file, Progress& progress) {
     } catch (const Common::Error& error) {
       throw CommandFailure(file + ": " + DescribeError(error));
     }
-    progress.Add();
+    progress.Step();
     return;
   }
   const unsigned long long count = Por::Util::GetArraySize(*root);
@@ -146,7 +150,7 @@ void ImportFile(Change& change, const std::string& file, Progress& progress) {
       throw CommandFailure(file + ", object " + std::to_string(i + 1) + " of " +
                            std::to_string(count) + ": " + DescribeError(error));
     }
-    progress.Add();
+    progress.Step();
   }
 }
 
@@ -184,7 +188,7 @@ void Import(const std::string& store, const std::vector<std::string>& files) {
   Change change(store);
   // Only now all files of the store are there.
   for (const std::string& file : files) RefuseFileOfStore(store, file);
-  Progress progress(0);
+  Tools::Progress progress([&] { return std::to_string(change.GetCount()) + " objects"; });
   for (const std::string& file : files) ImportFile(change, file, progress);
   progress.Finish();
   change.CommitAndPrint();
@@ -261,10 +265,12 @@ void PrintStatistics(const std::string& store) {
 void Generate(const std::string& store, std::uint64_t count, std::uint64_t seed) {
   const ObjectGenerator generator(seed, *Por::GetStaticUnitFactory());
   Change change(store);
-  Progress progress(count);
+  Tools::Progress progress([&] {
+    return std::to_string(change.GetCount()) + " of " + std::to_string(count) + " objects";
+  });
   for (std::uint64_t i = 0; i < count; ++i) {
     change.Put(*generator.Make(i));
-    progress.Add();
+    progress.Step();
   }
   progress.Finish();
   change.CommitAndPrint();

@@ -1,21 +1,14 @@
 #pragma once
 
 #include <cstdint>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 // The commands of objprobe-store. `store` is a connection string. Results go to standard output.
 // Each command that changes a store is one transaction: done as a whole, or not at all.
-// They throw Common::Error, or CommandFailure for what has more to say.
+// They throw Common::Error, or Tools::CommandFailure for what has more to say.
 
 namespace StoreTool {
-
-// A failure in words for the user, UTF-8.
-class CommandFailure : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
 
 void Create(const std::string& store);
 // Stores the objects of unit text files: the root, or the elements of a root that is an array.

@@ -5,29 +5,17 @@
 #include <CLI/CLI.hpp>
 #include <charconv>
 #include <cstdint>
-#include <cstdio>
-#include <exception>
 #include <iostream>
-#include <new>
 #include <string>
 #include <system_error>
 #include <vector>
 
-#include "core/common/error.h"
-#include "platform/console/error_text.h"
+#include "tools/common/program.h"
 #include "tools/objprobe_store/commands.h"
 
 namespace {
 
-constexpr int kFailed = 1;
-constexpr int kWrongUsage = 2;
-constexpr char kWriteFailure[] = "Error occurred while writing to standard output.";
-
-int Fail(const std::string& text) {
-  std::fflush(stdout);
-  std::fprintf(stderr, "objprobe-store: %s\n", Platform::Console::MakePrintable(text).c_str());
-  return kFailed;
-}
+constexpr char kProgram[] = "objprobe-store";
 
 // Decimal digits only, and not more than 64 bits hold.
 bool ParseNumber(const std::string& text, std::uint64_t& number) {
@@ -41,28 +29,10 @@ std::string CheckNumber(const std::string& text) {
   return ParseNumber(text, number) ? "" : "\"" + text + "\" is no number of 64 bits.";
 }
 
-template <class Command>
-int Run(Command&& command) {
-  try {
-    command();
-  } catch (const Common::Error& error) {
-    return Fail(Platform::Console::DescribeError(error));
-  } catch (const StoreTool::CommandFailure& failure) {
-    return Fail(failure.what());
-  } catch (const std::bad_alloc&) {
-    return Fail("Not enough memory to complete the operation.");
-  }
-  if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
-    return Fail(kWriteFailure);
-  }
-  return 0;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app("Fills and inspects object stores.\nSTORE is \"sqlite:PATH\" or a path.",
-               "objprobe-store");
+  CLI::App app("Fills and inspects object stores.\nSTORE is \"sqlite:PATH\" or a path.", kProgram);
   app.require_subcommand(1);
   std::string store;
   std::string file;
@@ -106,11 +76,11 @@ int main(int argc, char** argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     const int status = app.exit(error);
-    if (!std::cout.flush()) return Fail(kWriteFailure);
-    return status == 0 ? 0 : kWrongUsage;
+    if (!std::cout.flush()) return Tools::Fail(kProgram, Tools::kOutputFailure);
+    return status == 0 ? 0 : Tools::kWrongUsage;
   }
 
-  return Run([&] {
+  return Tools::RunCommand(kProgram, [&] {
     if (create->parsed()) StoreTool::Create(store);
     if (import->parsed()) StoreTool::Import(store, files);
     if (put->parsed()) StoreTool::Put(store, file);

@@ -1,10 +1,11 @@
-#include "tools/objprobe_store/progress.h"
+#include "tools/common/progress.h"
 
 #include <unistd.h>
 
 #include <cstdio>
+#include <utility>
 
-namespace StoreTool {
+namespace Tools {
 
 namespace {
 
@@ -14,8 +15,9 @@ constexpr char kWipe[] = "\r\033[K";  // to the first column, clear the line
 
 }  // namespace
 
-Progress::Progress(std::uint64_t total)
-    : total_(total),
+Progress::Progress(std::function<std::string()> describe, std::uint64_t step)
+    : describe_(std::move(describe)),
+      step_(step),
       active_(::isatty(STDERR_FILENO) != 0),
       next_(std::chrono::steady_clock::now() + kFirstDelay) {}
 
@@ -24,13 +26,7 @@ void Progress::Look() {
   if (now < next_) return;
   next_ = now + kDelay;
   shown_ = true;
-  const auto count = static_cast<unsigned long long>(count_);
-  if (total_ == 0) {
-    std::fprintf(stderr, "%s%llu objects", kWipe, count);
-  } else {
-    std::fprintf(stderr, "%s%llu of %llu objects", kWipe, count,
-                 static_cast<unsigned long long>(total_));
-  }
+  std::fprintf(stderr, "%s%s", kWipe, describe_().c_str());
 }
 
 void Progress::Finish() {
@@ -38,4 +34,4 @@ void Progress::Finish() {
   shown_ = false;
 }
 
-}  // namespace StoreTool
+}  // namespace Tools
