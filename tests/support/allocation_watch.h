@@ -28,4 +28,16 @@ class AllocationWatch {
   bool HasFailed() const noexcept { return GetFailureCount() != 0; }
 };
 
+// Runs `action` with the watch that lets 0, 1, ... allocations succeed and the `failures` behind
+// them fail, until none has failed.
+template <class Action>
+void FailEachAllocation(Action&& action, unsigned long long failures = AllocationWatch::kAll) {
+  bool has_failed = true;
+  for (unsigned long long successes = 0; has_failed; ++successes) {
+    const AllocationWatch watch(successes, failures);
+    action(watch);
+    has_failed = watch.HasFailed();
+  }
+}
+
 }  // namespace TestSupport

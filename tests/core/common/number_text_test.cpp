@@ -3,9 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 
-#include "core/common/text.h"
 #include "core/common/unix/program_path.h"
+#include "tests/support/text.h"
 
 namespace Common {
 namespace {
@@ -13,93 +14,84 @@ namespace {
 constexpr std::uint64_t kUntouched = 77;
 constexpr std::uint64_t kGreatest = 18446744073709551615u;
 
-struct NumberCase {
-  const char16_t* text;
-  std::uint64_t out;
-};
-
-void ExpectParsed(const NumberCase& row, std::uint8_t radix, bool result) {
+// What was read up to there stays where it fails.
+void ExpectParsed(const char16_t* text, std::uint8_t radix, bool result, std::uint64_t expected) {
   std::uint64_t out = kUntouched;
-  std::string text;
-  ToUtf8(text, row.text);
-  EXPECT_EQ(ParseNumber(&out, row.text, radix), result) << text;
-  EXPECT_EQ(out, row.out) << text;
+  EXPECT_EQ(ParseNumber(&out, text, radix), result) << TestSupport::Utf8(text);
+  EXPECT_EQ(out, expected) << TestSupport::Utf8(text);
 }
 
 TEST(ParseNumber, ReadsDecimalAndMarkedHexadecimalText) {
-  const NumberCase numbers[] = {
-      {u"12", 12},
+  const std::pair<const char16_t*, std::uint64_t> numbers[] = {
       {u"  12  ", 12},
       {u"1fH  ", 0x1F},
       {u"0h", 0},
-      {u"12h", 0x12},
       {u" 0Xabcdef", 0xABCDEF},
       {u"00x1F", 31},
-      {u"0x0", 0},
       {u"0xFFFFFFFFFFFFFFFF", kGreatest},
       {u"FFFFFFFFFFFFFFFFh", kGreatest},
       {u"18446744073709551615", kGreatest},
   };
-  for (const NumberCase& row : numbers) ExpectParsed(row, 10, true);
-}
-
-// What was read up to there stays.
-TEST(ParseNumber, RefusesOtherText) {
-  const NumberCase others[] = {
-      {u"", kUntouched}, {u" ", 0},     {u"h", 0},      {u"x1", 0},  {u"0x", 0},
-      {u"1x1", 1},       {u"0x0x1", 0}, {u"0x1Fh", 31}, {u"1F", 1},  {u"1F h", 0x1F},
-      {u"1 h", 1},       {u"1hh", 1},   {u"1h2", 1},    {u"1 2", 1}, {u"\t1", 0},
-      {u"1\t", 1},       {u"-1", 0},    {u"1/", 1},     {u"1:", 1},  {u"1@h", 1},
-      {u"1[h", 1},       {u"1`h", 1},   {u"1{h", 1},    {u"1Gh", 1}, {u"1\u0661", 1},
-  };
-  for (const NumberCase& row : others) ExpectParsed(row, 10, false);
-  // Too large: by the sum it holds the product, by the product what it was.
-  const NumberCase large[] = {
+  for (const auto& [text, number] : numbers) ExpectParsed(text, 10, true, number);
+  const std::pair<const char16_t*, std::uint64_t> others[] = {
+      {u"", kUntouched},
+      {u" ", 0},
+      {u"h", 0},
+      {u"x1", 0},
+      {u"0x", 0},
+      {u"1x1", 1},
+      {u"0x0x1", 0},
+      {u"0x1Fh", 31},
+      {u"1F", 1},
+      {u"1F h", 0x1F},
+      {u"1hh", 1},
+      {u"1h2", 1},
+      {u"1 2", 1},
+      {u"\t1", 0},
+      {u"1\t", 1},
+      {u"-1", 0},
+      {u"1/", 1},
+      {u"1:", 1},
+      {u"1@h", 1},
+      {u"1[h", 1},
+      {u"1`h", 1},
+      {u"1{h", 1},
+      {u"1Gh", 1},
+      {u"1\u0661", 1},
+      // Too large: by the sum it holds the product, by the product what it was.
       {u"18446744073709551616", 18446744073709551610u},
       {u"99999999999999999999", 9999999999999999999u},
       {u"0x10000000000000000", 0x1000000000000000},
   };
-  for (const NumberCase& row : large) ExpectParsed(row, 10, false);
+  for (const auto& [text, number] : others) ExpectParsed(text, 10, false, number);
 }
 
 TEST(ParseNumber, OtherRadixesTakeNoMarks) {
-  ExpectParsed({u" 17 ", 15}, 8, true);
-  ExpectParsed({u"xh", 1205}, 36, true);
-  ExpectParsed({u"000", 0}, 1, true);
-  ExpectParsed({u"1Fh", 0x1F}, 16, false);
-  ExpectParsed({u"0x1", 0}, 16, false);
-  ExpectParsed({u"", 0}, 16, false);
-  ExpectParsed({u"18", 1}, 8, false);
-  ExpectParsed({u"0", 0}, 0, false);
+  ExpectParsed(u" 17 ", 8, true, 15);
+  ExpectParsed(u"xh", 36, true, 1205);
+  ExpectParsed(u"000", 1, true, 0);
+  ExpectParsed(u"1Fh", 16, false, 0x1F);
+  ExpectParsed(u"0x1", 16, false, 0);
+  ExpectParsed(u"18", 8, false, 1);
+  ExpectParsed(u"0", 0, false, 0);
 }
 
 TEST(NumberText, IsWrittenWithoutASign) {
-  EXPECT_EQ(NumberToDecimal(18446744073709551615u), "18446744073709551615");
+  EXPECT_EQ(NumberToDecimal(kGreatest), "18446744073709551615");
   EXPECT_EQ(NumberToHex(0xFEDCBA9876543210), "0xfedcba9876543210");
 }
 
 TEST(Base64Encode, WritesThePublishedVectors) {
-  const struct {
-    std::string bytes;
-    std::string padded;
-  } cases[] = {
-      {"", ""},
-      {"f", "Zg=="},
-      {"fo", "Zm8="},
-      {"foo", "Zm9v"},
-      {"foob", "Zm9vYg=="},
-      {"fooba", "Zm9vYmE="},
-      {"foobar", "Zm9vYmFy"},
-      {"\xFB\xFF\xBF\xFF", "+/+//w=="},
+  const std::pair<std::string, std::string> cases[] = {
+      {"", ""},        {"f", "Zg=="},        {"fo", "Zm8="},
+      {"foo", "Zm9v"}, {"foob", "Zm9vYg=="}, {"\xFB\xFF\xBF\xFF", "+/+//w=="},
   };
-  for (const auto& row : cases) {
-    const auto* begin = reinterpret_cast<const unsigned char*>(row.bytes.data());
+  for (const auto& [bytes, padded] : cases) {
+    const auto* begin = reinterpret_cast<const unsigned char*>(bytes.data());
     for (const bool pad : {true, false}) {
       std::string buffer(16, '#');
-      char* end =
-          Base64Encode(buffer.data(), begin, begin + row.bytes.size(), kBase64Alphabet, pad);
-      EXPECT_EQ(std::string(buffer.data(), end),
-                pad ? row.padded : row.padded.substr(0, row.padded.find('=')));
+      char* end = Base64Encode(buffer.data(), begin, begin + bytes.size(), kBase64Alphabet, pad);
+      EXPECT_EQ(std::string(buffer.data(), end), pad ? padded : padded.substr(0, padded.find('=')));
       EXPECT_EQ(*end, '#');
     }
   }

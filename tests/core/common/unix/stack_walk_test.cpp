@@ -54,12 +54,11 @@ TEST(WalkStack, NamesFramesFromTheInnermost) {
 }
 
 TEST(WalkStack, EndsAtTheMaximumOrWhenTheCallbackSaysSo) {
-  Probe::Frames none;
-  EXPECT_FALSE(Probe::WalkHere(0, none));
-  EXPECT_TRUE(none.texts.empty());
-  Probe::Frames two;
-  EXPECT_TRUE(Probe::WalkHere(2, two));
-  EXPECT_EQ(two.texts.size(), 2u);
+  for (const unsigned int max_frames : {0u, 2u}) {
+    Probe::Frames frames;
+    EXPECT_EQ(Probe::WalkHere(max_frames, frames), max_frames != 0);
+    EXPECT_EQ(frames.texts.size(), max_frames);
+  }
   Probe::Frames stopped;
   stopped.stop_at = 1;
   EXPECT_FALSE(Probe::WalkHere(200, stopped));
