@@ -107,11 +107,9 @@ TEST(Catalogue, IsRefusedForWhatATranslatorCanForget) {
     const char* reason;
   } cases[] = {
       {without(row), "Row 'PorUnitCorrupted' is missing."},
-      {with_place(""), "Row 'PorBranchNotFound': The places"},
       {with_place("{1}"), "Row 'PorBranchNotFound': The places"},
       {with_place("{0} {0}"), "Row 'PorBranchNotFound': The places"},
       {with_place("{0} {1}"), "Row 'PorBranchNotFound': The places"},
-      {with_place("{ 0}"), "Row 'PorBranchNotFound': The places"},
       {with("msgstr \"Fehler\"", "msgstr \"\""), "Row 'ErrorHeader': The translation is unfin"},
       {with("msgctxt \"ErrorHeader\"", "#, fuzzy\nmsgctxt \"ErrorHeader\""),
        "Row 'ErrorHeader': The translation is unfin"},
@@ -120,10 +118,8 @@ TEST(Catalogue, IsRefusedForWhatATranslatorCanForget) {
        "Row 'Header': There is no such row."},
       {with("msgid \"Error\"", "msgid \"Errors\""), "Row 'ErrorHeader': The original is another"},
       {with("\"cp1252\"", "\"cp\u00BC\""), "Row 'AnsiCodePage': The row takes ASCII only."},
-      {with("\"cp1252\"", "\"cp\\n\""), "Row 'AnsiCodePage': The row takes ASCII only."},
       {with("msgstr \"Fehler\"", "msgstr \"Fehler\xFC\""), "The line isn't UTF-8."},
       {with("msgstr \"Fehler\"", "msgstr \"Fehler\\374\""), "The text isn't UTF-8."},
-      {with("msgstr \"Fehler\"", "msgstr \"Fehler\xED\xA0\x80\""), "The line isn't UTF-8."},
       {with("charset=UTF-8", "charset=ISO-8859-1"), "The header doesn't say charset=UTF-8."},
       {with("Language: de", "Language: nl"), "The header doesn't say Language: de."},
       {with("msgstr \"Fehler\"", "msgstr \"Fehler"), "A quote is missing at the end."},
@@ -153,7 +149,6 @@ TEST(Template, IsRefusedWhereItIsNotTheBuiltInTable) {
     const char* reason;
   } cases[] = {
       {"#. Row 22.", "#. Row 21.", "The row has another text in the program."},
-      {"#. Row 22.", "#. Line 22.", "No comment says which row it is."},
       {"#. Row 22.", "#. Row 694.", "No comment says which row it is."},
       {"msgid \"Error\"", "msgid \"Eror\"", "The row has another text in the program."},
       {"#. Row 22.\nmsgctxt \"ErrorHeader\"\nmsgid \"Error\"\nmsgstr \"\"\n", "",
