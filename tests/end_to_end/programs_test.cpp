@@ -262,31 +262,25 @@ TEST_P(EachWay, AListenOnAFloodEndsSoonAfterTheCharacter) {
 
   // Not everything passes.
   ASSERT_GE(events.size(), 300u);
-  for (const std::size_t at : {std::size_t{3}, events.size() / 2, events.size() - 2}) {
-    std::vector<Event> missing = events;
-    missing.erase(missing.begin() + static_cast<std::ptrdiff_t>(at));
-    EXPECT_NE(history.Check(missing, History::Extent::kFrom), "");
-    std::vector<Event> twice = events;
-    twice.insert(twice.begin() + static_cast<std::ptrdiff_t>(at), events[at]);
-    EXPECT_NE(history.Check(twice, History::Extent::kFrom), "");
-  }
+  const auto middle = static_cast<std::ptrdiff_t>(events.size() / 2);
+  std::vector<Event> missing = events;
+  missing.erase(missing.begin() + middle);
+  std::vector<Event> twice = events;
+  twice.insert(twice.begin() + middle, events[events.size() / 2]);
   std::vector<Event> swapped = events;
   std::swap(swapped[events.size() - 2], swapped[events.size() - 1]);
-  EXPECT_NE(history.Check(swapped, History::Extent::kFrom), "");
+  for (const std::vector<Event>& wrong : {missing, twice, swapped}) {
+    EXPECT_NE(history.Check(wrong, History::Extent::kFrom), "");
+  }
 }
 
 TEST_F(Programs, WhoCannotConnectIsToldWhyAndEndsWith3) {
   using Platform::Ipc::Test::Certificate;
   stage_.Put(store_, MakeThing(1, 1));
   const Way remote{true, 2};
-  const Certificate& authority = stage_.GetAuthority();
-  const Certificate elsewhere("service", "DNS:elsewhere.example,IP:127.0.0.2", &authority);
-  const Certificate expired("service", "IP:127.0.0.1", &authority, -7200, -3600);
-  const Certificate stranger("stranger", "IP:127.0.0.1", nullptr);
   const auto service = Serve(remote);
+  const Certificate elsewhere("service", "DNS:elsewhere.example", &stage_.GetAuthority());
   const auto service_elsewhere = stage_.ServeAs(elsewhere, {"AGT=" + store_}, remote);
-  const auto service_expired = stage_.ServeAs(expired, {"VLT=" + store_}, remote);
-  const auto service_stranger = stage_.ServeAs(stranger, {"DML=" + store_}, remote);
   const Words address = stage_.Address(*service, remote);
   const Words nowhere = {"localhost", kUser, kPassword};
   const auto change = [](Words words, std::size_t index, const char* word) {
@@ -304,20 +298,12 @@ TEST_F(Programs, WhoCannotConnectIsToldWhyAndEndsWith3) {
   } cases[] = {
       {stage_, change(address, 2, "a wrong one"), "HUB", "Failed to connect to HUB",
        "0xad0117: The user or the password is wrong."},
-      {stage_, change(address, 1, "nobody"), "HUB", "Failed to connect to HUB",
-       "0xad0117: The user or the password is wrong."},
-      {stage_, change(address, 2, ""), "HUB", "Failed to connect to HUB",
-       "0xad0117: The user or the password is wrong."},
       {stage_, address, "VLT", "Failed to connect to VLT",
        "0xad0118: The peer does not have this service."},
       {other, address, "HUB", "Failed to connect to HUB",
        "0xad0131: The certificate of the host is not trusted."},
-      {stage_, stage_.Address(*service_stranger, remote), "HUB", "Failed to connect to HUB",
-       "0xad0131: The certificate of the host is not trusted."},
       {stage_, stage_.Address(*service_elsewhere, remote), "AGT", "Failed to connect to AGT",
        "0xad0132: The certificate is not one of this host."},
-      {stage_, stage_.Address(*service_expired, remote), "VLT", "Failed to connect to VLT",
-       "0xad0133: The certificate of the host is not valid at this time."},
       {stage_, change(address, 0, "127.0.0.1:1"), "HUB", "Failed to connect to HUB",
        "0xad0112: The host refused the connection."},
       {stage_, change(address, 0, "127.0.0.1:x"), "HUB", "Failed to bind to host.",
@@ -354,6 +340,18 @@ TEST_F(Programs, WhoCannotConnectIsToldWhyAndEndsWith3) {
       << result.out;
 }
 
+TEST_F(Programs, AServiceThatHangsIsGivenUp) {
+  const auto service = Serve({});
+  service->GetProgram().Signal(SIGSTOP);
+  const auto begin = std::chrono::steady_clock::now();
+  const ProgramResult result = stage_.Run(stage_.Address(*service, {}), {"HUB", "Thing", "report"});
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30));
+  EXPECT_EQ(result.status, 3);
+  EXPECT_NE(result.out.find("| error 0xad0113: The service did not answer in time to connect."),
+            std::string::npos)
+      << result.out;
+}
+
 TEST_F(Programs, TwoServicesOfOneComputerKeepApart) {
   const std::string other = stage_ / "vault.db";
   stage_.Store({"create", other});
@@ -386,38 +384,33 @@ TEST_F(Programs, TwoServicesOfOneComputerKeepApart) {
 }
 
 TEST_F(Programs, FiftyListenersSeeEachChangeOnceAndInOrder) {
-  constexpr std::size_t kListeners = 50;
-  stage_.Put(store_, MakeThing(1, 1));
-  const Way remote{true, 2};
-  const auto service = Serve(remote);
-  const int descriptors = CountDescriptors(service->GetProgram().GetId());
+  constexpr int kListeners = 50;
+  History history(store_);
+  const auto service = Serve({true, 2});
+  const pid_t process = service->GetProgram().GetId();
+  const int descriptors = CountDescriptors(process);
   std::vector<std::unique_ptr<RunningProgram>> listeners;
-  for (std::size_t i = 0; i < kListeners; ++i) {
+  for (int i = 0; i < kListeners; ++i) {
     const Way way{i % 4 == 0, 2};
     listeners.push_back(stage_.Start(stage_.Address(*service, way), {"HUB", "Thing"}));
   }
   for (const auto& listener : listeners) EXPECT_TRUE(AwaitEvents(*listener, 1));
-  std::string expected = PrintCreated(1, 1);
-  std::size_t count = 1;
-  for (int i = 2; i <= 11; ++i) {
-    stage_.Put(store_, MakeThing(static_cast<unsigned>(i), 2 * static_cast<unsigned>(i)));
-    stage_.Put(store_, MakeThing(1, 2 * static_cast<unsigned>(i) + 1));
-    stage_.Store({"delete", store_, MakeThingId(static_cast<unsigned>(i))});
-    expected += PrintCreated(i, 2 * i) + PrintUpdated(1, 2 * i + 1) + PrintDeleted(i);
-    count += 3;
+  std::mt19937 random(1);
+  for (int i = 0; i < 30; ++i) history.Change(random);
+  for (const auto& listener : listeners) {
+    EXPECT_TRUE(Await([&] { return history.HasSeenAll(GetEvents(*listener)); }));
+    listener->Type("x");
   }
-  for (const auto& listener : listeners) EXPECT_TRUE(AwaitEvents(*listener, count));
-  for (const auto& listener : listeners) listener->Type("x");
   for (const auto& listener : listeners) {
     EXPECT_EQ(listener->Wait(), 0);
     std::string rest = listener->GetOutput();
-    EXPECT_EQ(Join(TakeEvents(rest)), expected);
+    EXPECT_EQ(history.Check(TakeEvents(rest), History::Extent::kAll), "");
     EXPECT_EQ(rest, "");
   }
   EXPECT_TRUE(Await([&] {
-    return service->CountInLog(": disconnected") == static_cast<int>(kListeners) &&
-           CountDescriptors(service->GetProgram().GetId()) == descriptors;
-  })) << CountDescriptors(service->GetProgram().GetId())
+    return service->CountInLog(": disconnected") == kListeners &&
+           CountDescriptors(process) == descriptors;
+  })) << CountDescriptors(process)
       << " descriptors, not " << descriptors << '\n'
       << service->GetProgram().GetErrors();
   service->GetProgram().Signal(SIGTERM);

@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
-#include <map>
 #include <memory>
 #include <random>
 #include <string>
@@ -63,13 +62,11 @@ class Soak : public testing::Test {
   Clock::time_point In(std::size_t most_milliseconds) {
     return Clock::now() + milliseconds(Below(most_milliseconds));
   }
-  void Count(const std::string& what) { ++counts_[what]; }
 
   void StartMortal() {
     mortal_way_ = {true, Below(2) == 0 ? 1 : 2};
     mortal_ = stage_.Serve({"VLT=" + store_}, mortal_way_);
     mortal_until_ = In(10'000);
-    Count(mortal_way_.version == 1 ? "mortal services, version 1" : "mortal services, version 2");
   }
   void EndMortal() {
     const bool is_killed = Below(2) == 0;
@@ -104,7 +101,6 @@ class Soak : public testing::Test {
     if (!client->is_listening) query.push_back("report");
     client->program = stage_.Start(address, query);
     client->until = In(8'000);
-    Count(client->is_listening ? "listens" : "reports");
     clients_.push_back(std::move(client));
   }
 
@@ -138,7 +134,6 @@ class Soak : public testing::Test {
     if (!client.is_unsure) {
       EXPECT_EQ(status, client.has_lost ? 7 : 0) << client.program->GetOutput();
     }
-    Count("exits of listens with " + std::to_string(status));
     Judge(client, status, extent);
   }
 
@@ -156,7 +151,6 @@ class Soak : public testing::Test {
       if (!client.is_of_mortal) {
         EXPECT_EQ(status, 0) << client.program->GetOutput();
       }
-      Count("exits of reports with " + std::to_string(status));
       Judge(client, status, History::Extent::kFrom);
       return true;
     }
@@ -169,7 +163,6 @@ class Soak : public testing::Test {
         return false;
       case 1:
         client.program->Kill();
-        Count("killed clients");
         Judge(client, 1000 + SIGKILL, History::Extent::kPart);
         return true;
       default:
@@ -193,7 +186,6 @@ class Soak : public testing::Test {
   std::uint16_t mortal_port_ = 1;
   Clock::time_point mortal_until_;
   std::vector<std::unique_ptr<Client>> clients_;
-  std::map<std::string, long> counts_;
   std::size_t events_ = 0;
   milliseconds slowest_end_{0};
 };
@@ -268,7 +260,6 @@ TEST_F(Soak, EverythingPrintedIsTrueAndNothingIsLeftBehind) {
             << "memory of the lasting service " << young / 1024 << " MiB young, " << old / 1024
             << " MiB old, " << last_memory / 1024 << " MiB at the end, " << most_threads
             << " threads at most, slowest end of a listen " << slowest_end_.count() << " ms\n";
-  for (const auto& [what, count] : counts_) std::cout << count << " " << what << "\n";
 }
 
 }  // namespace
