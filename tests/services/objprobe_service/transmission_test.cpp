@@ -123,6 +123,20 @@ TEST_F(TransmissionTest, ClientThatPullsGetsMoreThanTheQueueHolds) {
   for (int i = 1; i <= 11; ++i) expected.push_back(Join({"1+", std::to_string(i), "v1"}));
   EXPECT_EQ(texts, expected);
   EXPECT_TRUE(failures_.empty());
+  // In answers of a bounded size.
+  limits_ = {};
+  limits_.max_pull_bytes = 1000;
+  Make();
+  Source& many = Open();
+  Create(many, 1, 11);
+  many.Deliver();
+  texts = Pull();
+  EXPECT_LT(texts.size(), 8U);
+  while (texts.size() < 12) {
+    for (std::string& text : Pull()) texts.push_back(std::move(text));
+  }
+  expected.insert(expected.begin(), "1 open");
+  EXPECT_EQ(texts, expected);
   // Larger than all of the queue's memory.
   limits_ = {};
   limits_.max_queue_bytes = 100;

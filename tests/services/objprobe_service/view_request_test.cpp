@@ -38,6 +38,11 @@ std::string MakeSpecText(const std::string& pattern, const std::string& options)
       .append("</Options></specification>");
 }
 
+// One whose pattern has this value.
+std::string MakeSpecOf(const std::string& value) {
+  return MakeSpecText("<is_empty>0</is_empty><value>" + value + "</value>", kNull);
+}
+
 TEST(ViewRequest, TellsWhatTheMethodNeeds) {
   ViewRequest request =
       ReadViewRequest(ViewMethod::kOpenStaticView,
@@ -106,14 +111,10 @@ TEST_F(HostileRequest, IsAnsweredByAFailureThatSaysWhy) {
       // The units: not there, without an end, without bytes, no base64, no stream, nothing at all.
       {ViewMethod::kOpenStaticView, "", kUnreadableRequest},
       {ViewMethod::kOpenStaticView, "<specification></specification>", kUnreadableRequest},
-      {ViewMethod::kOpenStaticView,
-       MakeSpecText("<is_empty>0</is_empty><value>VQYHAAAA</value>", kNull), kUnreadableRequest},
-      {ViewMethod::kOpenStaticView, MakeSpecText("<is_empty>0</is_empty><value></value>", kNull),
-       kUnreadableRequest},
-      {ViewMethod::kOpenStaticView, MakeSpecText("<is_empty>0</is_empty><value>VQ</value>", kNull),
-       kUnreadableRequest},
-      {ViewMethod::kOpenDynamicView,
-       MakeSpecText("<is_empty>0</is_empty><value>/////w==</value>", kNull), kUnreadableRequest},
+      {ViewMethod::kOpenStaticView, MakeSpecOf("VQYHAAAA"), kUnreadableRequest},
+      {ViewMethod::kOpenStaticView, MakeSpecOf(""), kUnreadableRequest},
+      {ViewMethod::kOpenStaticView, MakeSpecOf("VQ"), kUnreadableRequest},
+      {ViewMethod::kOpenDynamicView, MakeSpecOf("/////w=="), kUnreadableRequest},
       {ViewMethod::kOpenDynamicView, MakeSpecText("<is_empty>0</is_empty>", kNull),
        kUnreadableRequest},
       {ViewMethod::kAddInterest, "<spec><Subscription>1</Subscription></spec>", kUnreadableRequest},
