@@ -117,6 +117,7 @@ TEST(Catalogue, IsRefusedForWhatATranslatorCanForget) {
       {with("msgctxt \"ErrorHeader\"", "msgctxt \"Header\""),
        "Row 'Header': There is no such row."},
       {with("msgid \"Error\"", "msgid \"Errors\""), "Row 'ErrorHeader': The original is another"},
+      {with("\"cp1252\"", "\"cp\\n\""), "Row 'AnsiCodePage': The row takes ASCII only."},
       {with("\"cp1252\"", "\"cp\u00BC\""), "Row 'AnsiCodePage': The row takes ASCII only."},
       {with("msgstr \"Fehler\"", "msgstr \"Fehler\xFC\""), "The line isn't UTF-8."},
       {with("msgstr \"Fehler\"", "msgstr \"Fehler\\374\""), "The text isn't UTF-8."},

@@ -1,13 +1,11 @@
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "enterprise/common/por/for_each_unit_by_level.h"
@@ -15,8 +13,8 @@
 #include "enterprise/common/por/unit_blob.h"
 #include "enterprise/common/por/unit_factory.h"
 #include "enterprise/common/por/unit_operations.h"
-#include "tests/support/child_process.h"
 #include "tests/support/run_program.h"
+#include "tests/support/running_program.h"
 #include "tests/support/temporary_folder.h"
 #include "tools/objprobe_store/object_generator.h"
 
@@ -260,21 +258,16 @@ TEST_F(StoreToolTest, KilledInTheMiddleItLeavesTheOldState) {
   Do({"create", store_});
   Do({"generate", store_, "100"});
   const std::string before = Do({"stats", store_});
-  TestSupport::ChildProcess child([this] {
-    ::execl(OBJPROBE_STORE, OBJPROBE_STORE, "generate", store_.c_str(), "100000000", "--seed", "2",
-            nullptr);
-    return false;
-  });
+  TestSupport::RunningProgram program(
+      OBJPROBE_STORE, {OBJPROBE_STORE, "generate", store_, "100000000", "--seed", "2"});
   // Far enough that it has written more than it keeps in memory.
-  const std::string log = store_ + "-wal";
-  for (int i = 0; i < 6000; ++i) {
+  EXPECT_TRUE(TestSupport::Await([log = store_ + "-wal"] {
     std::error_code none;
-    if (std::filesystem::exists(log) && std::filesystem::file_size(log, none) > (1U << 20)) break;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
+    return std::filesystem::exists(log) && std::filesystem::file_size(log, none) > (1U << 20);
+  }));
   // Reading goes on meanwhile.
   EXPECT_EQ(CountLines(Do({"list", store_})), 100);
-  EXPECT_EQ(child.Kill(), -SIGKILL);
+  EXPECT_EQ(program.Kill(), 1000 + SIGKILL);
   EXPECT_EQ(Do({"stats", store_}), before);
   EXPECT_EQ(Do({"generate", store_, "120"}), "20 created, 0 updated, 100 unchanged\n");
   EXPECT_EQ(CountLines(Do({"list", store_})), 120);

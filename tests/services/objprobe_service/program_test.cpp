@@ -1,23 +1,19 @@
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "core/common/unix/safe_close.h"
-#include "tests/support/child_process.h"
 #include "tests/support/run_program.h"
+#include "tests/support/running_program.h"
 #include "tests/support/temporary_folder.h"
 
 // objprobe-service as a program.
@@ -65,9 +61,9 @@ class ServiceProgram : public testing::Test {
     return RunProgram("/bin/sh", {"sh", "-c", "printf '%s' \"$1\" | \"$2\" passwd \"$3\" \"$4\"",
                                   "sh", input, OBJPROBE_SERVICE, file, user});
   }
-  std::string Read(const std::string& name) const {
+  std::string ReadUsers() const {
     std::ostringstream text;
-    text << std::ifstream(folder_ / name).rdbuf();
+    text << std::ifstream(folder_ / "users").rdbuf();
     return text.str();
   }
 
@@ -110,14 +106,14 @@ TEST_F(ServiceProgram, TakesAPasswordFromItsInput) {
   const std::string file = folder_ / "users";
   EXPECT_EQ(SetPassword("secret\nmore\n", file, "anna").status, 0);
   EXPECT_EQ(SetPassword("another", file, "bob").status, 0);
-  const std::string text = Read("users");
+  const std::string text = ReadUsers();
   EXPECT_TRUE(text.starts_with("anna:$y$")) << text;
   EXPECT_NE(text.find("\nbob:$y$"), std::string::npos) << text;
   EXPECT_EQ(text.find("secret"), std::string::npos);
   for (const std::string& input : {std::string(), std::string("\n"), std::string(600, 'x')}) {
     const ProgramResult result = SetPassword(input, file, "anna");
     EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(Read("users"), text);
+    EXPECT_EQ(ReadUsers(), text);
   }
 }
 
@@ -133,22 +129,10 @@ TEST_F(ServiceProgram, ServesUntilItIsToldToEnd) {
   for (const int end : {SIGTERM, SIGINT}) {
     std::filesystem::remove(folder_ / "manager");
     ServiceManager manager(folder_ / "manager");
-    int process[2] = {-1, -1};  // tells the number of the program
-    ASSERT_EQ(::pipe(process), 0);
-    TestSupport::ChildProcess service([&] {
-      ::setenv("NOTIFY_SOCKET", (folder_ / "manager").c_str(), 1);
-      ::setenv("VELORIN_IPC_DIR", ipc.c_str(), 1);
-      const pid_t self = ::getpid();
-      if (::write(process[1], &self, sizeof self) != sizeof self) return false;
-      if (std::freopen((folder_ / "log").c_str(), "w", stderr) == nullptr) return false;
-      const std::string serve = std::string("VLT=").append(store);
-      ::execl(OBJPROBE_SERVICE, "objprobe-service", "--serve", serve.c_str(), nullptr);
-      return false;
-    });
-    pid_t id = 0;
-    ASSERT_EQ(::read(process[0], &id, sizeof id), static_cast<ssize_t>(sizeof id));
-    for (const int descriptor : process) Common::SafeClose(descriptor);
-    ASSERT_EQ(manager.Receive(), "READY=1") << Read("log");
+    TestSupport::RunningProgram service(
+        OBJPROBE_SERVICE, {"objprobe-service", "--serve", "VLT=" + store},
+        {"NOTIFY_SOCKET=" + (folder_ / "manager"), "VELORIN_IPC_DIR=" + ipc});
+    ASSERT_EQ(manager.Receive(), "READY=1") << service.GetErrors();
     const ProgramResult report =
         RunProgram(OBJPROBE, {"objprobe", "localhost", "", "", "VLT", "Thing", "report"},
                    TestSupport::ProgramOptions{.environment = {"VELORIN_IPC_DIR=" + ipc}});
@@ -157,14 +141,13 @@ TEST_F(ServiceProgram, ServesUntilItIsToldToEnd) {
               std::string::npos)
         << report.out;
     // The client is gone, but the service may not know yet.
-    for (int i = 0; i < 6000 && Read("log").find("disconnected") == std::string::npos; ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    ::kill(id, end);
+    EXPECT_TRUE(TestSupport::Await(
+        [&] { return service.GetErrors().find("disconnected") != std::string::npos; }));
+    service.Signal(end);
     EXPECT_EQ(manager.Receive(), "STOPPING=1");
     EXPECT_EQ(service.Wait(), 0);
     const std::string user = std::to_string(::geteuid());
-    EXPECT_EQ(Read("log"),
+    EXPECT_EQ(service.GetErrors(),
               std::string("objprobe-service: ready\nobjprobe-service: VLT: local user ")
                   .append(user)
                   .append(": connected\nobjprobe-service: VLT: local user ")
