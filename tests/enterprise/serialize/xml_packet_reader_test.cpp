@@ -121,25 +121,24 @@ TEST(XMLPacketReader, ReportsElementsThatDoNotFit) {
 }
 
 TEST(XMLPacketReader, FailuresHaveTheseTexts) {
-  const auto text_of = [](const char* elements, bool leave_root) {
-    const TestSupport::TraceRecorder trace;
+  const TestSupport::TraceRecorder trace;
+  const auto read = [](const char* elements, bool leaves_root) {
     const std::unique_ptr<Deserializer> from = OpenElements(elements);
-    if (leave_root) CodeOf([&] { from->EndElement(MetaInfo("XML_SERIALIZER")); });
+    if (leaves_root) CodeOf([&] { from->EndElement(MetaInfo("XML_SERIALIZER")); });
+    std::vector<unsigned char> bytes;
     try {
-      if (leave_root) from->EndElement(MetaInfo("a"));
-      std::vector<unsigned char> bytes;
-      from->Read(MetaInfo("a"), bytes);
+      leaves_root ? from->EndElement(MetaInfo("a")) : from->Read(MetaInfo("a"), bytes);
     } catch (const Common::Error& error) {
       return TestSupport::Utf8(error.GetMessage());
     }
     return "none"s;
   };
-  EXPECT_EQ(text_of("<b></b>", false),
+  EXPECT_EQ(read("<b></b>", false),
             "Cannot deserialize the object. The object's metadata is inconsistent. Either the "
             "versions of the product's components are incompatible with each other or the object "
             "was created by an incompatible product version.");
-  EXPECT_EQ(text_of("", true), "Cannot find the object's meta info.");
-  EXPECT_EQ(text_of("<a>*</a>", false), "SERIALIZER_ERROR_NO_DATA");
+  EXPECT_EQ(read("", true), "Cannot find the object's meta info.");
+  EXPECT_EQ(read("<a>*</a>", false), "SERIALIZER_ERROR_NO_DATA");
 }
 
 TEST(XMLPacketReader, RefusesBadPackets) {
@@ -263,8 +262,9 @@ TEST(XMLPacketReader, ReadsBase64) {
   EXPECT_FALSE(ReadText("Zm8", CountedBytes()).has_value());
 
   const Common::Error failure(5, Common::LineTag());
-  EXPECT_EQ(ReadText("", failure).value().GetRecord(), nullptr);
-  EXPECT_EQ(ReadText("AQ==", failure).value().GetRecord(), nullptr);
+  for (const char* const success : {"", "AQ=="}) {
+    EXPECT_EQ(ReadText(success, failure).value().GetRecord(), nullptr);
+  }
   EXPECT_FALSE(ReadText("AQ=", failure).has_value());
   const Common::Error error =
       ReadText("ARIAAAAAAAAAAAAAAHgAJG1vZHVsZQBBb2JqcHJvYmVfbHhhNjRfNDMyNjcAAA==", failure).value();
