@@ -53,16 +53,16 @@ TEST(ExcludeTraitUnit, HidesTheTraitsOfOneNameAndNests) {
 }
 
 TEST(PropertyRemovingUnitDecorator, HidesThePropertyWhereverItStands) {
+  const auto shown = [](const OwnedUnit& unit, const Name& hidden) {
+    return PropertyNames(View::PropertyRemovingUnitDecorator(*unit, hidden));
+  };
   const OwnedUnit unit = Composite("a", DWord(1), "b", DWord(2), "c", DWord(3));
-  const std::pair<const char*, const char*> cases[] = {
-      {"a", "bc"}, {"b", "ac"}, {"c", "ab"}, {"d", "abc"}};
-  for (const auto& [hidden, shown] : cases) {
-    const View::PropertyRemovingUnitDecorator view(*unit, Name::FromUtf8(hidden));
-    EXPECT_EQ(PropertyNames(view), shown);
-  }
-  const OwnedUnit alone = Composite("a", DWord(1));
-  EXPECT_EQ(PropertyNames(View::PropertyRemovingUnitDecorator(*alone, "a")), "");
-  EXPECT_EQ(PropertyNames(View::PropertyRemovingUnitDecorator(*Composite(), "a")), "");
+  EXPECT_EQ(shown(unit, "a"), "bc");
+  EXPECT_EQ(shown(unit, "b"), "ac");
+  EXPECT_EQ(shown(unit, "c"), "ab");
+  EXPECT_EQ(shown(unit, "d"), "abc");
+  EXPECT_EQ(shown(Composite("a", DWord(1)), "a"), "");
+  EXPECT_EQ(shown(Composite(), "a"), "");
 }
 
 TEST(PropertyRemovingUnitDecorator, FindsTheOthersOnly) {
@@ -85,17 +85,14 @@ TEST(PropertyRemovingUnitDecorator, FindsTheOthersOnly) {
 }
 
 TEST(PropertyRemovingUnitDecorator, ShowsTheRestUnchanged) {
-  const OwnedUnit scalar = With(DWord(7), "Stamp", DWord(1));
-  const View::PropertyRemovingUnitDecorator scalar_view(*scalar, "Stamp");
-  EXPECT_TRUE(Util::UnitEqual(scalar_view, *scalar)) << "traits of that name stay";
-
-  const OwnedUnit array = Array(Composite("Stamp", DWord(1)));
-  EXPECT_TRUE(Util::UnitEqual(View::PropertyRemovingUnitDecorator(*array, "Stamp"), *array));
-
-  const OwnedUnit deep = Composite("Stamp", DWord(1), "x", Composite("Stamp", DWord(2)));
-  EXPECT_TRUE(Util::UnitEqual(View::PropertyRemovingUnitDecorator(*deep, "Stamp"),
-                              *Composite("x", Composite("Stamp", DWord(2)))))
-      << "only the top is filtered";
+  const auto expect_shown = [](OwnedUnit unit, OwnedUnit shown) {
+    EXPECT_TRUE(Util::UnitEqual(View::PropertyRemovingUnitDecorator(*unit, "Stamp"), *shown));
+  };
+  // Traits of that name stay, as does all that is not at the top.
+  expect_shown(With(DWord(7), "Stamp", DWord(1)), With(DWord(7), "Stamp", DWord(1)));
+  expect_shown(Array(Composite("Stamp", DWord(1))), Array(Composite("Stamp", DWord(1))));
+  expect_shown(Composite("Stamp", DWord(1), "x", Composite("Stamp", DWord(2))),
+               Composite("x", Composite("Stamp", DWord(2))));
 }
 
 TEST(PropertyRemovingUnitDecorator, NestsAndReadsWithoutAllocation) {

@@ -19,40 +19,36 @@ class TestObject : public BaseObject {
   using BaseObject::GetErrorHandler;
 };
 
-template <class Call>
-void ExpectError(Call call, const std::string& error, const char* place) {
-  const Thrown thrown = Catch(call);
-  EXPECT_EQ(thrown.error, "Error " + error);
+// An error with the place of a call, in this folder.
+void ExpectError(const Thrown& thrown, const std::string& error, const char* place) {
+  EXPECT_EQ(thrown.error, "Error fa000" + error);
   EXPECT_EQ(thrown.place, std::string("enterprise/common/por/").append(place));
 }
 
-TEST(PlainObject, WhatItDoesNotHaveIsAnError) {
+TEST(PlainObject, WhatItDoesNotHaveIsAnErrorAndSoIsABadPropertyWithoutAHandler) {
   constexpr char kUninitialized[] =
-      "fa0001: POR: There was an attempt to access an uninitialized object.";
+      "1: POR: There was an attempt to access an uninitialized object.";
   const TestObject empty(nullptr);
-  ExpectError([&] { empty.Factory(); }, kUninitialized, "plain_object:245 Factory");
-  ExpectError([&] { empty.Branch(); }, kUninitialized, "plain_object:252 Branch");
-  ExpectError([&] { empty.CreateUnit(); }, kUninitialized, "plain_object:252 Branch");
-  ExpectError([&] { empty.DefaultValue(); }, "fa0001: POR: An internal error has occurred.",
+  ExpectError(Catch([&] { empty.Factory(); }), kUninitialized, "plain_object:245 Factory");
+  ExpectError(Catch([&] { empty.CreateUnit(); }), kUninitialized, "plain_object:252 Branch");
+  ExpectError(Catch([&] { empty.DefaultValue(); }), "1: POR: An internal error has occurred.",
               "plain_object:330 DefaultValue");
-}
-
-TEST(PlainObject, PropertyFailuresAreThrownUnlessAHandlerTakesThem) {
-  ErrorHandler& errors = TestObject(nullptr).GetErrorHandler();
-  ExpectError([&] { errors.PropertyNotFound("Size"); },
-              "fa000d: POR: Property 'Size' cannot be found.", "plain_object:52 PropertyNotFound");
-  ExpectError([&] { errors.PropertyTypeMismatch("Size", 8, 13); },
-              "fa000a: POR: There is a mismatch in object property 'Size'. Expected property type "
+  ErrorHandler& errors = empty.GetErrorHandler();
+  ExpectError(Catch([&] { errors.PropertyNotFound("Size"); }),
+              "d: POR: Property 'Size' cannot be found.", "plain_object:52 PropertyNotFound");
+  ExpectError(Catch([&] { errors.PropertyTypeMismatch("Size", 8, 13); }),
+              "a: POR: There is a mismatch in object property 'Size'. Expected property type "
               "is 'qword', actual property type is 'string'.",
               "types_mismatch:69 MakePropertyTypeMismatchError");
   const Common::Error reason(7, "Too big.", {});
-  const auto process = [&] { errors.PropertyProcessingError("Size", reason); };
-  ExpectError(process, "fa0001: POR: Property 'Size' processing error has occurred.",
-              "plain_object:62 PropertyProcessingError");
   try {
-    process();
+    errors.PropertyProcessingError("Size", reason);
+    ADD_FAILURE();
   } catch (const Common::Error& error) {
     EXPECT_EQ(error.GetNextError().GetCode(), 7u);
+    ExpectError(Catch([&] { throw Common::Error(error); }),
+                "1: POR: Property 'Size' processing error has occurred.",
+                "plain_object:62 PropertyProcessingError");
   }
 }
 

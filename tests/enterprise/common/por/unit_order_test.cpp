@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <memory>
@@ -113,32 +114,19 @@ TEST(Order, OfErrorsIsByCodesThenChainsThenParameters) {
   const auto named = [&](const char16_t* where, const char16_t* name) {
     return Common::MakePathAndNameError(7, u"text", where, name, tag);
   };
-  const std::vector<std::vector<Common::Error>> ascending = {
-      {{},
-       chain({1}),
-       chain({1, 1}),
-       chain({1, 1, 5}),
-       chain({1, 2}),
-       chain({2}),
-       chain({0x80000000})},
-      // Without a parameter that counts, then by value; by bytes, not by length.
-      {chain({7}), path(""), path("b"), path("ba"), path("c"), path("\xC3\xA9")},
-      // The shorter text first.
-      {named(u"b", u"zz"), named(u"c", u"a"), named(u"aa", u"")},
-      {named(u"a", u"b"), named(u"a", u"aa")},
-      // A reason weighs more than the parameters of its head.
-      {with_reason(path("z"), chain({1})), with_reason(path("y"), path("a")),
-       with_reason(path("x"), path("b"))},
+  const auto expect_ascending = [](const auto&... errors) {
+    ExpectAscending(List(ErrorUnit(errors)...));
   };
-  for (const auto& errors : ascending) {
-    for (std::size_t i = 0; i < errors.size(); ++i) {
-      for (std::size_t k = 0; k < errors.size(); ++k) {
-        const int order = i < k ? -1 : i > k ? 1 : 0;
-        EXPECT_EQ(order, CompareErrors(errors[i], errors[k])) << i << " and " << k;
-        EXPECT_EQ(i == k, UnitEqual(*ErrorUnit(errors[i]), *ErrorUnit(errors[k])));
-      }
-    }
-  }
+  expect_ascending(Common::Error(), chain({1}), chain({1, 1}), chain({1, 1, 5}), chain({1, 2}),
+                   chain({2}), chain({0x80000000}));
+  // Without a parameter that counts, then by value; by bytes, not by length.
+  expect_ascending(chain({7}), path(""), path("b"), path("ba"), path("c"), path("\xC3\xA9"));
+  // The shorter text first.
+  expect_ascending(named(u"b", u"zz"), named(u"c", u"a"), named(u"aa", u""));
+  expect_ascending(named(u"a", u"b"), named(u"a", u"aa"));
+  // A reason weighs more than the parameters of its head.
+  expect_ascending(with_reason(path("z"), chain({1})), with_reason(path("y"), path("a")),
+                   with_reason(path("x"), path("b")));
   // Messages, places and the module don't count.
   EXPECT_EQ(0, CompareErrors(Common::Error(7, u"one", tag),
                              Common::Error(7, u"two", kFile.At("Other", 9))));
@@ -159,18 +147,13 @@ class Reference {
   static bool Equal(const View::Unit& a, const View::Unit& b) {
     return &a == &b || (Included(a, b) && Included(b, a) && ValueEqual(a, b));
   }
-
   static bool Included(const View::Unit& a, const View::Unit& b) {
-    for (const Named& trait : Traits(a)) {
-      if (FindPartner(trait, b) == nullptr) return false;
-    }
-    return true;
+    return WithoutPartner(Traits(a), Traits(b), Equal).empty();
   }
-
   static int Compare(const View::Unit& a, const View::Unit& b) {
     if (&a == &b) return 0;
     const int values = CompareValues(a, b);
-    return values != 0 ? values : CompareTraits(a, b);
+    return values != 0 ? values : CompareTraits(Traits(a), Traits(b));
   }
 
  private:
@@ -178,9 +161,10 @@ class Reference {
     std::string name;
     const View::Unit* value;
   };
+  using List = std::vector<Named>;
 
-  static std::vector<Named> Traits(const View::Unit& unit) {
-    std::vector<Named> list;
+  static List Traits(const View::Unit& unit) {
+    List list;
     auto add = MakeProcessor<const View::Trait>([&](const View::Trait& t) {
       list.push_back({t.GetName().GetText(), &t.GetValue()});
     });
@@ -188,8 +172,8 @@ class Reference {
     return list;
   }
   // Elements, or properties by their names.
-  static std::vector<Named> Members(const View::Unit& unit) {
-    std::vector<Named> list;
+  static List Members(const View::Unit& unit) {
+    List list;
     auto add_element = MakeProcessor<const View::Unit>([&](const View::Unit& u) {
       list.push_back({std::string(), &u});
     });
@@ -200,104 +184,72 @@ class Reference {
     Detail::VisitValue<View::CompositeValue>(unit, [&](const auto& c) { c.ForEach(add_property); });
     return list;
   }
-  static const View::Unit* FindPartner(const Named& trait, const View::Unit& other) {
-    for (const Named& partner : Traits(other)) {
-      if (partner.name == trait.name && Equal(*trait.value, *partner.value)) return partner.value;
+  // Those of `list` for whom nothing of that name in `others` is a partner.
+  template <class IsPartner>
+  static List WithoutPartner(const List& list, const List& others, IsPartner is_partner) {
+    List rest;
+    for (const Named& one : list) {
+      const auto fits = [&](const Named& other) {
+        return other.name == one.name && is_partner(*one.value, *other.value);
+      };
+      if (std::none_of(others.begin(), others.end(), fits)) rest.push_back(one);
     }
-    return nullptr;
+    return rest;
   }
 
   static bool ValueEqual(const View::Unit& a, const View::Unit& b) {
     const unsigned int kind = GetValueTypeIndex(a);
     if (kind != GetValueTypeIndex(b)) return false;
     if (kind == 10) return GetValue<double>(a) == GetValue<double>(b);
-    const auto left = Members(a);
-    const auto right = Members(b);
-    bool equal = left.size() == right.size();
-    for (std::size_t i = 0; equal && i < left.size(); ++i) {
-      equal = left[i].name == right[i].name && Equal(*left[i].value, *right[i].value);
-    }
-    return equal;
+    const List left = Members(a), right = Members(b);
+    return std::equal(left.begin(), left.end(), right.begin(), right.end(),
+                      [](const Named& one, const Named& other) {
+                        return one.name == other.name && Equal(*one.value, *other.value);
+                      });
+  }
+
+  template <class Value>
+  static int Order(const Value& left, const Value& right) {
+    return left < right ? -1 : left == right ? 0 : 1;
   }
 
   static int CompareValues(const View::Unit& a, const View::Unit& b) {
     const unsigned int kind = GetValueTypeIndex(a);
-    if (kind != GetValueTypeIndex(b)) return kind < GetValueTypeIndex(b) ? -1 : 1;
-    if (kind == 10) {
-      const double left = GetValue<double>(a);
-      const double right = GetValue<double>(b);
-      return left < right ? -1 : left == right ? 0 : 1;
+    if (kind != GetValueTypeIndex(b)) return Order(kind, GetValueTypeIndex(b));
+    if (kind == 10) return Order(GetValue<double>(a), GetValue<double>(b));
+    const List left = Members(a), right = Members(b);
+    if (kind == kCompositeIndex) {
+      const auto any = [](const View::Unit&, const View::Unit&) { return true; };
+      const List left_only = WithoutPartner(left, right, any);
+      const List right_only = WithoutPartner(right, left, any);
+      if (!left_only.empty() || !right_only.empty()) {
+        return Order(left_only.empty() ? "" : left_only[0].name,
+                     right_only.empty() ? "" : right_only[0].name);
+      }
+    } else if (left.size() != right.size()) {
+      return Order(left.size(), right.size());
     }
-    const auto left = Members(a);
-    const auto right = Members(b);
-    if (kind == kCompositeIndex) return CompareProperties(left, right);
-    if (left.size() != right.size()) return left.size() < right.size() ? -1 : 1;
     for (std::size_t i = 0; i < left.size(); ++i) {
       if (const int order = Compare(*left[i].value, *right[i].value)) return order;
     }
     return 0;
   }
 
-  static int CompareProperties(const std::vector<Named>& left, const std::vector<Named>& right) {
-    const auto find = [](const std::vector<Named>& list, const Named& other) {
-      for (const Named& property : list) {
-        if (property.name == other.name) return property.value;
-      }
-      return static_cast<const View::Unit*>(nullptr);
-    };
-    int kept = 0;
-    const Named* left_only = nullptr;
-    const Named* right_only = nullptr;
-    for (const Named& property : left) {
-      const View::Unit* partner = find(right, property);
-      if (partner == nullptr) {
-        if (left_only == nullptr) left_only = &property;
-      } else if (left_only == nullptr && kept == 0) {
-        kept = Compare(*property.value, *partner);
-      }
-    }
-    for (const Named& property : right) {
-      if (right_only == nullptr && find(left, property) == nullptr) right_only = &property;
-    }
-    if (left_only == nullptr && right_only == nullptr) return kept;
-    const int names = (left_only == nullptr ? "" : left_only->name)
-                          .compare(right_only == nullptr ? "" : right_only->name);
-    return (names > 0) - (names < 0);
+  // By the first name that has an unmatched trait, and the least value under it.
+  static int CompareTraits(const List& left, const List& right) {
+    const List left_only = WithoutPartner(left, right, Equal);
+    const List right_only = WithoutPartner(right, left, Equal);
+    if (left_only.empty() || right_only.empty())
+      return Order(!left_only.empty(), !right_only.empty());
+    const int names = Order(left_only[0].name, right_only[0].name);
+    return names != 0 ? names : Compare(GetLeast(left_only), GetLeast(right_only));
   }
-
-  // The unmatched trait of one side that is kept; none for a value of null.
-  struct Side {
-    Named kept{"", nullptr};
-    bool closed = false;
-    void Take(const Named& trait) {
-      if (closed) return;
-      closed = kept.value != nullptr && kept.name != trait.name;
-      if (kept.value == nullptr || (!closed && Compare(*trait.value, *kept.value) == -1)) {
-        kept = trait;
-      }
+  static const View::Unit& GetLeast(const List& list) {
+    const Named* least = &list[0];
+    for (const Named& one : list) {
+      if (one.name == least->name && Compare(*one.value, *least->value) == -1) least = &one;
     }
-  };
-
-  static int CompareTraits(const View::Unit& a, const View::Unit& b) {
-    Side left;
-    Side right;
-    for (const Named& trait : Traits(a)) {
-      const View::Unit* partner = FindPartner(trait, b);
-      if (partner == nullptr) {
-        left.Take(trait);
-      } else if (left.kept.value == nullptr) {
-        if (const int order = Compare(*trait.value, *partner)) return order;
-      }
-    }
-    for (const Named& trait : Traits(b)) {
-      if (FindPartner(trait, a) == nullptr) right.Take(trait);
-    }
-    if (left.kept.value == nullptr || right.kept.value == nullptr) {
-      return (left.kept.value != nullptr) - (right.kept.value != nullptr);
-    }
-    const int names = left.kept.name.compare(right.kept.name);
-    if (names != 0) return names < 0 ? -1 : 1;
-    return Compare(*left.kept.value, *right.kept.value);
+    return *least->value;
   }
 };
 
