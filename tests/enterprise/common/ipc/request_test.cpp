@@ -224,15 +224,6 @@ TEST(Request, ReadsResultsOnlyBehindASuccessfulResult) {
     from->Read(Serialization::MetaInfo("end"), end);
     EXPECT_TRUE(end);
   }
-  // No envelope, but one of another method.
-  unsigned int kept = 5;
-  const std::unique_ptr<Request> other = BuildRequest<unsigned int&>(TestMethod(), {"v"}, kept);
-  EXPECT_EQ(
-      CodeOf([&] {
-        other->ReadReply(*OpenElements("<reply_I_N><result>AQ==</result><v>8</v></reply_I_N>"));
-      }),
-      0x9C0002u);
-  EXPECT_EQ(kept, 5u);
   // Without variables, too, the "result" is read.
   const std::unique_ptr<Request> request = BuildRequest<unsigned int>(TestMethod(), {"v"}, 1u);
   request->ReadReply(*OpenElements(Reply("")));
