@@ -1,7 +1,9 @@
 #pragma once
 
 #include <functional>
+#include <initializer_list>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -70,25 +72,38 @@ class NotingReader : public ReportReader {
   std::size_t raises_at = 0;  // from 1
 };
 
-// Notes kinds and numbers, for example "+1*12-1".
-class ChangeReader final : public SubscriptionReader {
+// Notes kinds and numbers, for example "+1*1,2-1", unless in_read raises.
+class NotingChanges final : public SubscriptionReader {
  public:
-  void OnCreated(const Por::View::Unit& object) override {
-    read.append("+").append(Number(object));
-    if (in_created) in_created(Por::Util::GetValue<unsigned int>(object));
-  }
+  using SubscriptionReader::OnCreated;
+  using SubscriptionReader::OnDeleted;
+  using SubscriptionReader::OnUpdated;
+  void OnCreated(const Por::View::Unit& object) override { Note({"+", Number(object)}); }
   void OnUpdated(const Por::View::Unit& key, const Por::View::Unit& diff) override {
-    read.append("*").append(Number(key)).append(Number(diff));
+    Note({"*", Number(key), ",", Number(diff)});
   }
-  void OnDeleted(const Por::View::Unit& key) override { read.append("-").append(Number(key)); }
+  void OnDeleted(const Por::View::Unit& key) override { Note({"-", Number(key)}); }
 
-  std::string read;
-  std::function<void(unsigned int)> in_created;
+  // What was read since the last time.
+  std::string Take() {
+    const std::lock_guard lock(mutex_);
+    return std::exchange(read_, {});
+  }
+
+  std::function<void(const Por::View::Unit&)> in_read;
 
  private:
-  static std::string Number(const Por::View::Unit& unit) {
+  std::string Number(const Por::View::Unit& unit) {
+    if (in_read) in_read(unit);
     return std::to_string(Por::Util::GetValue<unsigned int>(unit));
   }
+  void Note(std::initializer_list<std::string> texts) {
+    const std::lock_guard lock(mutex_);
+    for (const std::string& text : texts) read_ += text;
+  }
+
+  std::mutex mutex_;
+  std::string read_;
 };
 
 inline Por::SharedUnit MakeUnit(unsigned int value) {

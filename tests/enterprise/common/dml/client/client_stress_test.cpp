@@ -2,7 +2,6 @@
 
 #include <array>
 #include <atomic>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <random>
@@ -52,10 +51,8 @@ class CountingReader final : public SubscriptionReader {
 // one, until the test stops it.
 class Follower {
  public:
-  using Read =
-      std::function<std::shared_ptr<Async::Job>(SubscriptionReader&, Async::ActionHandler&)>;
-
-  explicit Follower(Read read) : read_(std::move(read)), thread_([this] { Follow(); }) {}
+  explicit Follower(std::unique_ptr<RemoteChannel> channel)
+      : channel_(std::move(channel)), thread_([this] { Follow(); }) {}
 
   void Cancel() {
     std::shared_ptr<Async::Job> job;
@@ -82,7 +79,7 @@ class Follower {
       Async::Synchronizer end;
       std::shared_ptr<Async::Job> job =
           Async::RunCyclic(Async::MakeAction([this](Async::ActionHandler& handler) {
-                             return read_(reader_, handler);
+                             return channel_->Read(reader_, handler);
                            }),
                            end);
       {
@@ -98,7 +95,7 @@ class Follower {
     }
   }
 
-  const Read read_;
+  const std::unique_ptr<RemoteChannel> channel_;
   CountingReader reader_;
   std::atomic<bool> stopping_{false};
   std::mutex mutex_;
@@ -163,15 +160,10 @@ void RunTransmission(unsigned int seed, bool fails) {
   });
 
   auto dispatcher = std::make_shared<RemoteSubscriptionDispatcher>(service.Connect());
-  std::array<std::unique_ptr<RemoteChannel>, kChannels> channels;
   std::array<std::unique_ptr<Follower>, kChannels> followers;
   EXPECT_FALSE(dispatcher->EnsureTransmission().IsFailure());
   for (unsigned int i = 0; i < kChannels; ++i) {
-    channels[i] = dispatcher->CreateChannel(i + 1);
-    followers[i] = std::make_unique<Follower>(
-        [channel = channels[i].get()](SubscriptionReader& reader, Async::ActionHandler& handler) {
-          return channel->Read(reader, handler);
-        });
+    followers[i] = std::make_unique<Follower>(dispatcher->CreateChannel(i + 1));
   }
   std::mt19937 random(seed + 1);
   for (int last = 0; last < kPulls;) {
@@ -189,7 +181,7 @@ void RunTransmission(unsigned int seed, bool fails) {
   if (last_pull->IsCanceled()) sent = sent_before;
   for (unsigned int i = 0; i < kChannels; ++i) {
     EXPECT_EQ(followers[i]->Stop(), sent[i]) << "channel " << i << ", seed " << seed;
-    channels[i].reset();
+    followers[i].reset();
   }
   dispatcher.reset();
   EXPECT_EQ(service.Count("Subscribe"), 1);
@@ -198,47 +190,6 @@ void RunTransmission(unsigned int seed, bool fails) {
 
 TEST(ClientStress, AChannelsRecordsAreReadOnceAndInOrderUntilTheEnd) {
   for (unsigned int seed = 1; seed <= 8; ++seed) RunTransmission(seed, seed % 2 == 0);
-}
-
-TEST(ClientStress, DeliveriesFailuresReadsAndCancelsOfACache) {
-  constexpr unsigned int kRecords = 1000;
-  InMemoryUpdateCache cache;
-  Follower follower([&](SubscriptionReader& reader, Async::ActionHandler& handler) {
-    return cache.CheckOut(reader, handler);
-  });
-  std::atomic<bool> over{false};
-  std::vector<std::thread> threads;
-  for (unsigned int i = 0; i < 2; ++i) {
-    threads.emplace_back([&, i] {
-      std::mt19937 random(i);
-      while (!over) {
-        for (int pause = 0; pause < 8; ++pause) Pause(random);
-        follower.Cancel();
-      }
-    });
-  }
-  threads.emplace_back([&] {
-    std::mt19937 random(7);
-    while (!over) {
-      for (int pause = 0; pause < 8; ++pause) Pause(random);
-      cache.Fail(Failure(0x82));
-    }
-  });
-  std::mt19937 random(8);
-  for (unsigned int record = 0; record < kRecords;) {
-    std::vector<ViewUpdate> records;
-    for (unsigned int i = 0; i <= random() % 3; ++i) records.push_back(Created(++record));
-    if (random() % 2 == 0) {
-      cache.Consume(records);
-    } else {
-      cache.Take(records);
-    }
-    Pause(random);
-  }
-  over = true;
-  for (std::thread& thread : threads) thread.join();
-  cache.Fail(Failure(0x83));
-  EXPECT_GE(follower.Stop(), kRecords);
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <functional>
-#include <initializer_list>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -22,6 +21,7 @@
 #include "enterprise/common/por/unit_factory.h"
 #include "enterprise/common/por/unit_helpers.h"
 #include "enterprise/common/por/unit_value_access.h"
+#include "tests/enterprise/common/dml/scripted_post_office.h"
 
 namespace Dml::Client::Testing {
 
@@ -90,40 +90,6 @@ class NotingObjects final : public ReportReader {
   }
   std::string read;
   std::function<void()> in_read;
-};
-
-// Notes kinds and numbers, for example "+1*1,2-1", unless in_read raises.
-class NotingChanges final : public SubscriptionReader {
- public:
-  using SubscriptionReader::OnCreated;
-  using SubscriptionReader::OnDeleted;
-  using SubscriptionReader::OnUpdated;
-  void OnCreated(const Por::View::Unit& object) override { Note({"+", Number(object)}); }
-  void OnUpdated(const Por::View::Unit& key, const Por::View::Unit& diff) override {
-    Note({"*", Number(key), ",", Number(diff)});
-  }
-  void OnDeleted(const Por::View::Unit& key) override { Note({"-", Number(key)}); }
-
-  // What was read since the last time.
-  std::string Take() {
-    const std::lock_guard lock(mutex_);
-    return std::exchange(read_, {});
-  }
-
-  std::function<void(const Por::View::Unit&)> in_read;
-
- private:
-  std::string Number(const Por::View::Unit& unit) {
-    if (in_read) in_read(unit);
-    return std::to_string(Por::Util::GetValue<unsigned int>(unit));
-  }
-  void Note(std::initializer_list<std::string> texts) {
-    const std::lock_guard lock(mutex_);
-    for (const std::string& text : texts) read_ += text;
-  }
-
-  std::mutex mutex_;
-  std::string read_;
 };
 
 inline Por::OwnedUnit Number(unsigned int value) {

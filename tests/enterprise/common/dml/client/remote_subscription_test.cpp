@@ -2,11 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <memory>
-#include <new>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <utility>
 
@@ -15,7 +12,6 @@
 #include "tests/enterprise/common/dml/client/client_support.h"
 #include "tests/support/allocation_watch.h"
 #include "tests/support/scripted_service.h"
-#include "tests/support/trace_recorder.h"
 
 namespace Dml::Client {
 namespace {
@@ -28,19 +24,14 @@ using TestSupport::ServiceCallPtr;
 class Subscriptions : public testing::Test {
  protected:
   Subscriptions() {
-    const auto note = [this](const ServiceCallPtr& call) {
-      asked_ = call->GetAsked();
-      call->Reply({}, Failure(0x41));  // nobody cares
-    };
-    service_.On("CloseView", note);
-    service_.On("RemoveInterest", note);
+    service_.Answer("CloseView", {}, Failure(0x41));  // nobody cares
+    service_.Answer("RemoveInterest", {}, Failure(0x41));
   }
 
   ScriptedService service_;
   std::shared_ptr<Binding::AccessPoint> access_point_ = service_.Connect();
   NotingChanges reader_;
   TellingHandler handler_;
-  std::string asked_;
 };
 
 class StandaloneReads : public Subscriptions {
@@ -48,24 +39,6 @@ class StandaloneReads : public Subscriptions {
   std::unique_ptr<StandaloneRemoteSubscription> view_ =
       std::make_unique<StandaloneRemoteSubscription>(access_point_, 9);
 };
-
-TEST_F(StandaloneReads, AcquireUpdatesForEach) {
-  const ViewUpdate deletion{ViewManagement::kUpdateDeleted, Number(2), nullptr};
-  const ViewUpdate unknown{9, Number(3), nullptr};
-  const ViewUpdate null{ViewManagement::kUpdateCreated, nullptr, nullptr};
-  service_.Answer("AcquireUpdates", AcquireUpdatesResults({Created(1), unknown, null, deletion}));
-  const std::shared_ptr<Async::Job> job = view_->Read(reader_, handler_);
-  EXPECT_FALSE(handler_.Await().IsFailure());
-  EXPECT_EQ(reader_.Take(), "+1-2");
-  TellingHandler second;
-  const auto second_job = view_->Read(reader_, second);
-  EXPECT_EQ(reader_.Take(), "+1-2");
-  EXPECT_EQ(service_.GetLog(), "AcquireUpdates AcquireUpdates ");
-  view_.reset();
-  EXPECT_EQ(asked_,
-            "<request_ViewManager_CloseView><viewID>9</viewID>"
-            "</request_ViewManager_CloseView>");
-}
 
 TEST_F(StandaloneReads, CloseTheViewWhenTheyFailAndAgainAtItsEnd) {
   service_.Answer("AcquireUpdates", {}, Failure(0x42));
@@ -75,16 +48,6 @@ TEST_F(StandaloneReads, CloseTheViewWhenTheyFailAndAgainAtItsEnd) {
   job.reset();
   view_.reset();
   EXPECT_EQ(service_.GetLog(), "AcquireUpdates CloseView CloseView ");
-}
-
-TEST_F(StandaloneReads, CloseTheViewWhenTheyAreCancelled) {
-  const std::shared_ptr<Async::Job> job = view_->Read(reader_, handler_);
-  const ServiceCallPtr call = service_.Next("AcquireUpdates");
-  job->Cancel();
-  EXPECT_EQ(handler_.Await().GetCode(), Async::kCanceledCode);
-  EXPECT_EQ(service_.Count("CloseView"), 1);
-  EXPECT_FALSE(call->Reply(AcquireUpdatesResults({Created(1)})));
-  EXPECT_EQ(reader_.Take(), "");
 }
 
 // As a job control does: the last pointer goes while the handler is told.
@@ -97,32 +60,6 @@ TEST_F(StandaloneReads, MayBeDroppedByTheirHandler) {
   job = view_->Read(reader_, handler_);
   service_.Next("AcquireUpdates")->Fail(Failure(0x43));
   EXPECT_EQ(handler_.Await().GetCode(), 0x43u);
-  EXPECT_EQ(service_.Count("CloseView"), 2);
-}
-
-TEST_F(StandaloneReads, EndOnADeadConnection) {
-  service_.create_error = Failure(0x44);
-  const std::shared_ptr<Async::Job> job = view_->Read(reader_, handler_);
-  EXPECT_EQ(handler_.Await().GetCode(), 0x44u);
-  EXPECT_EQ(service_.GetLog(), "");
-}
-
-TEST_F(StandaloneReads, EndWhereTheirReaderCannotGoOn) {
-  service_.Answer("AcquireUpdates", AcquireUpdatesResults({Created(1), Created(2), Created(3)}));
-  const std::pair<std::function<void()>, std::uint32_t> cases[] = {
-      {[] { throw std::bad_alloc(); }, Common::kOutOfMemoryCode},
-      {[] { throw std::runtime_error("odd"); }, 0xF90007},
-  };
-  for (const auto& [raise, code] : cases) {
-    reader_.in_read = [&, raise = raise](const Por::View::Unit& unit) {
-      if (Por::Util::GetValue<unsigned int>(unit) == 2) raise();
-    };
-    TellingHandler handler;
-    const std::shared_ptr<Async::Job> job = view_->Read(reader_, handler);
-    EXPECT_EQ(handler.Await().GetCode(), code);
-    EXPECT_EQ(handler.Count(), 1);
-    EXPECT_EQ(reader_.Take(), "+1");
-  }
   EXPECT_EQ(service_.Count("CloseView"), 2);
 }
 
@@ -156,22 +93,6 @@ class ChannelReads : public Subscriptions {
       std::make_unique<RemoteChannel>(access_point_, ViewManagement::TopicID{5, 8}, cache_);
 };
 
-TEST_F(ChannelReads, CheckTheCacheOut) {
-  cache_->Consume({Created(1)});
-  EXPECT_EQ(channel_->Read(reader_, handler_).get(), nullptr);
-  EXPECT_EQ(reader_.Take(), "+1");
-  TellingHandler waiting;
-  const std::shared_ptr<Async::Job> job = channel_->Read(reader_, waiting);
-  cache_->Consume({Created(2)});
-  EXPECT_FALSE(waiting.Await().IsFailure());
-  EXPECT_EQ(reader_.Take(), "+2");
-  EXPECT_EQ(service_.GetLog(), "");
-  channel_.reset();
-  EXPECT_EQ(asked_.substr(0, asked_.find("<traits")),
-            "<request_ViewManager_RemoveInterest><topic><Subscriber>5</Subscriber>"
-            "<Interest>8</Interest></topic></request_ViewManager_RemoveInterest>");
-}
-
 TEST_F(ChannelReads, RemoveTheInterestWhenTheyFail) {
   // A second read while one waits, a cancel, the read behind it, and the end.
   const std::shared_ptr<Async::Job> job = channel_->Read(reader_, handler_);
@@ -189,19 +110,6 @@ TEST_F(ChannelReads, RemoveTheInterestWhenTheyFail) {
   EXPECT_EQ(service_.Count("RemoveInterest"), 3);
   channel_.reset();
   EXPECT_EQ(service_.Count("RemoveInterest"), 4);
-}
-
-TEST_F(ChannelReads, AreCancelledForLackOfMemoryForTheirPointer) {
-  std::shared_ptr<Async::Job> job;
-  {
-    // Handler and job succeed.
-    const TestSupport::AllocationWatch watch(2, 8);
-    job = channel_->Read(reader_, handler_);
-    EXPECT_EQ(watch.GetFailureCount(), 8u);
-  }
-  EXPECT_NE(job, nullptr);
-  EXPECT_EQ(handler_.Await().GetCode(), Async::kCanceledCode);
-  EXPECT_EQ(service_.Count("RemoveInterest"), 1);
 }
 
 TEST_F(ChannelReads, MayBeDroppedByTheirHandler) {

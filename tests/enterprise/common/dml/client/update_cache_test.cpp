@@ -39,7 +39,8 @@ std::string Join(std::initializer_list<std::string> parts) {
 // A cache in one of its states, with one reader for all reads.
 class Cache {
  public:
-  explicit Cache(const std::string& state) {
+  explicit Cache(const std::string& state)
+      : cache_(state == "Failed" ? Failure(kOld) : Common::Error()) {
     if (state == "Holding" || state == "Draining") cache_.Consume({Created(1)});
     if (state == "Draining" || state == "Ended") cache_.Fail(Failure(kOld));
     if (state == "Waiting" || state == "Abandoned") job_ = cache_.CheckOut(reader_, waiting_);
@@ -122,6 +123,7 @@ TEST(UpdateCache, GoesThroughItsStates) {
       {"Ended", "Consume", "Holding +2", ""},
       {"Ended", "Fail", "Ended 82", ""},
       {"Ended", "CheckOut", "Ended 81", "81"},
+      {"Failed", "CheckOut", "Ended 81", "81"},
       {"Waiting", "Consume", "Empty", "+20"},
       {"Waiting", "Fail", "Ended 82", "82"},
       {"Waiting", "CheckOut", "Waiting", "/fc000c"},
@@ -145,27 +147,6 @@ class UpdateCacheReads : public testing::Test {
   TellingHandler handler_;
   std::optional<InMemoryUpdateCache> cache_{std::in_place};
 };
-
-TEST_F(UpdateCacheReads, BeginWithTheFailureThatTheCacheWasMadeWith) {
-  cache_.emplace(Failure(kOld));
-  EXPECT_EQ(cache_->CheckOut(reader_, handler_), nullptr);
-  EXPECT_EQ(handler_.Await().GetCode(), kOld);
-}
-
-TEST_F(UpdateCacheReads, PassOverWhatLacksAUnit) {
-  TestSupport::TraceRecorder traces;
-  const Por::SharedUnit one = Number(1);
-  cache_->Consume({{ViewManagement::kUpdateCreated, nullptr, nullptr},
-                   {ViewManagement::kUpdateUpdated, one, nullptr},
-                   {ViewManagement::kUpdateUpdated, nullptr, one},
-                   {ViewManagement::kUpdateDeleted, nullptr, nullptr},
-                   {7, nullptr, nullptr},
-                   {ViewManagement::kUpdateDeleted, one, nullptr}});
-  cache_->CheckOut(reader_, handler_);
-  EXPECT_EQ(reader_.Take(), "-1");
-  EXPECT_FALSE(handler_.Await().IsFailure());
-  EXPECT_EQ(traces.Codes(), "1 fc 1\n1 fc 1\n1 fc 1\n1 fc 1\n");
-}
 
 TEST_F(UpdateCacheReads, GoOnBehindAnErrorOfTheReaderAndEndWithAnyOtherException) {
   TestSupport::TraceRecorder traces;
