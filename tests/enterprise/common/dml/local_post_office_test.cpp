@@ -99,21 +99,16 @@ TEST_F(LocalPostOffice, TheOfficeGoesBeforeTheStoreCloses) {
 }
 
 TEST_F(LocalPostOffice, AStoreThatDidNotOpenIsNotClosedAndOneWithoutAnOfficeIs) {
+  const TestSupport::TraceRecorder traces;
+  delete_error = Common::Error(0x40003, Common::LineTag{});
   office_fails = true;
   EXPECT_EQ(Fail(), 0x777u);
   EXPECT_EQ(events, "create office delete ");
+  EXPECT_EQ(traces.Codes(), "4 4 3\n");
   events.clear();
   create_error = Common::Error(0x40007, u"no store", Common::LineTag{});
   EXPECT_EQ(Fail(), 0x40007u);
   EXPECT_EQ(events, "create ");
-}
-
-TEST_F(LocalPostOffice, AFailureToCloseIsTraced) {
-  const TestSupport::TraceRecorder traces;
-  delete_error = Common::Error(0x40003, Common::LineTag{});
-  CreatePostOffice(u"x").reset();
-  EXPECT_EQ(events, "create office ~office delete ");
-  EXPECT_EQ(traces.Codes(), "4 4 3\n");
 }
 
 TEST_F(LocalPostOffice, ForwardsItsOperations) {

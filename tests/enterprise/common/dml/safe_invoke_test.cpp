@@ -37,12 +37,12 @@ TEST(SafeInvoke, OtherExceptionsPassThrough) {
 
 TEST(ReadUpdates, CallsTheOperationOfTheKindAndSkipsOthers) {
   const Por::SharedUnit key = MakeUnit(1), diff = MakeUnit(2);
-  ChangeReader changes;
+  NotingChanges changes;
   const TestSupport::TraceRecorder traces;
   ReadUpdates(
       {{0, key, nullptr}, {7, key, diff}, {7, nullptr, nullptr}, {1, key, diff}, {2, key, nullptr}},
       changes);
-  EXPECT_EQ(changes.read, "+1*12-1");
+  EXPECT_EQ(changes.Take(), "+1*1,2-1");
   EXPECT_EQ(traces.Codes(), "");
 
   ReadUpdates({{0, nullptr, nullptr},
@@ -51,7 +51,7 @@ TEST(ReadUpdates, CallsTheOperationOfTheKindAndSkipsOthers) {
                {2, nullptr, nullptr},
                {2, key, nullptr}},
               changes);
-  EXPECT_EQ(changes.read, "+1*12-1-1");
+  EXPECT_EQ(changes.Take(), "-1");
   EXPECT_EQ(traces.Codes(), "1 fc 1\n1 fc 1\n1 fc 1\n1 fc 1\n");
 }
 

@@ -21,6 +21,10 @@ Common::Error Failure(std::uint32_t code = kFailure) {
   return Common::Error(code, Common::LineTag{});
 }
 
+unsigned int GetNumber(const Por::View::Unit& unit) {
+  return Por::Util::GetValue<unsigned int>(unit);
+}
+
 // Keeps the handler of its read for the test.
 class ScriptedSubscription final : public Subscription {
  public:
@@ -75,7 +79,7 @@ class SubscribeSteps : public ::testing::Test {
   std::shared_ptr<Async::Job> job_;
   std::unique_ptr<Subscription> subscription_;
   Told told_;
-  ChangeReader reader_;
+  NotingChanges reader_;
   Told read_;
 };
 
@@ -84,21 +88,21 @@ TEST_F(SubscribeSteps, TheFirstReadDeliversTheSnapshotAndNothingElse) {
   Subscribe();
   ASSERT_EQ(told_.results.size(), 1u);
   EXPECT_EQ(told_.results[0].GetCode(), 0u);
-  EXPECT_EQ(reader_.read, "");
+  EXPECT_EQ(reader_.Take(), "");
   job_.reset();  // the copies don't hang on it
 
-  reader_.in_created = [](unsigned int value) {
-    if (value == 2) throw Failure();  // loses nothing but its own object
+  reader_.in_read = [](const Por::View::Unit& unit) {
+    if (GetNumber(unit) == 2) throw Failure();  // loses nothing but its own object
   };
   EXPECT_EQ(Read(), nullptr);
-  EXPECT_EQ(reader_.read, "+1+2+3");
+  EXPECT_EQ(reader_.Take(), "+1+3");
   ASSERT_EQ(read_.results.size(), 1u);
   EXPECT_EQ(read_.results[0].GetCode(), 0u);
   EXPECT_EQ(base_->asked_handler, nullptr);
 
   EXPECT_EQ(Read(), base_->job);
   EXPECT_EQ(base_->asked_reader, &reader_);
-  EXPECT_EQ(reader_.read, "+1+2+3");
+  EXPECT_EQ(reader_.Take(), "");
   EXPECT_EQ(read_.results.size(), 1u);
   base_->asked_handler->Completed({});
   EXPECT_EQ(read_.results.size(), 2u);
@@ -107,8 +111,8 @@ TEST_F(SubscribeSteps, TheFirstReadDeliversTheSnapshotAndNothingElse) {
 // What a reader raises is traced as it is: cancels and the like at the debug level, wherever they
 // stand in the chain.
 TEST_F(SubscribeSteps, FailuresOfReadersAreTracedByTheirCodes) {
-  reader_.in_created = [](unsigned int code) {
-    if (code != 0) throw Failure(code);
+  reader_.in_read = [](const Por::View::Unit& unit) {
+    if (GetNumber(unit) != 0) throw Failure(GetNumber(unit));
     Common::Error wrapped = Failure();
     wrapped.SetReason(Failure(0xF90002));
     throw Common::Error(wrapped);
@@ -166,40 +170,33 @@ TEST_F(SubscribeSteps, TheHandlerMayDestroyTheSubscription) {
   Subscribe();
   EXPECT_EQ(Read(), nullptr);
   EXPECT_EQ(subscription_, nullptr);
-  EXPECT_EQ(reader_.read, "+1+2");
+  EXPECT_EQ(reader_.Take(), "+1+2");
 }
 
 // What the office has delivered is gone when the caller is told: it may destroy the office then.
-TEST_F(SubscribeSteps, AFailureLeavesThePlaceAsItWas) {
+TEST_F(SubscribeSteps, AFailureOrALackOfMemoryLeavesThePlaceAsItWas) {
   snapshot_ = {1};
-  running_ = std::make_shared<TestJob>();
-  Subscribe();
-  told_.then = [base = std::weak_ptr<TestJob>(base_->job)] { EXPECT_TRUE(base.expired()); };
-  asked_->Completed(Failure());
-  ASSERT_EQ(told_.results.size(), 1u);
-  EXPECT_TRUE(told_.results[0].HoldsCode(kFailure));
-  EXPECT_EQ(subscription_, nullptr);
-}
-
-TEST_F(SubscribeSteps, WithoutMemoryItFailsAndDropsWhatTheOfficeDelivered) {
-  snapshot_ = {1};
-  running_ = std::make_shared<TestJob>();
-  Subscribe();
-  told_.then = [base = std::weak_ptr<TestJob>(base_->job)] { EXPECT_TRUE(base.expired()); };
-  {
-    const TestSupport::AllocationWatch watch(0, 1);
-    asked_->Completed({});
-    EXPECT_TRUE(watch.HasFailed());
+  for (const bool lacks_memory : {false, true}) {
+    running_ = std::make_shared<TestJob>();
+    Subscribe();
+    told_.then = [base = std::weak_ptr<TestJob>(base_->job)] { EXPECT_TRUE(base.expired()); };
+    {
+      const Common::Error result = lacks_memory ? Common::Error() : Failure();
+      const TestSupport::AllocationWatch watch(0, lacks_memory ? 1 : 0);
+      asked_->Completed(result);
+      EXPECT_EQ(watch.HasFailed(), lacks_memory);
+    }
+    ASSERT_FALSE(told_.results.empty());
+    EXPECT_TRUE(told_.results.back().HoldsCode(lacks_memory ? Common::kOutOfMemoryCode : kFailure));
+    EXPECT_EQ(subscription_, nullptr);
   }
-  ASSERT_EQ(told_.results.size(), 1u);
-  EXPECT_EQ(told_.results[0].GetCode(), Common::kOutOfMemoryCode);
-  EXPECT_EQ(subscription_, nullptr);
+  EXPECT_EQ(told_.results.size(), 2u);
 
   running_ = nullptr;  // there is memory again
   told_.then = nullptr;
   Subscribe();
   EXPECT_EQ(Read(), nullptr);
-  EXPECT_EQ(reader_.read, "+1");
+  EXPECT_EQ(reader_.Take(), "+1");
 }
 
 TEST_F(SubscribeSteps, WhatComesNextDecidesTheResult) {
