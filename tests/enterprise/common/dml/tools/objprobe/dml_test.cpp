@@ -15,10 +15,9 @@
 #include "enterprise/common/async/service.h"
 #include "enterprise/common/dml/safe_invoke.h"
 #include "enterprise/common/dml/tools/objprobe/output.h"
-#include "enterprise/common/por/unit_factory.h"
-#include "enterprise/common/por/unit_handle.h"
 #include "tests/enterprise/common/dml/scripted_post_office.h"
 #include "tests/enterprise/common/dml/tools/objprobe/standard_input.h"
+#include "tests/enterprise/common/por/make_unit.h"
 
 namespace ObjProbe {
 namespace {
@@ -27,16 +26,12 @@ constexpr char kText[] =
     "<object id=\"3F2504E0-4F89-11D3-9A0C-0305E82C3301\">\n"
     "  Root (j) = 5\n"
     "    [PrimaryKey (Common::Guid) = 3F2504E0-4F89-11D3-9A0C-0305E82C3301]\n"
-    "</object>\n"
-    "\n";
+    "</object>\n\n";
 
 Por::SharedUnit MakeObject() {
-  const Por::Construction::InMemoryUnitFactory factory;
-  const Common::Guid guid{{0xE0, 0x04, 0x25, 0x3F, 0x89, 0x4F, 0xD3, 0x11, 0x9A, 0x0C, 0x03, 0x05,
-                           0xE8, 0x2C, 0x33, 0x01}};
-  Por::OwnedUnit unit = factory.CreateDWord(5);
-  unit->GetTraits().Add(factory.CreateTrait("PrimaryKey", factory.CreateGuid(guid)));
-  return unit;
+  return Por::Test::With(Por::Test::DWord(5), "PrimaryKey",
+                         Por::Test::Guid({0xE0, 0x04, 0x25, 0x3F, 0x89, 0x4F, 0xD3, 0x11, 0x9A,
+                                          0x0C, 0x03, 0x05, 0xE8, 0x2C, 0x33, 0x01}));
 }
 
 // Runs a report of these objects that ends with `result`, and returns what was printed.
@@ -65,13 +60,6 @@ TEST(Report, AnObjectWithoutAKeyLeavesTheBeginningOfItsHead) {
             std::string(kText) + "<object id=\"" + kText + "<object id=\"");
   EXPECT_FALSE(failure.IsFailure());
   EXPECT_EQ(PrintReport({}, {}, failure), "");
-}
-
-TEST(Report, ItsReaderTakesPlacesInATree) {
-  ::testing::internal::CaptureStdout();
-  ReportReader().Read(Por::ConstUnit(MakeObject(), *Por::GetStaticUnitFactory()));
-  StandardOutput().Flush();
-  EXPECT_EQ(::testing::internal::GetCapturedStdout(), kText);
 }
 
 TEST(Report, AFailureBecomesTheReasonOfCodeFive) {
@@ -183,32 +171,24 @@ TEST_P(Listening, PrintsTheSnapshotAndWhatFollowsUntilACharacterComes) {
                             return Common::Error();
                           }};
   subscription_->on_wait = [this] { input_.Type(); };
-  // By md5sum of the seven's stream, 55 06 07 00 00 00 45.
-  constexpr char kSevenId[] = "D2605A61-EE5E-FEC7-5206-131CEAE88ED4";
+  // The seven's identification is by md5sum of its stream, 55 06 07 00 00 00 45.
   EXPECT_EQ(PrintEvents(),
-            std::string("<created id=\"3F2504E0-4F89-11D3-9A0C-0305E82C3301\" time>\n"
-                        "  Root (j) = 5\n"
-                        "    [PrimaryKey (Common::Guid) = 3F2504E0-4F89-11D3-9A0C-0305E82C3301]\n"
-                        "</created>\n"
-                        "\n"
-                        "<updated id=\"")
-                .append(kSevenId)
-                .append("\" time>\n"
-                        "  <key>\n"
-                        "    Root (j) = 7\n"
-                        "  </key>\n"
-                        "  <diff>\n"
-                        "    Root (j) = 5\n"
-                        "      [PrimaryKey (Common::Guid) = 3F2504E0-4F89-11D3-9A0C-0305E82C3301]\n"
-                        "  </diff>\n"
-                        "</updated>\n"
-                        "\n"
-                        "<deleted id=\"")
-                .append(kSevenId)
-                .append("\" time>\n"
-                        "  Root (j) = 7\n"
-                        "</deleted>\n"
-                        "\n"));
+            "<created id=\"3F2504E0-4F89-11D3-9A0C-0305E82C3301\" time>\n"
+            "  Root (j) = 5\n"
+            "    [PrimaryKey (Common::Guid) = 3F2504E0-4F89-11D3-9A0C-0305E82C3301]\n"
+            "</created>\n\n"
+            "<updated id=\"D2605A61-EE5E-FEC7-5206-131CEAE88ED4\" time>\n"
+            "  <key>\n"
+            "    Root (j) = 7\n"
+            "  </key>\n"
+            "  <diff>\n"
+            "    Root (j) = 5\n"
+            "      [PrimaryKey (Common::Guid) = 3F2504E0-4F89-11D3-9A0C-0305E82C3301]\n"
+            "  </diff>\n"
+            "</updated>\n\n"
+            "<deleted id=\"D2605A61-EE5E-FEC7-5206-131CEAE88ED4\" time>\n"
+            "  Root (j) = 7\n"
+            "</deleted>\n\n");
   EXPECT_FALSE(failure_.IsFailure());
 }
 

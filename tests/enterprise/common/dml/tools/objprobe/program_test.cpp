@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <regex>
@@ -49,21 +47,11 @@ TEST(RefusedCommandLine, ShowsWhatWasFoundAndTheUsage) {
     const char* text;
   } cases[] = {
       {{}, ",,,,,,,,,.\ncode: 1\n"},
-      {{"a"}, "a,,,,,,,,,.\ncode: 1\n"},
       {{"h", "u"}, "h,u,,,,,,,,.\ncode: 1\n"},
-      {{"h", "u", "p"}, "h,u,p,,,,,,,.\ncode: 1\n"},
       {{"h", "u", "p", "DML"}, "h,u,p,DML,,,,,,.\ncode: 1\n"},
-      {{"h", "u", "p", "DML", "report"}, "h,u,p,DML,,,,,,report.\ncode: 1\n"},
       {{"report"}, ",,,,,,,,,report.\ncode: 1\n"},
       {{"h", "u", "p", "xyz", "t"}, "h,u,p,,,,,,,.\ncode: 2\n"},
       {{"h", "u", "p", "RACK", "t"}, "h,u,p,,,,,,,.\ncode: 2\n"},
-      {{"h", "u", "p", "", "t"}, "h,u,p,,,,,,,.\ncode: 2\n"},
-      {{"h", "u", "p",
-        "H\xC3\x9C"
-        "B",
-        "t"},
-       "h,u,p,,,,,,,.\ncode: 2\n"},
-      {{"h", "u", "p", "dml", "pattern"}, "h,u,p,DML,,,,,,.\ncode: 1\n"},
       {{"h", "u", "p", "dml", "pattern_file", "report"}, "h,u,p,DML,,,,,,report.\ncode: 1\n"},
       {{"h", "u", "p", "DML", "pattern", "X", "options"}, "h,u,p,DML,,X,,,,.\ncode: 1\n"},
       {{"h", "u", "p", "DML", "pattern", "X", "options", "report"},
@@ -98,27 +86,16 @@ TEST(FailedQuery, PrintsItsErrorBehindTheEchoAndExitsWithItsCode) {
     int status;
   } cases[] = {
       {{"t"}, no_service, 3},
-      {{"t", "report"}, no_service, 3},
-      {{"pattern", ".Composite().End()"}, "Interpret trace: .Composite().End()\n" + no_service, 3},
       // Options go first, whatever the order of evaluation would be.
       {{"pattern", ".Nil().End()", "options", ".DWord(7).End()"},
        "Interpret trace: .Dword(7).End()\nInterpret trace: .Nil().End()\n" + no_service,
        3},
-      {{"pattern", "Foo(", "options", "Bar("},
-       "Interpret trace: Error 0x6: Statement 'Bar' is unknown.\n| line\n",
-       6},
       {{"pattern", "Foo(", "options", " "},
        "Interpret trace: \nInterpret trace: Error 0x6: Statement 'Foo' is unknown.\n| line\n",
        6},
       {{"pattern", ".Composite().Property(\"a\""},
        "Interpret trace: .Composite().Property(\"a\")Error 0x1: Input is over!\n| line\n",
        1},
-      {{"pattern", ".Boolean"},
-       "Interpret trace: Error 0x2: Expected symbol is not found!\n| line\n",
-       2},
-      {{"pattern", ".Byte(x)"},
-       "Interpret trace: .Byte('undefined')Error 0x3: Cannot convert 'x' to qword.\n| line\n",
-       3},
       {{"pattern", ".Guid(x)"},
        "Interpret trace: .Guid('undefined')Error 0x7: Cannot convert 'x' to Common::Guid.\n| "
        "line\n",
@@ -248,27 +225,6 @@ TEST_F(StoreReport, PrintsTheObjectsOfTheQuery) {
     EXPECT_EQ(result.err, "");
     EXPECT_EQ(result.status, 0);
   }
-}
-
-// What the store holds for them is a unit all the same: a boolean.
-TEST_F(StoreReport, ObjectsWithoutAKeyLeaveTheBeginningOfTheirHead) {
-  const std::string store = *folder_ / "keyless.db";
-  std::filesystem::copy_file(store_, store);
-  sqlite3* database = nullptr;
-  ASSERT_EQ(sqlite3_open(store.c_str(), &database), SQLITE_OK);
-  EXPECT_EQ(sqlite3_exec(database,
-                         "UPDATE objects SET seq = 3 WHERE seq = 2;"
-                         "INSERT INTO objects VALUES(2, zeroblob(16), '', x'55010145'),"
-                         "  (4, x'01', '', x'55010145')",
-                         nullptr, nullptr, nullptr),
-            SQLITE_OK);
-  sqlite3_close(database);
-  const ProgramResult result =
-      RunObjprobe({store, "user", "password", "db", "pattern", ".Nil().End()"});
-  EXPECT_EQ(result.out, std::string("Interpret trace: .Nil().End()\n") + kTask + "<object id=\"" +
-                            kMachine + "<object id=\"");
-  EXPECT_EQ(result.err, "");
-  EXPECT_EQ(result.status, 0);
 }
 
 TEST_F(StoreReport, EndsInOrderWhenNobodyReads) {
