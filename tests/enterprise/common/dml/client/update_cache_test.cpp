@@ -170,21 +170,6 @@ TEST_F(UpdateCacheReads, MayEndTheCacheFromTheirHandler) {
   cache_->Consume({Created(1)});
   cache_->CheckOut(reader_, handler_);
   EXPECT_FALSE(cache_.has_value());
-  // The same where whoever delivers holds a reference of its own.
-  for (const bool fails : {false, true}) {
-    auto held = std::make_shared<InMemoryUpdateCache>();
-    const std::shared_ptr<InMemoryUpdateCache> delivering = held;
-    TellingHandler handler;
-    std::shared_ptr<Async::Job> job;
-    handler.then = [&] {
-      held.reset();
-      job.reset();
-    };
-    job = held->CheckOut(reader_, handler);
-    fails ? delivering->Fail(Failure(kOld)) : delivering->Consume({Created(1)});
-    EXPECT_EQ(handler.Await().GetCode(), fails ? kOld : 0);
-    EXPECT_EQ(held, nullptr);
-  }
 }
 
 TEST_F(UpdateCacheReads, JobsHoldWhatTheyAreToKeep) {
