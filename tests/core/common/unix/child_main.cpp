@@ -1,26 +1,21 @@
 // A process of its own for tests of what is settled once per process. The first argument names
 // what to do; "went on" is printed when the process lives on.
 #include <fcntl.h>
-#include <pthread.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <new>
 #include <string>
 #include <string_view>
 #include <thread>
 
-#include "core/common/unix/event.h"
+#include "core/common/unix/mutex.h"
 #include "core/common/unix/program_path.h"
 #include "core/common/unix/safe_assert.h"
 #include "core/common/unix/safe_close.h"
-#include "core/common/unix/tls.h"
 #include "core/common/unix/trace.h"
-#include "tests/core/common/unix/thread_state.h"
 
 // Visible functions, so that the stack names them.
 namespace Probe {
@@ -61,27 +56,11 @@ class PrintingSink : public Common::TraceSink {
   const Then then_;
 };
 
-void MisusePrimitives() {
+void UnlockFromElsewhere() {
   Common::Mutex mutex;
   mutex.Lock();
   std::thread([&mutex] { mutex.Unlock(); }).join();
   mutex.Unlock();
-
-  bool is_any_good = Common::Tls::Free(Common::Tls::OUT_OF_INDEXES);
-  is_any_good |= Common::Tls::Get(Common::Tls::OUT_OF_INDEXES) != nullptr;
-  is_any_good |= Common::Tls::Set(Common::Tls::OUT_OF_INDEXES, &environ);
-
-  // While a thread waits for it.
-  alignas(Common::Event) static unsigned char storage[sizeof(Common::Event)];
-  auto* const event = new (storage) Common::Event(false, false);
-  std::atomic<long> waiter[1]{};
-  std::thread([event, &waiter] {
-    waiter[0] = GetThreadNumber();
-    event->Wait();
-  }).detach();
-  WaitUntilAsleep(waiter);
-  event->~Event();
-  _exit(is_any_good ? 1 : 0);  // the waiter is still there
 }
 
 void CloseTwice() {
@@ -127,8 +106,8 @@ int Run(std::string_view what, const char* argument) {
                                                       : Then::kReturn);
     Common::RegisterTraceSink(sink);
     Probe::Violate(argument);
-  } else if (what == "misuse") {
-    MisusePrimitives();
+  } else if (what == "unlock") {
+    UnlockFromElsewhere();
   } else if (what == "close-twice") {
     CloseTwice();
   } else if (what == "close-full") {
