@@ -115,79 +115,47 @@ TEST(Frame, NothingIsReadBehindAStop) {
   EXPECT_EQ(sink.text, "\nmessage 10 0:");
 }
 
-struct BadFrame {
-  const char* what;
-  Side from;
-  Buffer head;
-  std::uint32_t code;
-};
+// The bytes of hexadecimal text with blanks.
+Buffer FromHex(const std::string& text) {
+  Buffer bytes;
+  for (std::size_t at = 0; at < text.size(); at += 2) {
+    if (text[at] == ' ') ++at;
+    bytes.push_back(static_cast<unsigned char>(std::stoi(text.substr(at, 2), nullptr, 16)));
+  }
+  return bytes;
+}
 
 TEST(Frame, TheMalformedIsRefusedByItsHead) {
   const Side client = Side::kClient;
   const Side server = Side::kServer;
-  const BadFrame cases[] = {
-      {"kind 0", client, {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, kMalformedFrame.code},
-      {"kind 13", client, {0, 0, 0, 0, 13, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, kMalformedFrame.code},
-      {"kind 255",
-       server,
-       {0, 0, 0, 0, 255, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0},
-       kMalformedFrame.code},
-      {"a flag", client, {0, 0, 0, 0, 10, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, kMalformedFrame.code},
-      {"reserved", client, {0, 0, 0, 0, 10, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0}, kMalformedFrame.code},
-      {"Ping of a call",
-       client,
-       {0, 0, 0, 0, 10, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0},
-       kMalformedFrame.code},
-      {"Cancel of none",
-       client,
-       {0, 0, 0, 0, 9, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0},
-       kMalformedFrame.code},
-      {"Ping with a payload",
-       client,
-       {1, 0, 0, 0, 10, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0},
-       kFrameTooLong.code},
-      {"Request without its head",
-       client,
-       {15, 0, 0, 0, 4, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0},
-       kMalformedFrame.code},
-      {"Reply without its head",
-       server,
-       {7, 0, 0, 0, 6, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0},
-       kMalformedFrame.code},
-      {"a part of nothing",
-       client,
-       {0, 0, 0, 0, 5, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0},
-       kMalformedFrame.code},
-      {"a part too long by 1",
-       server,
-       {1, 0, 4, 0, 7, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0},
-       kFrameTooLong.code},
-      {"a Hello of 4,097 bytes",
-       client,
-       {1, 16, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0},
-       kFrameTooLong.code},
-      {"4 GiB",
-       client,
-       {255, 255, 255, 255, 12, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0},
-       kFrameTooLong.code},
-      {"text",
-       client,
-       {'G', 'E', 'T', ' ', '/', ' ', 'H', 'T', 'T', 'P', '/', '1', '.', '1', 13, 10},
-       kMalformedFrame.code},
-      {"a server's Request",
-       server,
-       {16, 0, 0, 0, 4, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0},
-       kUnexpectedFrame.code},
-      {"a client's Fault",
-       client,
-       {0, 0, 0, 0, 8, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0},
-       kUnexpectedFrame.code},
+  const struct {
+    const char* what;
+    Side from;
+    const char* head;  // size, kind and flags, call
+    std::uint32_t code;
+  } cases[] = {
+      {"kind 0", client, "00000000 00000000 0000000000000000", kMalformedFrame.code},
+      {"kind 13", client, "00000000 0D000000 0000000000000000", kMalformedFrame.code},
+      {"kind 255", server, "00000000 FF000000 0000000000000000", kMalformedFrame.code},
+      {"a flag", client, "00000000 0A010000 0000000000000000", kMalformedFrame.code},
+      {"reserved", client, "00000000 0A000001 0000000000000000", kMalformedFrame.code},
+      {"Ping of a call", client, "00000000 0A000000 0100000000000000", kMalformedFrame.code},
+      {"Cancel of none", client, "00000000 09000000 0000000000000000", kMalformedFrame.code},
+      {"Ping with bytes", client, "01000000 0A000000 0000000000000000", kFrameTooLong.code},
+      {"Request, no head", client, "0F000000 04000000 0100000000000000", kMalformedFrame.code},
+      {"Reply, no head", server, "07000000 06000000 0100000000000000", kMalformedFrame.code},
+      {"part of nothing", client, "00000000 05000000 0100000000000000", kMalformedFrame.code},
+      {"part too long by 1", server, "01000400 07000000 0100000000000000", kFrameTooLong.code},
+      {"Hello of 4,097", client, "01100000 01000000 0000000000000000", kFrameTooLong.code},
+      {"4 GiB", client, "FFFFFFFF 0C000000 0000000000000000", kFrameTooLong.code},
+      {"text: GET / HTTP", client, "47455420 2F204854 54502F312E310D0A", kMalformedFrame.code},
+      {"server's Request", server, "10000000 04000000 0100000000000000", kUnexpectedFrame.code},
+      {"client's Fault", client, "00000000 08000000 0100000000000000", kUnexpectedFrame.code},
   };
-  for (const BadFrame& entry : cases) {
+  for (const auto& entry : cases) {
     FrameDecoder decoder(entry.from);
     RecordingSink sink;
-    ASSERT_EQ(entry.head.size(), kFrameHeaderSize);
-    EXPECT_EQ(decoder.Feed(entry.head, sink).GetCode(), entry.code) << entry.what;
+    EXPECT_EQ(decoder.Feed(FromHex(entry.head), sink).GetCode(), entry.code) << entry.what;
     EXPECT_EQ(sink.text, "") << entry.what;
   }
 }

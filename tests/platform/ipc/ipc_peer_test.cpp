@@ -24,7 +24,6 @@ namespace Platform::Ipc::Test {
 namespace {
 
 using Buffer = RawPeer::Buffer;
-using JobPointer = std::unique_ptr<JobManagement::Job>;
 
 Buffer Join(std::initializer_list<Buffer> parts) {
   Buffer all;
@@ -66,17 +65,11 @@ TEST(IpcServerPeer, IsTurnedOutForWhatIsMalformed) {
   } cases[] = {
       {"text", {'G', 'E', 'T', ' ', '/', ' ', 'H', 'T', 'T', 'P', '/', '1', '.', '1', 13, 10}, 0},
       {"no Hello", Raw::MakeFrame(FrameKind::kRequest, 1, RequestStart(kEcho, 1, 1)), 0},
-      {"Cancel for Hello", Raw::MakeFrame(FrameKind::kCancel, 1), 0},
-      {"a part for Hello", Raw::MakeFrame(FrameKind::kRequestPart, 1, {1}), 0},
       {"malformed Hello", Raw::MakeFrame(FrameKind::kHello, 0, Buffer(24, 'x')), 0},
       {"credentials for Hello", Raw::MakeFrame(FrameKind::kHello, 0, EncodeHello(with_user)), 0},
       {"a second Hello", Join({hello, hello}), 0},
       {"unknown kind", Raw::MakeFrame(static_cast<FrameKind>(99), 0), kMalformedFrame.code},
       {"Hello again", hello, kUnexpectedFrame.code},
-      {"a frame of the server", Raw::MakeFrame(FrameKind::kReplyPart, 1, {1}),
-       kUnexpectedFrame.code},
-      {"a part too long", Raw::MakeFrame(FrameKind::kRequestPart, 1, Buffer(kMaxPartFrame + 1)),
-       kFrameTooLong.code},
       {"more than announced", Raw::MakeFrame(FrameKind::kRequest, 1, RequestStart(kEcho, 3, 4)),
        kMalformedFrame.code},
       {"an id twice",
@@ -133,9 +126,7 @@ TEST(IpcServerPeer, IsRefusedWithAReason) {
 TEST(IpcServerPeer, AServicesOwnRefusalReachesTheClient) {
   LocalPair pair;
   pair.host.refusal = Common::Error(kFaultCode, "Not today.", Common::LineTag());
-  std::unique_ptr<Binding::AccessPoint> access_point;
-  EXPECT_EQ(pair.Connect(access_point).GetCode(), kFaultCode);
-  EXPECT_EQ(access_point, nullptr);
+  EXPECT_EQ(pair.TryToConnect(), kFaultCode);
 }
 
 TEST(IpcServerPeer, IsGivenUpWhenItIsSilentOrDoesNotRead) {
@@ -153,13 +144,9 @@ TEST(IpcServerPeer, IsGivenUpWhenItIsSilentOrDoesNotRead) {
   ASSERT_TRUE(pair.host.WaitFor(pair.host.opened, 2));
   // It asks for more than sockets hold, and goes on with its heartbeat. Each call is small, its
   // answer is not.
-  const Buffer text = {'<', 'X', 'M', 'L', '_', 'S', 'E', 'R',
-                       'I', 'A', 'L', 'I', 'Z', 'E', 'R', '>'};
-  Buffer packet = text;
-  for (const char c : std::string("<request_Test_Text><text>8000000</text></request_Test_Text>"
-                                  "</XML_SERIALIZER>")) {
-    packet.push_back(static_cast<unsigned char>(c));
-  }
+  const std::string packet =
+      "<XML_SERIALIZER><request_Test_Text><text>8000000</text></request_Test_Text>"
+      "</XML_SERIALIZER>";
   Buffer request = RequestStart(kLong, packet.size(), 0);
   request.insert(request.end(), packet.begin(), packet.end());
   ASSERT_TRUE(deaf.SendFrame(FrameKind::kRequest, 1, request));
@@ -194,6 +181,8 @@ TEST(IpcServerPeer, CostsNoMemoryByALengthAlone) {
   // What is cancelled makes room, and its further parts are dropped.
   ASSERT_TRUE(peer.SendFrame(FrameKind::kCancel, 1));
   ASSERT_TRUE(peer.SendFrame(FrameKind::kRequestPart, 1, {1, 2, 3}));
+  ASSERT_TRUE(
+      peer.SendFrame(FrameKind::kRequest, 8, RequestStart(kEcho, std::uint64_t{64} << 20, 1)));
   ASSERT_TRUE(peer.SendFrame(FrameKind::kRequest, 7, RequestStart(kEmpty, 0, 0)));
   const auto reply = peer.Receive();
   ASSERT_TRUE(reply);
@@ -230,10 +219,7 @@ class IpcClientPeer : public testing::Test {
   }
 
   Common::Error Connect(std::unique_ptr<Binding::AccessPoint>& access_point) {
-    Common::Error error;
-    const auto browser = client_->GetLocalBrowser(error);
-    if (browser == nullptr) return error;
-    return browser->Connect(kServiceId, 0, access_point, {});
+    return ConnectLocally(*client_, access_point);
   }
   std::string GetSocket() const { return folder_ / "service-33.sock"; }
 
@@ -250,8 +236,7 @@ TEST_F(IpcClientPeer, HandshakesEndInErrorsOfTheirOwnAndInTime) {
     std::uint32_t code;
   } cases[] = {
       {"silence", {}, false, kConnectTimedOut.code},
-      {"an end", {}, true, kClosedEarly.code},
-      {"half a frame", {0, 0}, true, kClosedEarly.code},
+      {"half a frame, and an end", {0, 0}, true, kClosedEarly.code},
       {"text", Buffer(16, 'x'), false, kMalformedFrame.code},
       {"a later version", RawPeer::MakeWelcome(2), false, kVersionMismatch.code},
       {"a malformed Welcome", RawPeer::MakeFrame(FrameKind::kWelcome, 0, Buffer(12, 'x')), false,
@@ -400,12 +385,10 @@ TEST_F(IpcClientPeer, AServerThatIsKilledIsALostConnection) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   ASSERT_EQ(error.GetCode(), 0u);
-  WaitingJobHandler handler;
-  const JobPointer job = MakeJob(*access_point, kWaiting);
-  ASSERT_EQ(job->Start(&handler).GetCode(), 0u);
+  StartedCall call(*access_point, kWaiting);
   EXPECT_EQ(Call(*access_point, kEcho).GetCode(), 0u);
   server.Kill();
-  EXPECT_EQ(handler.Wait().GetCode(), kConnectionLost.code);
+  EXPECT_EQ(call.Wait().GetCode(), kConnectionLost.code);
   access_point.reset();
   // The socket stays behind, and the next server takes its place.
   error = Connect(access_point);
@@ -421,12 +404,7 @@ TEST_F(IpcClientPeer, AServerThatIsKilledIsALostConnection) {
 }
 
 std::uint32_t ListenAgain(Server& server, unsigned int service_id) {
-  try {
-    server.ListenLocal(service_id);
-    return 0;
-  } catch (const Common::Error& error) {
-    return error.GetCode();
-  }
+  return CodeOf([&] { server.ListenLocal(service_id); });
 }
 
 TEST(IpcLocalSockets, AreOneServersAloneAndGoWithIt) {
@@ -485,18 +463,14 @@ TEST(IpcLocalSockets, LieInADirectoryThatIsMadeAndMayHaveALongName) {
   ASSERT_EQ(::stat(directory.c_str(), &found), 0);
   EXPECT_EQ(found.st_mode & 0777, 0700u);
   const auto client = Client::Create();
-  Common::Error error;
-  const auto browser = client->GetLocalBrowser(error);
-  ASSERT_NE(browser, nullptr);
   std::unique_ptr<Binding::AccessPoint> access_point;
-  ASSERT_EQ(browser->Connect(kServiceId, 0, access_point, {}).GetCode(), 0u);
+  ASSERT_EQ(ConnectLocally(*client, access_point).GetCode(), 0u);
   EXPECT_EQ(Call(*access_point, kEcho).GetCode(), 0u);
 }
 
 TEST(IpcLocalSockets, AreNotTrustedWhereOthersCouldHavePutThem) {
   LocalPair pair;
-  std::unique_ptr<Binding::AccessPoint> access_point;
-  const auto connect = [&] { return pair.Connect(access_point).GetCode(); };
+  const auto connect = [&] { return pair.TryToConnect(); };
   ASSERT_EQ(::chmod(pair.folder.GetPath().c_str(), 0777), 0);
   EXPECT_EQ(connect(), kUnsafeRuntimeDirectory.code);
   ASSERT_EQ(::chmod(pair.folder.GetPath().c_str(), 01777), 0);
@@ -517,7 +491,6 @@ TEST(IpcLocalSockets, AreNotTrustedWhereOthersCouldHavePutThem) {
   EXPECT_EQ(connect(), kUnsafeRuntimeDirectory.code);
   ASSERT_EQ(::chown(pair.folder.GetPath().c_str(), 0, 0), 0);
   EXPECT_EQ(connect(), 0u);
-  access_point.reset();
 
   // A process of another user, behind a socket of root's.
   const std::string path = pair.folder / "service-50.sock";
@@ -528,7 +501,7 @@ TEST(IpcLocalSockets, AreNotTrustedWhereOthersCouldHavePutThem) {
   const int listening = ::listen(listener.Get(), 1);
   ASSERT_EQ(::seteuid(0), 0);
   ASSERT_EQ(listening, 0);
-  EXPECT_EQ(pair.Connect(access_point, 50).GetCode(), kWrongOwner.code);
+  EXPECT_EQ(pair.TryToConnect(50), kWrongOwner.code);
 
   // A client of another user: by the socket's rights, and when these don't help, by the server.
   ASSERT_EQ(::chmod(pair.folder.GetPath().c_str(), 0755), 0);

@@ -92,6 +92,7 @@ class TestSession final : public Session {
           std::unique_lock lock(host_.mutex);
           host_.change.wait(lock, [this] { return !host_.holds_cancels; });
         });
+        host_.Count(host_.waits);
         host_.Count(host_.calls);
         break;
       }
@@ -214,6 +215,14 @@ Limits MakeQuickLimits() {
   return limits;
 }
 
+Common::Error ConnectLocally(Client& client, std::unique_ptr<Binding::AccessPoint>& access_point,
+                             unsigned int service_id) {
+  Common::Error error;
+  const auto browser = client.GetLocalBrowser(error);
+  if (browser == nullptr) return error;
+  return browser->Connect(service_id, 0, access_point, {});
+}
+
 LocalPair::LocalPair(const Limits& server_limits, const Limits& client_limits) {
   ::setenv("VELORIN_IPC_DIR", folder.GetPath().c_str(), 1);
   server = Server::Create(host, server_limits);
@@ -233,21 +242,25 @@ std::string LocalPair::GetSocket() const {
   return folder / ("service-" + std::to_string(kServiceId) + ".sock");
 }
 
-Common::Error LocalPair::Connect(std::unique_ptr<Binding::AccessPoint>& access_point,
-                                 unsigned int service_id) {
-  Common::Error error;
-  const auto browser = client->GetLocalBrowser(error);
-  if (browser == nullptr) return error;
-  return browser->Connect(service_id, 0, access_point, {});
+std::uint32_t LocalPair::TryToConnect(unsigned int service_id) {
+  std::unique_ptr<Binding::AccessPoint> access_point;
+  return ConnectLocally(*client, access_point, service_id).GetCode();
 }
 
 std::unique_ptr<Binding::AccessPoint> LocalPair::Connect() {
   std::unique_ptr<Binding::AccessPoint> access_point;
-  const Common::Error error = Connect(access_point);
+  const Common::Error error = ConnectLocally(*client, access_point);
   if (error.IsFailure()) {
     throw std::runtime_error("no connection: " + std::to_string(error.GetCode()));
   }
   return access_point;
+}
+
+StartedCall::StartedCall(Binding::AccessPoint& access_point, Method method, const std::string& text,
+                         std::function<void()> at_end)
+    : job(MakeJob(access_point, method, text, &reply)) {
+  handler.at_end = std::move(at_end);
+  EXPECT_EQ(job->Start(&handler).GetCode(), 0u);
 }
 
 std::unique_ptr<JobManagement::Job> MakeJob(Binding::AccessPoint& access_point, Method method,

@@ -73,6 +73,7 @@ class TestHost final : public ServiceHost {
   int closed = 0;     // OnClosed
   int destroyed = 0;  // sessions
   int calls = 0;
+  int waits = 0;  // of them, kWaiting
   int cancelled = 0;
   int logins = 0;  // that were to be checked
   Peer last_peer;
@@ -121,6 +122,21 @@ class WaitingJobHandler final : public JobManagement::JobHandler {
 // The limits of tests, in which time passes faster.
 Limits MakeQuickLimits();
 
+// That of the error which is thrown, 0 for none.
+template <class Action>
+std::uint32_t CodeOf(Action&& action) {
+  try {
+    action();
+    return 0;
+  } catch (const Common::Error& error) {
+    return error.GetCode();
+  }
+}
+
+// To a service of this computer.
+Common::Error ConnectLocally(Client& client, std::unique_ptr<Binding::AccessPoint>& access_point,
+                             unsigned int service_id = kServiceId);
+
 // A server on a local socket of a folder of its own, and a client of it.
 class LocalPair {
  public:
@@ -128,14 +144,26 @@ class LocalPair {
   ~LocalPair();
 
   std::string GetSocket() const;
-  Common::Error Connect(std::unique_ptr<Binding::AccessPoint>& access_point,
-                        unsigned int service_id = kServiceId);
+  // The code of the failure, if there is one.
+  std::uint32_t TryToConnect(unsigned int service_id = kServiceId);
   std::unique_ptr<Binding::AccessPoint> Connect();
 
   TestSupport::TemporaryFolder folder;
   TestHost host;
   std::unique_ptr<Server> server;
   std::shared_ptr<Client> client;
+};
+
+// A call that a thread doesn't wait for. That it doesn't start is a failure of the test.
+struct StartedCall {
+  StartedCall(Binding::AccessPoint& access_point, Method method, const std::string& text = {},
+              std::function<void()> at_end = {});
+
+  Common::Error Wait() { return handler.Wait(); }
+
+  WaitingJobHandler handler;
+  std::string reply;
+  std::unique_ptr<JobManagement::Job> job;
 };
 
 // Makes the job of a call.

@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "core/common/text.h"
@@ -23,8 +24,6 @@
 
 namespace Platform::Ipc::Test {
 namespace {
-
-using JobPointer = std::unique_ptr<JobManagement::Job>;
 
 // An authority, a server for 127.0.0.1 and localhost, and a client that trusts the authority.
 class IpcTls : public testing::Test {
@@ -74,6 +73,11 @@ class IpcTls : public testing::Test {
     return Connect(access_point, login);
   }
 
+  RawPeer ConnectRaw() {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    return RawPeer(ConnectHost({.host = "127.0.0.1", .port = port_, .is_address = true}, deadline));
+  }
+
   TestSupport::TemporaryFolder folder_;
   const Certificate authority_;
   std::string authority_file_;
@@ -99,38 +103,27 @@ TEST_F(IpcTls, CarriesCallsLikeALocalSocket) {
     EXPECT_EQ(Call(*access_point, kEcho, text, &reply).GetCode(), 0u);
     EXPECT_TRUE(reply == text);
 
-    std::deque<WaitingJobHandler> handlers(40);
-    std::deque<std::string> replies;
-    std::vector<JobPointer> jobs;
-    for (WaitingJobHandler& handler : handlers) {
-      const bool is_waiting = jobs.size() % 4 == 0;
-      jobs.push_back(
-          MakeJob(*access_point, is_waiting ? kWaiting : kLong, "400000", &replies.emplace_back()));
-      ASSERT_EQ(jobs.back()->Start(&handler).GetCode(), 0u);
+    std::deque<StartedCall> calls;
+    for (int i = 0; i < 40; ++i) {
+      calls.emplace_back(*access_point, i % 4 == 0 ? kWaiting : kLong, "400000");
     }
-    for (std::size_t i = 0; i < jobs.size(); i += 4) jobs[i]->Cancel();
-    for (std::size_t i = 0; i < jobs.size(); ++i) {
-      EXPECT_EQ(handlers[i].Wait().GetCode(), i % 4 == 0 ? kCancelled.code : 0u);
-      EXPECT_EQ(replies[i].size(), i % 4 == 0 ? 0u : 400'000u);
+    for (std::size_t i = 0; i < calls.size(); i += 4) calls[i].job->Cancel();
+    for (std::size_t i = 0; i < calls.size(); ++i) {
+      EXPECT_EQ(calls[i].Wait().GetCode(), i % 4 == 0 ? kCancelled.code : 0u);
+      EXPECT_EQ(calls[i].reply.size(), i % 4 == 0 ? 0u : 400'000u);
     }
   }
 }
 
 TEST_F(IpcTls, WrongUsersPasswordsAndServicesAreErrorsOfTheirOwn) {
-  Login login;
-  login.password = "Secret";
-  EXPECT_EQ(Connect(login).GetCode(), kWrongPassword.code);
-  login = Login();
-  login.user.clear();
-  EXPECT_EQ(Connect(login).GetCode(), kWrongPassword.code);
-  login = Login();
-  login.service_id = kServiceId + 1;
-  EXPECT_EQ(Connect(login).GetCode(), kUnknownService.code);
-  login = Login();
-  login.password.assign(5000, 'x');
-  EXPECT_EQ(Connect(login).GetCode(), kLongCredentials.code);
-  login.password.assign(4080, 'x');
-  EXPECT_EQ(Connect(login).GetCode(), kLongCredentials.code);
+  const std::pair<Login, std::uint32_t> cases[] = {
+      {{.password = "Secret"}, kWrongPassword.code},
+      {{.user = ""}, kWrongPassword.code},
+      {{.service_id = kServiceId + 1}, kUnknownService.code},
+      {{.password = std::string(5000, 'x')}, kLongCredentials.code},
+      {{.password = std::string(4080, 'x')}, kLongCredentials.code},
+  };
+  for (const auto& [login, code] : cases) EXPECT_EQ(Connect(login).GetCode(), code);
   EXPECT_EQ(host_.Read(host_.opened), 0);
   EXPECT_EQ(Connect().GetCode(), 0u);
 }
@@ -243,13 +236,11 @@ TEST_F(IpcTls, BadAddressesAndFilesAreFoundBeforeConnecting) {
       {"192.0.2.1:0", "cert.pem", "key.pem", kListenFailed.code},  // no address of this computer
   };
   for (const auto& entry : cases) {
-    std::uint32_t code = 0;
-    try {
-      server->ListenTls(entry.address, folder_ / entry.certificate, folder_ / entry.key);
-    } catch (const Common::Error& error) {
-      code = error.GetCode();
-    }
-    EXPECT_EQ(code, entry.code) << entry.address << entry.certificate << entry.key;
+    EXPECT_EQ(CodeOf([&] {
+                server->ListenTls(entry.address, folder_ / entry.certificate, folder_ / entry.key);
+              }),
+              entry.code)
+        << entry.address << entry.certificate << entry.key;
   }
 }
 
@@ -261,12 +252,9 @@ TEST(IpcHostAddress, IsANameOrAnAddressWithOrWithoutAPort) {
     bool is_address;
   } cases[] = {
       {"host", "host", 7610, false},
-      {"host.example:80", "host.example", 80, false},
-      {"127.0.0.1", "127.0.0.1", 7610, true},
       {"127.0.0.1:0", "127.0.0.1", 0, true},
       {"[::1]", "::1", 7610, true},
       {"[fe80::2]:65535", "fe80::2", 65535, true},
-      {"::1", "::1", 7610, true},
   };
   for (const auto& entry : cases) {
     const HostAddress address = ParseHostAddress(entry.text);
@@ -315,18 +303,11 @@ class TlsPeer {
   bool is_ready_ = false;
 };
 
-bool ShakeHands(std::uint16_t port, int version) {
-  return static_cast<bool>(TlsPeer(port, version));
-}
-
 TEST_F(IpcTls, ServersSpeakNoOldVersionsAndNoPlainText) {
-  EXPECT_TRUE(ShakeHands(port_, TLS1_3_VERSION));
-  EXPECT_TRUE(ShakeHands(port_, TLS1_2_VERSION));
-  EXPECT_FALSE(ShakeHands(port_, TLS1_1_VERSION));
-  EXPECT_FALSE(ShakeHands(port_, TLS1_VERSION));
-
-  const HostAddress address = ParseHostAddress("127.0.0.1:" + std::to_string(port_));
-  RawPeer plain(ConnectHost(address, std::chrono::steady_clock::now() + std::chrono::seconds(10)));
+  for (const int version : {TLS1_VERSION, TLS1_1_VERSION, TLS1_2_VERSION, TLS1_3_VERSION}) {
+    EXPECT_EQ(static_cast<bool>(TlsPeer(port_, version)), version >= TLS1_2_VERSION) << version;
+  }
+  RawPeer plain = ConnectRaw();
   ASSERT_TRUE(plain.Send(RawPeer::MakeHello(kServiceId)));
   EXPECT_TRUE(plain.WaitForEnd());
   EXPECT_EQ(host_.Read(host_.opened), 0);
@@ -349,14 +330,6 @@ TEST_F(IpcTls, NothingIsTakenBehindAPeersOrderlyEnd) {
   EXPECT_EQ(Connect().GetCode(), 0u);
 }
 
-RawPeer::Buffer MakeLogin(const std::string& password) {
-  Hello hello;
-  hello.service_id = kServiceId;
-  hello.user.Fill() = "somebody";
-  hello.password.Fill() = password;
-  return RawPeer::MakeFrame(FrameKind::kHello, 0, EncodeHello(hello));
-}
-
 TEST_F(IpcTls, ARefusedLoginIsToldLaterAndTheRightOneAtOnce) {
   Limits limits;
   limits.refusal = std::chrono::milliseconds(400);
@@ -376,18 +349,18 @@ TEST_F(IpcTls, RemoteLoginsKeepNoLocalClientOut) {
   StartServer(Certificate("service", "IP:127.0.0.1", &authority_), limits);
   server_->ListenLocal(kServiceId);
   host_.holds_logins = true;
+  Hello hello;
+  hello.service_id = kServiceId;
+  hello.user.Fill() = "somebody";
   std::deque<TlsPeer> peers;
   for (int i = 0; i < kAtATime + 8; ++i) {
     ASSERT_TRUE(peers.emplace_back(port_, TLS1_3_VERSION));
-    ASSERT_TRUE(peers.back().Send(MakeLogin("wrong")));
+    ASSERT_TRUE(peers.back().Send(RawPeer::MakeFrame(FrameKind::kHello, 0, EncodeHello(hello))));
   }
   ASSERT_TRUE(host_.WaitFor(host_.logins, kAtATime));
   const auto connect = [&] {
-    Common::Error error;
     std::unique_ptr<Binding::AccessPoint> access_point;
-    const auto browser = client_->GetLocalBrowser(error);
-    if (browser != nullptr) error = browser->Connect(kServiceId, 0, access_point, {});
-    return error.GetCode();
+    return ConnectLocally(*client_, access_point).GetCode();
   };
   EXPECT_EQ(connect(), 0u);
   // Whose time is over isn't checked any more.
@@ -427,16 +400,7 @@ TEST_F(IpcTls, OneAddressHasNotAllThePlacesOfStrangers) {
 
 TEST_F(IpcTls, PeersThatNeverSpeakAreGivenUp) {
   StartServer(Certificate("service", "IP:127.0.0.1", &authority_), MakeQuickLimits());
-  const HostAddress address = ParseHostAddress("127.0.0.1:" + std::to_string(port_));
-  RawPeer mute(ConnectHost(address, std::chrono::steady_clock::now() + std::chrono::seconds(10)));
-  EXPECT_TRUE(mute.WaitForEnd());
-  std::unique_ptr<Binding::AccessPoint> access_point;
-  Limits limits = MakeQuickLimits();
-  limits.handshake = std::chrono::seconds(10);
-  StartClient(limits);
-  ASSERT_EQ(Connect(access_point, Login()).GetCode(), 0u);
-  std::this_thread::sleep_for(std::chrono::milliseconds(800));
-  EXPECT_EQ(Call(*access_point, kEcho).GetCode(), 0u);  // kept by its heartbeat
+  EXPECT_TRUE(ConnectRaw().WaitForEnd());
 }
 
 TEST_F(IpcTls, TheSecurityClientFindsFilesThatCannotBeUsed) {
