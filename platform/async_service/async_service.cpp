@@ -18,8 +18,8 @@ namespace Platform {
 
 namespace {
 
-// Keeps blocks of one size for the next taker: each step of a sequence waits for a tick and cancels
-// the wait. Outlives the metronome as long as a block is in use.
+// Keeps blocks of one size for the next taker: sequences begin waits for ticks and cancel them,
+// some for each step. Outlives the metronome as long as a block is in use.
 class BlockRecycler {
  public:
   BlockRecycler() { free_.reserve(kMaxFree); }
@@ -112,28 +112,19 @@ class WorkJob final : public Async::BaseJob, public PoolTask {
 
 }  // namespace
 
-class AsyncService::PoolMetronome final : public Async::Metronome {
+class AsyncService::PoolMetronome final : public Async::Metronome, private Async::Beats {
  public:
   PoolMetronome(ElasticPool& pool, std::chrono::milliseconds interval)
       : pool_(pool),
         interval_(interval),
         start_(ElasticPool::Clock::now()),
-        tick_(new Tick(*this)),
+        beat_(new Beat(*this)),
         recycler_(std::make_shared<BlockRecycler>()) {}
 
   std::shared_ptr<Async::Job> WaitTick(Async::ActionHandler& handler) override {
-    try {
-      auto job =
-          std::allocate_shared<TickJob>(RecyclingAllocator<TickJob>(recycler_), *this, handler);
-      std::lock_guard lock(mutex_);
-      if (!stopped_ && !armed_) armed_ = pool_.PostAt(NextTick(), tick_);
-      if (stopped_ || !armed_) throw Common::Error(Async::canceled_error.Get());
-      job->Link(job, joined_);
-      return job;
-    } catch (const std::exception&) {
-      throw Common::Error::OutOfMemory();  // of memory or of threads
-    }
+    return Wait(handler, nullptr, joined_);
   }
+  Async::Beats* GetBeats() override { return this; }
 
   // Ends all waits, and those to come.
   void CancelAll() {
@@ -141,7 +132,9 @@ class AsyncService::PoolMetronome final : public Async::Metronome {
       std::lock_guard lock(mutex_);
       stopped_ = true;
     }
-    while (const std::shared_ptr<TickJob> job = TakeFirst()) job->TellCanceled();
+    for (TickJob** const list : {&joined_, &waited_, &watching_}) {
+      while (const std::shared_ptr<TickJob> job = TakeFirst(*list)) job->TellCanceled();
+    }
   }
 
  private:
@@ -149,8 +142,8 @@ class AsyncService::PoolMetronome final : public Async::Metronome {
   // out.
   class TickJob final : public Async::BaseJob, public PoolTask {
    public:
-    TickJob(PoolMetronome& metronome, Async::ActionHandler& handler)
-        : metronome_(metronome), handler_(&handler) {}
+    TickJob(PoolMetronome& metronome, Async::ActionHandler& handler, Async::BeatWatcher* watcher)
+        : metronome_(metronome), handler_(&handler), watcher_(watcher) {}
 
     void Cancel() override {
       std::shared_ptr<TickJob> self;
@@ -165,6 +158,8 @@ class AsyncService::PoolMetronome final : public Async::Metronome {
     void TellCanceled() { handler_->Completed(Async::canceled_error.Get()); }
 
     // With the metronome's lock held.
+    bool IsTick() { return watcher_->OnBeat(); }
+    TickJob* GetNext() const { return next_; }
     void Link(std::shared_ptr<TickJob> self, TickJob*& head) {
       self_ = std::move(self);
       next_ = head;
@@ -187,48 +182,85 @@ class AsyncService::PoolMetronome final : public Async::Metronome {
    private:
     PoolMetronome& metronome_;
     Async::ActionHandler* const handler_;
+    Async::BeatWatcher* const watcher_;
     std::shared_ptr<TickJob> self_;  // set while in the list
     TickJob* next_ = nullptr;
     TickJob** previous_ = nullptr;  // what points here
   };
 
-  class Tick final : public PoolTask {
+  class Beat final : public PoolTask {
    public:
-    explicit Tick(PoolMetronome& metronome) : metronome_(metronome) {}
-    void Run() override { metronome_.OnTick(); }
+    explicit Beat(PoolMetronome& metronome) : metronome_(metronome) {}
+    void Run() override { metronome_.OnBeat(); }
 
    private:
     PoolMetronome& metronome_;
   };
 
-  ElasticPool::Clock::time_point NextTick() const {
+  std::shared_ptr<Async::Job> Watch(Async::BeatWatcher& watcher,
+                                    Async::ActionHandler& handler) override {
+    return Wait(handler, &watcher, watching_);
+  }
+
+  std::shared_ptr<Async::Job> Wait(Async::ActionHandler& handler, Async::BeatWatcher* watcher,
+                                   TickJob*& list) {
+    try {
+      auto job = std::allocate_shared<TickJob>(RecyclingAllocator<TickJob>(recycler_), *this,
+                                               handler, watcher);
+      std::lock_guard lock(mutex_);
+      if (!stopped_ && !armed_) armed_ = pool_.PostAt(NextBeat(), beat_);
+      if (stopped_ || !armed_) throw Common::Error(Async::canceled_error.Get());
+      job->Link(job, list);
+      return job;
+    } catch (const std::exception&) {
+      throw Common::Error::OutOfMemory();  // of memory or of threads
+    }
+  }
+
+  ElasticPool::Clock::time_point NextBeat() const {
     const auto passed = ElasticPool::Clock::now() - start_;
     return start_ + (passed / interval_ + 1) * interval_;
   }
 
-  std::shared_ptr<TickJob> TakeFirst() {
+  // A cancel may take jobs out of any list meanwhile.
+  std::shared_ptr<TickJob> TakeFirst(TickJob*& list) {
     std::lock_guard lock(mutex_);
-    if (joined_ != nullptr) return joined_->Unlink();
-    return waited_ != nullptr ? waited_->Unlink() : nullptr;
+    return list != nullptr ? list->Unlink() : nullptr;
+  }
+  // Into an empty list.
+  static void MoveAll(TickJob*& from, TickJob*& to) {
+    if (from != nullptr) from->MoveTo(to);
+    from = nullptr;
   }
 
   // Tells those that have waited for a whole interval at least. What joined since the last beat
   // moves up and is told at the next one: a wait that began right before a beat would end at once.
-  void OnTick() {
+  // Who watches the beats knows that for itself.
+  void OnBeat() {
     TickJob* due = nullptr;
+    TickJob* lost = nullptr;
     {
       std::lock_guard lock(mutex_);
-      if (waited_ != nullptr) waited_->MoveTo(due);
-      waited_ = nullptr;
-      if (joined_ != nullptr) joined_->MoveTo(waited_);
-      joined_ = nullptr;
+      MoveAll(waited_, due);
+      MoveAll(joined_, waited_);
+      for (TickJob* job = watching_; job != nullptr;) {
+        TickJob* const next = job->GetNext();
+        if (job->IsTick()) job->Link(job->Unlink(), due);
+        job = next;
+      }
       armed_ = false;
       try {
-        if (waited_ != nullptr) armed_ = pool_.PostAt(NextTick(), tick_);
+        if (waited_ != nullptr || watching_ != nullptr) {
+          // An interval from now, not from when this beat was due: it may have come late.
+          armed_ = pool_.PostAt(ElasticPool::Clock::now() + interval_, beat_);
+        }
       } catch (const std::exception&) {
-        // The next wait arms again, or the stop ends them.
+        // The next wait arms again, or the stop ends them. Those who watch are told to come again.
+        MoveAll(waited_, joined_);
+        MoveAll(watching_, lost);
       }
     }
+    while (const std::shared_ptr<TickJob> job = TakeFirst(lost)) job->TellCanceled();
     Fire(due);
   }
 
@@ -238,7 +270,7 @@ class AsyncService::PoolMetronome final : public Async::Metronome {
       std::shared_ptr<TickJob> job;
       bool last = true;
       {
-        std::lock_guard lock(mutex_);  // a cancel may take jobs out of this list, too
+        std::lock_guard lock(mutex_);
         if (due == nullptr) return;
         job = due->Unlink();
         last = due == nullptr;
@@ -263,12 +295,13 @@ class AsyncService::PoolMetronome final : public Async::Metronome {
   ElasticPool& pool_;
   const std::chrono::milliseconds interval_;
   const ElasticPool::Clock::time_point start_;
-  const std::shared_ptr<Tick> tick_;
+  const std::shared_ptr<Beat> beat_;
   const std::shared_ptr<BlockRecycler> recycler_;
-  std::mutex mutex_;           // guards what follows
-  TickJob* joined_ = nullptr;  // since the last beat
-  TickJob* waited_ = nullptr;  // for one beat
-  bool armed_ = false;         // a tick is on its way
+  std::mutex mutex_;             // guards what follows
+  TickJob* joined_ = nullptr;    // since the last beat
+  TickJob* waited_ = nullptr;    // for one beat
+  TickJob* watching_ = nullptr;  // the beats
+  bool armed_ = false;           // a beat is on its way
   bool stopped_ = false;
 };
 

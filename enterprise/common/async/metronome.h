@@ -21,6 +21,8 @@ class BasicMetronomeListener : public ActionHandler {
 
   // Begins the wait. False, after an assertion, on a listener that was started before.
   bool Start(Metronome* metronome);
+  // The same for the tick that `watcher` picks out of the beats; it is called until the wait's end.
+  bool Start(Beats* beats, BeatWatcher& watcher);
   // Ends the wait. When it returns, no Tick of this listener runs any more and none will; a last
   // one may have run during the call. Must not be called from inside Tick, which it would wait for.
   void Stop();
@@ -38,6 +40,7 @@ class BasicMetronomeListener : public ActionHandler {
   static constexpr std::uintptr_t kStateWorking = 1;
   static constexpr std::uintptr_t kStateFinished = 2;
 
+  bool Start(Action& wait);
   void FinishWait();
 
   // Guards the states of all listeners; never held across a call to a control or to Tick.

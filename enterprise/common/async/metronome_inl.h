@@ -16,6 +16,20 @@ struct BasicMetronomeListener<Atomics>::SharedEvent {
 
 template <class Atomics>
 bool BasicMetronomeListener<Atomics>::Start(Metronome* metronome) {
+  ActionRefAdaptor wait(
+      [metronome](ActionHandler& handler) { return metronome->WaitTick(handler); });
+  return Start(wait);
+}
+
+template <class Atomics>
+bool BasicMetronomeListener<Atomics>::Start(Beats* beats, BeatWatcher& watcher) {
+  ActionRefAdaptor wait(
+      [beats, &watcher](ActionHandler& handler) { return beats->Watch(watcher, handler); });
+  return Start(wait);
+}
+
+template <class Atomics>
+bool BasicMetronomeListener<Atomics>::Start(Action& wait) {
   bool first = false;
   {
     typename Atomics::StaticMutexLock lock(state_mutex_);
@@ -28,8 +42,6 @@ bool BasicMetronomeListener<Atomics>::Start(Metronome* metronome) {
     Common::SafeAssert("!\"Metronome logic broken.\"", "enterprise/common/async/metronome", 91);
     return false;
   }
-  ActionRefAdaptor wait(
-      [metronome](ActionHandler& handler) { return metronome->WaitTick(handler); });
   SafeAction safe_wait(wait);  // whatever it raises ends the wait: a Stop must not wait for good
   control_.Run(safe_wait, *this, nullptr);
   return true;

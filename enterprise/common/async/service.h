@@ -14,11 +14,38 @@
 
 namespace Async {
 
+// Knows of itself whether a beat is the tick it waits for.
+class BeatWatcher {
+ public:
+  // A beat. True: it is the tick, and no call follows. Under a lock of the beats: calls nothing
+  // that may block.
+  virtual bool OnBeat() noexcept = 0;
+
+ protected:
+  ~BeatWatcher() = default;
+};
+
+// The beats behind the ticks of a metronome, an interval apart or more. For waits that are given up
+// and begun again so often that they are marked at the one who waits, and not told to the
+// metronome.
+class Beats : public Common::NonCopyable {
+ public:
+  // Asks `watcher` at each beat, and tells `handler` success behind the first true, on a thread of
+  // the service. The returned job can be cancelled; the end is told all the same, and from then on
+  // `watcher` isn't called.
+  virtual std::shared_ptr<Job> Watch(BeatWatcher& watcher, ActionHandler& handler) = 0;
+
+ protected:
+  ~Beats() = default;
+};
+
 class Metronome : public Common::NonCopyable {
  public:
   // Tells `handler` success when the next tick comes, on a thread of the service. The returned job
   // can be cancelled; the end is told all the same.
   virtual std::shared_ptr<Job> WaitTick(ActionHandler& handler) = 0;
+  // Null: it shows its ticks only.
+  virtual Beats* GetBeats() { return nullptr; }
 
  protected:
   ~Metronome() = default;

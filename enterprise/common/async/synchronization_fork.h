@@ -33,6 +33,10 @@ class BasicSynchronizationFork : public ScopedSynchronizationCallback,
   // called. Without a service nothing happens. Once in the life of the object.
   void Arm();
 
+ protected:
+  // The metronome that Arm waits for; null when there is no memory for one.
+  static Metronome* GetMetronome(Service& service);
+
  private:
   class ForkJob;
 

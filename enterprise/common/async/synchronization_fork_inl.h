@@ -82,13 +82,18 @@ void BasicSynchronizationFork<Atomics>::Arm() {
   Service* service = nullptr;
   GetAsyncService(&service);
   if (service == nullptr) return;
-  Metronome* metronome = nullptr;
-  try {
-    metronome = service->GetMetronomeSource()->GetMetronome(kForkInterval);
-  } catch (const std::bad_alloc&) {
-    return;  // no metronome to be had: the loop stays with its thread
-  }
+  Metronome* const metronome = GetMetronome(*service);
+  if (metronome == nullptr) return;  // the loop stays with its thread
   this->Start(metronome);
+}
+
+template <class Atomics>
+Metronome* BasicSynchronizationFork<Atomics>::GetMetronome(Service& service) {
+  try {
+    return service.GetMetronomeSource()->GetMetronome(kForkInterval);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
 }
 
 }  // namespace Async

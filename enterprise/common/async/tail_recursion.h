@@ -17,10 +17,12 @@ namespace Async {
 // thread continues the loop there. A thread that blocks or stalls while the next step could start
 // hands the loop to a thread of the async service.
 //
-// As long as there is no service, and no other thread in the loop that may come back to take the
-// next step, a step that ends in the loop is only marked in the pass that stands on the thread's
-// stack: no lock, no reference is taken. A thread that blocks behind such a step publishes the mark
-// first.
+// As long as no other thread is in the loop that may come back to take the next step, a step that
+// ends in the loop is only marked in the pass that stands on the thread's stack: no lock, no
+// reference is taken. A thread that blocks behind such a step publishes the mark first. Beside a
+// service a metronome watches the mark: the pass begins the wait for a tick once, and each mark
+// begins it anew. The tick comes to a mark that has stood for a whole interval. A metronome that
+// shows no beats is told of each step instead, under the lock.
 //
 //   available  owner      meaning
 //   true       any        a step has ended, the next one may begin
@@ -45,9 +47,13 @@ class BasicTailRecursionController : public Common::NonCopyable {
   void Continue();
 
  private:
-  class ProcessingDetachment;
   class LoopCount;
+  class ProcessingDetachment;
+  class StepMark;
 
+  // The passes. The caller counts the loop; `keep_alive` is set with the first step, to be dropped
+  // behind the count.
+  void Loop(std::shared_ptr<void>& keep_alive);
   // The short way of a step that has ended inside the loop of this thread. False: not possible.
   bool MarkStepEnded();
   // True: the calling thread holds the controller and starts the next step.

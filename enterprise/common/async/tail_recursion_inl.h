@@ -23,72 +23,145 @@ class BasicTailRecursionController<Atomics>::LoopCount : public Common::NonCopya
   BasicTailRecursionController& controller_;
 };
 
+// The mark of a step that has ended in the pass of its loop: who takes it has the controller. Set
+// by the thread of the pass alone. While it is watched, beats let it grow old on another thread,
+// and the tick finds none that its thread has taken.
+template <class Atomics>
+class BasicTailRecursionController<Atomics>::StepMark {
+ public:
+  void Set(bool watched) { word_.store(watched ? kFresh : kUnwatched, std::memory_order_release); }
+
+  // By the thread of the pass, to start the next step. False: there is none, or its tick has come.
+  bool TakeBeforeTick() {
+    std::uintptr_t word = word_.load(std::memory_order_relaxed);
+    if (word == kUnwatched) {
+      word_.store(kNone, std::memory_order_relaxed);
+      return true;
+    }
+    // The second try is for a beat that came in between.
+    return (word == kFresh && word_.compare_exchange_strong(word, kNone)) ||
+           (word == kOld && word_.compare_exchange_strong(word, kNone));
+  }
+
+  bool Take() {
+    return word_.load(std::memory_order_relaxed) != kNone && word_.exchange(kNone) != kNone;
+  }
+
+  // A beat. True: the mark has been there at the last one, a whole interval ago. This is its tick.
+  bool GrowOld() {
+    std::uintptr_t word = word_.load();
+    if (word == kFresh) word_.compare_exchange_strong(word, kOld);
+    return word == kOld && word_.compare_exchange_strong(word, kTicked);
+  }
+
+ private:
+  static constexpr std::uintptr_t kNone = 0;
+  static constexpr std::uintptr_t kUnwatched = 1;
+  static constexpr std::uintptr_t kFresh = 2;   // set since the last beat
+  static constexpr std::uintptr_t kOld = 3;     // before it
+  static constexpr std::uintptr_t kTicked = 4;  // the tick is under way
+
+  typename Atomics::Counter word_{kNone};
+};
+
 // Stands on the stack of each pass of the loop, so that a thread that blocks or stalls in a step
 // doesn't hold up the next one.
 template <class Atomics>
 class BasicTailRecursionController<Atomics>::ProcessingDetachment
-    : public BasicSynchronizationFork<Atomics> {
+    : public BasicSynchronizationFork<Atomics>,
+      private BeatWatcher {
  public:
   explicit ProcessingDetachment(BasicTailRecursionController& controller)
       : controller_(controller) {}
 
   ~ProcessingDetachment() override {
+    const bool step_ended = mark_.Take();
     {
       typename Atomics::MutexLock lock(controller_.mutex_);
-      if (step_ended_) controller_.available_ = true;
+      if (step_ended) controller_.available_ = true;
       if (controller_.detachment_ == this) controller_.detachment_ = nullptr;
     }
     this->Stop();
   }
 
   bool IsForkNeeded() override {
-    if (PublishEndedStep()) return true;
+    if (mark_.Take()) {
+      // From here on the next step may start on any thread.
+      ProcessingDetachment* detachment = nullptr;
+      controller_.Release(detachment);
+      return true;
+    }
     typename Atomics::MutexLock lock(controller_.mutex_);
     return controller_.available_;
   }
 
-  void MarkStepEnded() { step_ended_ = true; }
+  // False: not possible, nothing is marked.
+  bool MarkStepEnded() {
+    Service* service = nullptr;
+    GetAsyncService(&service);
+    if (service != nullptr && !is_watched_) {
+      metronome_ = this->GetMetronome(*service);
+      Beats* const beats = metronome_ != nullptr ? metronome_->GetBeats() : nullptr;
+      if (beats == nullptr) return false;
+      is_watched_ = true;
+      this->Start(beats, *this);
+    }
+    mark_.Set(service != nullptr);
+    return true;
+  }
+
+  // Behind a step that wasn't marked.
+  void Arm() {
+    if (metronome_ != nullptr) {
+      this->Start(metronome_);
+    } else {
+      BasicSynchronizationFork<Atomics>::Arm();
+    }
+  }
 
   // Whether the pass may start the next step as it stands: the last one was marked, and nothing has
   // told a new detachment from this one.
   bool TakeEndedStep() {
-    if (!step_ended_) return false;
-    if (this->CallCount.load() != 0 || this->SuppressCount.load() != 0 ||
-        !this->IsOnCurrentChain()) {
-      PublishEndedStep();
-      return false;
-    }
-    step_ended_ = false;
-    return true;
+    return this->CallCount.load() == 0 && this->SuppressCount.load() == 0 &&
+           !watch_has_ended_.load(std::memory_order_relaxed) && this->IsOnCurrentChain() &&
+           mark_.TakeBeforeTick();
   }
 
   std::unique_ptr<Work> CreateWork() override {
-    auto process = [controller = &controller_] { controller->Process(); };
-    return std::make_unique<SilentWorkAdaptor<decltype(process), std::shared_ptr<void>>>(
-        process, std::make_shared<LoopCount>(controller_, controller_.GetKeepAlive()));
+    auto loop = [controller = &controller_] {
+      std::shared_ptr<void> keep_alive;
+      controller->Loop(keep_alive);  // counted by the guard
+    };
+    return std::make_unique<SilentWorkAdaptor<decltype(loop), std::shared_ptr<void>>>(
+        loop, std::make_shared<LoopCount>(controller_, controller_.GetKeepAlive()));
+  }
+
+  // Of the wait for a tick.
+  void Completed(Common::Error result) override {
+    watch_has_ended_.store(true, std::memory_order_relaxed);
+    BasicSynchronizationFork<Atomics>::Completed(std::move(result));
   }
 
  private:
-  // Frees the controller for all threads if the step was only marked.
-  bool PublishEndedStep() {
-    if (!step_ended_) return false;
-    step_ended_ = false;
-    ProcessingDetachment* detachment = nullptr;
-    controller_.Release(detachment);
-    return true;
-  }
+  bool OnBeat() noexcept override { return mark_.GrowOld(); }
 
   BasicTailRecursionController& controller_;
-  // Used by the thread of the pass alone: a tick, which comes from another one, needs an armed
-  // detachment, and none is armed whose steps are marked.
-  bool step_ended_ = false;
+  StepMark mark_;
+  Metronome* metronome_ = nullptr;  // once asked for
+  bool is_watched_ = false;         // since the first step that was marked beside a service
+  std::atomic<bool> watch_has_ended_{false};  // also for want of memory: the next pass begins anew
 };
 
 template <class Atomics>
 void BasicTailRecursionController<Atomics>::Process() {
-  bool recursing = false;
-  std::shared_ptr<void> keep_alive;  // declared first: outlives the detachment of every pass
+  std::shared_ptr<void> keep_alive;  // outlives the count
   const LoopCount count(*this);
+  Loop(keep_alive);
+}
+
+template <class Atomics>
+void BasicTailRecursionController<Atomics>::Loop(std::shared_ptr<void>& keep_alive) {
+  bool recursing = false;
   for (;;) {
     ProcessingDetachment detachment(*this);
     recursing = TryAcquire(recursing, &detachment);
@@ -120,11 +193,7 @@ bool BasicTailRecursionController<Atomics>::MarkStepEnded() {
   // first one also sees the second.
   if (owner_thread_.load(std::memory_order_relaxed) != std::this_thread::get_id()) return false;
   if (detachment_ == nullptr || loops_.load() != 1) return false;
-  Service* service = nullptr;
-  GetAsyncService(&service);
-  if (service != nullptr) return false;  // a metronome is to watch this thread
-  detachment_->MarkStepEnded();
-  return true;
+  return detachment_->MarkStepEnded();
 }
 
 template <class Atomics>

@@ -263,22 +263,126 @@ TEST(AsyncService, TicksAndCancelsMeet) {
   }
 }
 
-// A loop whose steps all end inside their Perform stays on its thread, however long it runs: a wait
-// for a tick is a whole interval at least.
-TEST(AsyncService, DoesNotMoveALoopThatDoesNotStall) {
-  const std::thread::id starter = std::this_thread::get_id();
-  const auto end = ElasticPool::Clock::now() + std::chrono::milliseconds(200);
-  int elsewhere = 0;
+struct CountingWatcher final : Async::BeatWatcher {
+  bool OnBeat() noexcept override {
+    times.push_back(ElasticPool::Clock::now());
+    if (on_beat) on_beat();
+    return times.size() == beats;
+  }
+  std::size_t beats = 1;
+  std::vector<ElasticPool::Clock::time_point> times;
+  std::function<void()> on_beat;
+};
+
+// Those of the service come late, behind other work.
+TEST(AsyncService, BeatsAreAWholeIntervalApart) {
+  constexpr std::chrono::milliseconds kInterval(20);
+  AsyncService service;
+  std::atomic<bool> busy = true;
+  std::function<void()> work = [&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(4));
+    if (busy) service.GetPool().Post(Task(work));
+  };
+  const std::size_t tasks = 3 * service.GetPool().GetParallelism();
+  for (std::size_t i = 0; i < tasks; ++i) service.GetPool().Post(Task(work));
+  CountingHandler handler;
+  CountingWatcher watcher;
+  watcher.beats = 12;
+  watcher.times.reserve(watcher.beats);
+  Async::Beats* const beats = service.GetMetronomeSource()->GetMetronome(20)->GetBeats();
+  ASSERT_NE(beats, nullptr);
+  const auto job = beats->Watch(watcher, handler);
+  handler.end.acquire();
+  busy = false;
+  service.Stop();
+  EXPECT_EQ(handler.told, 1);
+  EXPECT_EQ(handler.code, 0u);
+  ASSERT_EQ(watcher.times.size(), watcher.beats);
+  for (std::size_t i = 1; i < watcher.beats; ++i) {
+    EXPECT_GE(watcher.times[i] - watcher.times[i - 1], kInterval);
+  }
+}
+
+TEST(AsyncService, AWatchEndsByCancelByStopAndForWantOfMemoryForTheNextBeat) {
+  AsyncService service;
+  const auto watch = [&](unsigned int interval, CountingWatcher& watcher, CountingHandler& end) {
+    return service.GetMetronomeSource()->GetMetronome(interval)->GetBeats()->Watch(watcher, end);
+  };
+  CountingWatcher watchers[4];
+  CountingHandler handlers[4];
+  const auto canceled = watch(3600 * 1000, watchers[0], handlers[0]);
+  canceled->Cancel();
+  canceled->Cancel();
+
+  std::unique_ptr<TestSupport::AllocationWatch> no_memory;
+  watchers[1].beats = 2;
+  watchers[1].on_beat = [&] { no_memory = std::make_unique<TestSupport::AllocationWatch>(0, 1); };
+  struct Told : Async::ActionHandler {
+    void Completed(Common::Error result) override {
+      memory->reset();
+      next->Completed(std::move(result));
+    }
+    std::unique_ptr<TestSupport::AllocationWatch>* memory;
+    CountingHandler* next;
+  } told;
+  told.memory = &no_memory;
+  told.next = &handlers[1];
+  const auto lost =
+      service.GetMetronomeSource()->GetMetronome(1)->GetBeats()->Watch(watchers[1], told);
+  handlers[1].end.acquire();
+  const auto next = watch(1, watchers[2], handlers[2]);
+  handlers[2].end.acquire();
+
+  const auto last = watch(3600 * 1000, watchers[3], handlers[3]);
+  service.Stop();
+  const std::uint32_t codes[] = {Async::kCanceledCode, Async::kCanceledCode, 0,
+                                 Async::kCanceledCode};
+  for (std::size_t i = 0; i < 4; ++i) {
+    EXPECT_EQ(handlers[i].told, 1) << i;
+    EXPECT_EQ(handlers[i].code, codes[i]) << i;
+  }
+  EXPECT_THROW(watch(1, watchers[3], handlers[3]), Common::Error);
+}
+
+TEST(AsyncService, ASequenceOutlivesTheStop) {
+  static AsyncService* current = nullptr;
+  AsyncService service;
+  current = &service;
+  const Async::ServiceProvider provider =
+      Async::SetServiceProvider([](Async::Service** out) { *out = current; });
   Async::ActionSequence sequence;
-  for (int i = 0; i < 20000; ++i) {
+  int steps = 0;
+  for (int i = 0; i < 10; ++i) {
     sequence.Execute(Async::MakeAction([&](Async::ActionHandler& handler) {
-      if (std::this_thread::get_id() != starter) ++elsewhere;
-      handler.Completed(ElasticPool::Clock::now() < end
-                            ? Common::Error()
-                            : Common::Error(Async::kStopSequenceCode, Common::LineTag{}));
+      if (++steps == 3) service.Stop();
+      handler.Completed({});
       return nullptr;
     }));
   }
+  CountingHandler handler;
+  const auto job = sequence.Perform(handler);
+  Async::SetServiceProvider(provider);
+  EXPECT_EQ(handler.told, 1);
+  EXPECT_EQ(handler.code, 0u);
+  EXPECT_EQ(steps, 10);
+}
+
+// A loop whose steps all end inside their Perform stays on its thread, however long it runs: a wait
+// for a tick is a whole interval at least.
+TEST(AsyncService, DoesNotMoveALoopThatDoesNotStall) {
+  struct Repeating : Async::ActionSequence {
+    bool IsRepeating(Async::ActionHandler&) override { return true; }
+  } sequence;
+  const std::thread::id starter = std::this_thread::get_id();
+  const auto end = ElasticPool::Clock::now() + std::chrono::milliseconds(200);
+  int elsewhere = 0;
+  sequence.Execute(Async::MakeAction([&](Async::ActionHandler& handler) {
+    if (std::this_thread::get_id() != starter) ++elsewhere;
+    handler.Completed(ElasticPool::Clock::now() < end
+                          ? Common::Error()
+                          : Common::Error(Async::kStopSequenceCode, Common::LineTag{}));
+    return nullptr;
+  }));
   CountingHandler handler;
   const auto job = sequence.Perform(handler);
   EXPECT_EQ(handler.told, 1);
@@ -307,7 +411,7 @@ TEST(AsyncService, MovesALoopWhoseThreadStalls) {
   EXPECT_NE(second, std::this_thread::get_id());
 }
 
-// With the service a wait for a tick goes with each step, and now and then a timer for all of them.
+// With the service the metronome takes some for its beats.
 TEST(AsyncService, NoStepOfASequenceTakesMemory) {
   constexpr unsigned long long kSteps = 4000;
   const Async::ServiceProvider provider = Async::SetServiceProvider(nullptr);

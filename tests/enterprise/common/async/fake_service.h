@@ -15,8 +15,12 @@
 namespace Async::Testing {
 
 // The process's async service while it lives: a thread for each piece of work, and a metronome
-// whose ticks the test makes. Joins its threads at its end; waits for ticks must be over by then.
-class FakeService final : public Service, private MetronomeSource, private Metronome {
+// whose ticks and beats the test makes. Joins its threads at its end; waits for ticks must be over
+// by then.
+class FakeService final : public Service,
+                          private MetronomeSource,
+                          private Metronome,
+                          private Beats {
  public:
   FakeService() {
     instance = this;
@@ -26,6 +30,7 @@ class FakeService final : public Service, private MetronomeSource, private Metro
     Join();
     SetServiceProvider(nullptr);
     EXPECT_TRUE(waiting_.empty());
+    EXPECT_TRUE(watching_.empty());
   }
 
   std::shared_ptr<Job> PerformWork(Work& work, ActionHandler& handler) override {
@@ -73,10 +78,29 @@ class FakeService final : public Service, private MetronomeSource, private Metro
     lock.unlock();
     for (ActionHandler* const handler : told) handler->Completed({});
   }
+  void ShowBeats() { shows_beats_ = true; }
+  // Returns when those whose tick it was were told.
+  void Beat() {
+    std::unique_lock lock(mutex_);
+    std::vector<ActionHandler*> told;
+    std::erase_if(watching_, [&told](const auto& watch) {
+      const bool ticks = watch.first->OnBeat();
+      if (ticks) told.push_back(watch.second);
+      return ticks;
+    });
+    lock.unlock();
+    for (ActionHandler* const handler : told) handler->Completed({});
+  }
+  void LoseWatches() {
+    std::unique_lock lock(mutex_);
+    const auto lost = std::exchange(watching_, {});
+    lock.unlock();
+    for (const auto& [watcher, handler] : lost) handler->Completed(canceled_error.Get());
+  }
   int waits = 0;
   std::atomic<int> works = 0;  // the times that work was given, refused or not
   std::vector<ActionHandler*> kept_work;
-  unsigned int interval = 0;
+  std::atomic<unsigned int> interval = 0;
 
  private:
   Metronome* GetMetronome(unsigned int asked) override {
@@ -95,12 +119,28 @@ class FakeService final : public Service, private MetronomeSource, private Metro
     });
   }
 
+  Beats* GetBeats() override { return shows_beats_ ? this : nullptr; }
+  std::shared_ptr<Job> Watch(BeatWatcher& watcher, ActionHandler& handler) override {
+    const std::lock_guard lock(mutex_);
+    ++waits;
+    watching_.emplace_back(&watcher, &handler);
+    return std::make_shared<FakeJob>([this, &handler] {
+      std::unique_lock taking(mutex_);
+      const auto is_its = [&handler](const auto& watch) { return watch.second == &handler; };
+      if (std::erase_if(watching_, is_its) == 0) return;
+      taking.unlock();
+      handler.Completed(canceled_error.Get());
+    });
+  }
+
   static inline FakeService* instance = nullptr;
 
   TlsSynchronizationCallbackStorage storage_;
   std::mutex mutex_;
   std::vector<std::thread> threads_;
   std::vector<ActionHandler*> waiting_;
+  std::vector<std::pair<BeatWatcher*, ActionHandler*>> watching_;
+  bool shows_beats_ = false;
   std::function<void()> refuse_work_;
   bool keep_work_ = false;
   bool run_work_inside_ = false;

@@ -2,11 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "core/common/non_copyable.h"
@@ -21,6 +23,10 @@ enum class PlantedFault {
   kFinishBeforeTick,  // a listener's wait is over before its tick
   kRowDropped,        // the change CANCELLING to CANCELLING_COMPLETED is refused
   kTellsFirst,        // the handler is told before the control is free
+  kAgesByStore,       // a beat ages the mark of a step that its thread has taken meanwhile
+  kNoGrace,           // the tick comes to a mark with the first beat
+  kTakesTicked,       // the thread takes the step that its tick was given for
+  kMarkUnwatched,     // marks are not shown to the beats
 };
 
 }  // namespace Async
@@ -139,10 +145,27 @@ struct ModelAtomics {
    public:
     explicit Counter(std::uintptr_t value) : value_(value) {}
 
-    std::uintptr_t load() const {
+    std::uintptr_t load(std::memory_order = {}) const {
       Enter();
       NoteRead();
       return value_;
+    }
+    void store(std::uintptr_t value, std::memory_order = {}) { exchange(value); }
+    std::uintptr_t exchange(std::uintptr_t value) {
+      Enter();
+      NoteWrite();
+      return std::exchange(value_, value);
+    }
+    bool compare_exchange_strong(std::uintptr_t& expected, std::uintptr_t desired) {
+      Enter();
+      const bool equal = value_ == expected;
+      (equal ? value_ : expected) = equal ? desired : value_;
+      if (equal) {
+        NoteWrite();
+      } else {
+        NoteRead();
+      }
+      return equal;
     }
     void fetch_add(std::uintptr_t change) {
       Enter();

@@ -25,14 +25,21 @@ enum WaitKind {
   kTicksAtOnce,    // inside WaitTick
 };
 
-// An async service whose threads are those of the scenario that call PerformOne and TickOne.
-class ModelService final : public Service, private MetronomeSource, private Metronome {
+// An async service whose threads are those of the scenario that call PerformOne, TickOne and Beat.
+// With beats it makes so many of them.
+class ModelService final : public Service,
+                           private MetronomeSource,
+                           private Metronome,
+                           private Beats {
  public:
-  explicit ModelService(WaitKind kind) : kind_(kind) {}
+  explicit ModelService(WaitKind kind, bool shows_beats = false)
+      : kind_(kind), shows_beats_(shows_beats) {}
 
   Metronome* GetMetronome(unsigned int) override { return this; }
   bool HasWork() const { return !queue_.empty(); }
   bool HasWaits() const { return !waiting_.empty(); }
+  bool HasWatches() const { return !watching_.empty(); }
+  bool HasBeatsOrWaits() const { return (HasWatches() && beats_left != 0) || HasWaits(); }
 
   void PerformOne() {
     const Entry entry = queue_.front();
@@ -47,8 +54,31 @@ class ModelService final : public Service, private MetronomeSource, private Metr
     Explorer().Remember(wait->canceled);
     wait->handler.Completed(wait->canceled ? Failure(kCanceledCode) : Common::Error());
   }
+  void BeatOrTick() {
+    if (HasWaits()) {
+      TickOne();
+    } else {
+      Beat();
+    }
+  }
+  void Beat() {
+    const std::shared_ptr<Wait> wait = watching_.front();
+    Explorer().Remember(wait->hash);
+    --beats_left;
+    looks_at_watch_ = 1;
+    const bool ticks = wait->watcher->OnBeat();
+    looks_at_watch_ = 0;
+    Explorer().Remember(ticks);
+    if (ticks) {
+      if (on_tick) on_tick();
+      watching_.pop_front();
+    }
+    ++beats;
+    if (ticks) wait->handler.Completed({});
+  }
   std::uint64_t Snapshot() const {
-    std::uint64_t hash = 0;
+    std::uint64_t hash = MixAll(0, {beats, beats_left, looks_at_watch_});
+    for (const auto& wait : watching_) hash = InterleavingExplorer::Mix(hash, wait->hash);
     for (const Entry& entry : queue_) hash = InterleavingExplorer::Mix(hash, entry.hash);
     for (const auto& wait : waiting_) {
       hash = MixAll(InterleavingExplorer::Mix(hash, wait->hash), {wait->canceled});
@@ -68,6 +98,10 @@ class ModelService final : public Service, private MetronomeSource, private Metr
   }
   MetronomeSource* GetMetronomeSource() override { return this; }
 
+  int beats = 0;  // that are over
+  int beats_left = 0;
+  std::function<void()> on_tick;
+
  private:
   struct Entry {
     Work* work;
@@ -75,7 +109,8 @@ class ModelService final : public Service, private MetronomeSource, private Metr
     std::uint64_t hash;
   };
   struct Wait : BaseJob {
-    Wait(ModelService& owner, ActionHandler& told) : service(owner), handler(told) {
+    Wait(ModelService& owner, ActionHandler& told, BeatWatcher* asked = nullptr)
+        : service(owner), handler(told), watcher(asked) {
       Explorer().Remember(21);
       hash = Explorer().History();
     }
@@ -83,6 +118,7 @@ class ModelService final : public Service, private MetronomeSource, private Metr
 
     ModelService& service;
     ActionHandler& handler;
+    BeatWatcher* const watcher;
     std::uint64_t hash;
     bool canceled = false;
   };
@@ -100,7 +136,27 @@ class ModelService final : public Service, private MetronomeSource, private Metr
     Explorer().Remember(22);
     return wait;
   }
+  Beats* GetBeats() override { return shows_beats_ ? this : nullptr; }
+  std::shared_ptr<Job> Watch(BeatWatcher& watcher, ActionHandler& handler) override {
+    Explorer().Point();
+    const auto wait = std::make_shared<Wait>(*this, handler, &watcher);
+    watching_.push_back(wait);
+    Explorer().Remember(24);
+    return wait;
+  }
+  // As under a lock of the beats.
+  void CancelWatch(Wait& wait) {
+    Explorer().Await([this] { return looks_at_watch_ == 0; });
+    const auto at = std::find_if(watching_.begin(), watching_.end(),
+                                 [&wait](const auto& other) { return other.get() == &wait; });
+    Explorer().Remember(at != watching_.end());
+    if (at == watching_.end()) return;
+    const std::shared_ptr<Wait> kept = *at;
+    watching_.erase(at);
+    kept->handler.Completed(Failure(kCanceledCode));
+  }
   void CancelWait(Wait& wait) {
+    if (wait.watcher != nullptr) return CancelWatch(wait);
     Explorer().Point();
     const auto at = std::find_if(waiting_.begin(), waiting_.end(),
                                  [&wait](const auto& other) { return other.get() == &wait; });
@@ -116,8 +172,11 @@ class ModelService final : public Service, private MetronomeSource, private Metr
   }
 
   const WaitKind kind_;
+  const bool shows_beats_;
   std::deque<Entry> queue_;
   std::deque<std::shared_ptr<Wait>> waiting_;
+  std::deque<std::shared_ptr<Wait>> watching_;
+  int looks_at_watch_ = 0;
 };
 
 // One listener of one wait. Thread 0 owns it, thread 1 ticks, thread 2 may stop it too.
@@ -205,12 +264,18 @@ enum StepKind {
   kElsewhere,  // thread 1 completes it, maybe before Perform has returned
   kLater,      // thread 0 completes it when it has left its loop
   kBlocks,     // completes inside, and its thread blocks behind that until the next one has begun
+  kStalls,     // the same without a word to its callbacks
 };
+
+enum ServiceKind { kNoService, kTicks, kBeats };
 
 struct SequenceSituation {
   std::vector<StepKind> steps;
-  bool with_service;
+  ServiceKind service;
   bool with_cancel;
+  // Beyond the two that a step which stalls is given. Two of them may move the loop to the one
+  // thread of the service, where no step must stall.
+  int free_beats = 2;
 };
 
 // Thread 0 starts and holds the sequence until the handler was told. The others, as needed: thread
@@ -221,10 +286,14 @@ class SequenceScenario : public ModelScenario, public ActionHandler {
 
   explicit SequenceScenario(const SequenceSituation& situation)
       : situation_(situation),
-        service_(kTellsInCancel),
+        service_(kTellsInCancel, situation.service == kBeats),
         performed_(situation.steps.size()),
         completed_(situation.steps.size()) {
-    service = situation_.with_service ? &service_ : nullptr;
+    service = situation_.service != kNoService ? &service_ : nullptr;
+    service_.beats_left = situation_.free_beats;
+    service_.on_tick = [this] {
+      Expect(service_.beats > ended_at_, "a tick comes a whole interval behind the step");
+    };
     SetServiceProvider([](Service** out) { *out = service; });
     starter_ = std::make_shared<Sequence>(*this);
     if (situation_.with_cancel) canceller_ = starter_;
@@ -236,9 +305,13 @@ class SequenceScenario : public ModelScenario, public ActionHandler {
     if (Has(kElsewhere)) threads.push_back([this] { EndSteps(kElsewhere); });
     if (situation_.with_cancel) threads.push_back([this] { CancelOnce(); });
     users_ = static_cast<int>(threads.size());
-    if (!situation_.with_service) return threads;
+    if (situation_.service == kNoService) return threads;
     threads.push_back([this] { Serve(&ModelService::HasWork, &ModelService::PerformOne); });
-    if (!Has(kElsewhere) || !situation_.with_cancel) {
+    if (Has(kElsewhere) && situation_.with_cancel) return threads;
+    if (situation_.service == kBeats) {
+      threads.push_back(
+          [this] { Serve(&ModelService::HasBeatsOrWaits, &ModelService::BeatOrTick); });
+    } else {
       threads.push_back([this] { Serve(&ModelService::HasWaits, &ModelService::TickOne); });
     }
     return threads;
@@ -247,8 +320,8 @@ class SequenceScenario : public ModelScenario, public ActionHandler {
   std::uint64_t Snapshot() const override {
     std::uint64_t hash = InterleavingExplorer::Mix(ModelObject::SnapshotAll(), service_.Snapshot());
     hash = MixAll(MixAll(hash, performed_), completed_);
-    return MixAll(
-        hash, {acquired_, told_, result_canceled_, cancel_, cancel_before_last_, users_, serving_});
+    return MixAll(hash, {acquired_, told_, result_canceled_, cancel_, cancel_before_last_, users_,
+                         serving_, ended_at_});
   }
 
   void Check() override {
@@ -284,6 +357,7 @@ class SequenceScenario : public ModelScenario, public ActionHandler {
         return;
       }
       scenario_.acquired_ = 0;
+      scenario_.ended_at_ = scenario_.service_.beats;
       Continue();
     }
     void Cancel() { control_.Cancel(); }
@@ -305,10 +379,11 @@ class SequenceScenario : public ModelScenario, public ActionHandler {
     if (step + 1 == performed_.size() && cancel_ == 2) cancel_before_last_ = 1;
     Explorer().Remember(40);
     const StepKind kind = situation_.steps[step];
-    if (kind == kInside || kind == kBlocks) handler.Completed({});
-    if (kind != kBlocks) return nullptr;
-    return std::make_shared<JobWithAnEnd>([this, step] {
-      NotifySynchronization(nullptr);
+    if (kind == kInside || kind == kBlocks || kind == kStalls) handler.Completed({});
+    if (kind != kBlocks && kind != kStalls) return nullptr;
+    return std::make_shared<JobWithAnEnd>([this, step, kind] {
+      if (kind == kBlocks) NotifySynchronization(nullptr);
+      if (kind == kStalls) service_.beats_left += 2;
       Explorer().Await([this, step] { return performed_[step + 1] != 0 || told_ != 0; });
     });
   }
@@ -349,8 +424,8 @@ class SequenceScenario : public ModelScenario, public ActionHandler {
   void Serve(bool (ModelService::*has)() const, void (ModelService::*serve)()) {
     for (;;) {
       Explorer().Await([this, has] {
-        return (service_.*has)() ||
-               (users_ == 0 && serving_ == 0 && !service_.HasWork() && !service_.HasWaits());
+        return (service_.*has)() || (users_ == 0 && serving_ == 0 && !service_.HasWork() &&
+                                     !service_.HasWaits() && !service_.HasWatches());
       });
       Explorer().Remember((service_.*has)());
       if (!(service_.*has)()) return;
@@ -372,6 +447,7 @@ class SequenceScenario : public ModelScenario, public ActionHandler {
   int cancel_ = 0;  // 1 inside, 2 behind
   int cancel_before_last_ = 0;
   int users_ = 0, serving_ = 0;
+  int ended_at_ = 0;  // so many beats were over at the end of the last step
 };
 
 #ifndef PLANTED_FAULTS
@@ -410,21 +486,27 @@ class SequenceInterleavings : public testing::Test {
 };
 
 TEST_F(SequenceInterleavings, StepsThatEndElsewhereOrLater) {
-  Explore({{kElsewhere, kElsewhere, kInside}, false, false}, 4);
-  Explore({{kLater, kElsewhere, kLater}, false, false}, 4);
+  Explore({{kElsewhere, kElsewhere, kInside}, kNoService, false}, 4);
+  Explore({{kLater, kElsewhere, kLater}, kNoService, false}, 4);
 }
 TEST_F(SequenceInterleavings, CancelDuringAndBetweenSteps) {
-  Explore({{kElsewhere, kInside, kElsewhere}, false, true});
+  Explore({{kElsewhere, kInside, kElsewhere}, kNoService, true});
 }
 TEST_F(SequenceInterleavings, AStepThatBlocksInline) {
-  Explore({{kBlocks, kElsewhere, kInside}, false, false}, 4);
+  Explore({{kBlocks, kElsewhere, kInside}, kNoService, false}, 4);
 }
 TEST_F(SequenceInterleavings, TicksAndWaitsHandTheLoopOver) {
-  Explore({{kInside, kInside}, true, false});
-  Explore({{kBlocks, kInside}, true, false});
+  Explore({{kInside, kInside}, kTicks, false});
+  Explore({{kBlocks, kInside}, kTicks, false});
+}
+TEST_F(SequenceInterleavings, BeatsHandOverALoopThatStallsAndNoOther) {
+  Explore({{kInside, kInside, kInside}, kBeats, false});
+  Explore({{kStalls, kInside, kInside}, kBeats, false});
+  Explore({{kInside, kStalls, kInside}, kBeats, false, 1});
+  Explore({{kBlocks, kInside}, kBeats, false});
 }
 TEST_F(SequenceInterleavings, CancelOfALoopThatIsHandedOver) {
-  Explore({{kBlocks, kInside}, true, true}, 1);
+  Explore({{kBlocks, kInside}, kTicks, true}, 1);
 }
 
 #else
@@ -436,7 +518,20 @@ TEST(PlantedFaultDeathTest, AStopThatDoesNotWaitForTheTickIsFound) {
 
 TEST(PlantedFaultDeathTest, AnOwnerThatIsNeverClearedIsFound) {
   ExpectFound<SequenceScenario>(PlantedFault::kOwnerStays, "all threads wait",
-                                SequenceSituation{{kLater, kElsewhere}, false, false}, 2);
+                                SequenceSituation{{kLater, kElsewhere}, kNoService, false}, 2);
+}
+
+TEST(PlantedFaultDeathTest, AMarkThatAgesWrongIsFound) {
+  const SequenceSituation inside{{kInside, kInside, kInside}, kBeats, false};
+  ExpectFound<SequenceScenario>(PlantedFault::kAgesByStore,
+                                "broken: one thread holds the controller", inside, 2);
+  ExpectFound<SequenceScenario>(PlantedFault::kTakesTicked,
+                                "broken: one thread holds the controller", inside, 2);
+  ExpectFound<SequenceScenario>(PlantedFault::kNoGrace,
+                                "broken: a tick comes a whole interval behind the step", inside, 2);
+  ExpectFound<SequenceScenario>(PlantedFault::kMarkUnwatched, "all threads wait",
+                                SequenceSituation{{kInside, kStalls, kInside}, kBeats, false, 1},
+                                2);
 }
 
 #endif

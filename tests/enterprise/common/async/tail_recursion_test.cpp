@@ -97,6 +97,134 @@ TEST(TailRecursion, AStepThatBlocksHandsTheLoopOverAlsoWhenTheServiceHasJustCome
   service->Join();
 }
 
+// A tick comes to a step whose end has stood for a whole interval, and to no other; the steps begin
+// no wait of their own for it.
+TEST(TailRecursion, BeatsMoveTheLoopOfAThreadThatStalls) {
+  const auto controller = std::make_shared<Steps>();
+  FakeService service;
+  service.ShowBeats();
+  std::binary_semaphore third{0};
+  std::thread::id thread_of_third;
+  controller->steps = {[&] {
+                         controller->Continue();
+                         service.Beat();
+                       },
+                       [&] {
+                         service.Beat();
+                         service.Beat();
+                         controller->Continue();
+                         service.Beat();
+                         EXPECT_EQ(service.works, 0);
+                         service.Beat();
+                         EXPECT_TRUE(Take(third));
+                       },
+                       [&] {
+                         thread_of_third = std::this_thread::get_id();
+                         third.release();
+                       }};
+  controller->Process();
+  EXPECT_NE(thread_of_third, std::thread::id());
+  EXPECT_NE(thread_of_third, std::this_thread::get_id());
+  EXPECT_EQ(service.waits, 1);
+  EXPECT_EQ(service.interval, 60u);
+}
+
+TEST(TailRecursion, AWatchThatIsLostBeginsAnewWithTheNextStep) {
+  const auto controller = std::make_shared<Steps>();
+  FakeService service;
+  service.ShowBeats();
+  std::binary_semaphore third{0};
+  controller->steps = {[&] {
+                         controller->Continue();
+                         service.LoseWatches();
+                       },
+                       [&] {
+                         controller->Continue();
+                         service.Beat();
+                         service.Beat();
+                         EXPECT_TRUE(Take(third));
+                       },
+                       [&] { third.release(); }};
+  controller->Process();
+  EXPECT_EQ(service.waits, 2);
+}
+
+// As long as both threads are in the loop, each end of a step is told to all.
+TEST(TailRecursion, TheThreadThatHasTakenTheLoopOverWaitsOnceForItsTick) {
+  const auto controller = std::make_shared<Steps>();
+  FakeService service;
+  service.ShowBeats();
+  std::binary_semaphore second{0}, first_has_left{0};
+  const auto ends = [&] { controller->Continue(); };
+  controller->steps = {[&] {
+                         controller->Continue();
+                         NotifySynchronization(nullptr);
+                         EXPECT_TRUE(Take(second));
+                       },
+                       [&] {
+                         second.release();
+                         EXPECT_TRUE(Take(first_has_left));
+                         controller->Continue();
+                       },
+                       ends, ends, [] {}};
+  controller->Process();
+  first_has_left.release();
+  service.Join();
+  EXPECT_EQ(controller->next, 5u);
+  EXPECT_EQ(service.waits, 2);
+}
+
+TEST(TailRecursion, WithoutAServiceNoBeatMovesTheLoop) {
+  const auto controller = std::make_shared<Steps>();
+  FakeService service;
+  service.ShowBeats();
+  controller->steps = {[&] { controller->Continue(); },
+                       [&] {
+                         SetServiceProvider(nullptr);
+                         controller->Continue();
+                         service.Beat();
+                         service.Beat();
+                         EXPECT_EQ(controller->next, 2u);
+                       },
+                       [] {}};
+  controller->Process();
+  EXPECT_EQ(controller->next, 3u);
+}
+
+// Steps on whatever thread has the loop, now and then one that stalls until the next has begun.
+TEST(TailRecursion, BeatsAtAnyMomentLoseNoStepAndRunNoneTwice) {
+  struct Counting final : TailRecursionController, std::enable_shared_from_this<Counting> {
+    enum { kSteps = 4000 };
+
+    std::shared_ptr<void> GetKeepAlive() override { return shared_from_this(); }
+    void Iterate() override {
+      const int step = ++position;  // a race if two threads had the loop
+      begun = step;
+      if (step == kSteps) return;
+      Continue();
+      const bool stalls = step % 40 == 0;
+      while (stalls && begun == step) std::this_thread::yield();
+    }
+
+    int position = 0;
+    std::atomic<int> begun = 0;
+  };
+  const auto controller = std::make_shared<Counting>();
+  FakeService service;
+  service.ShowBeats();
+  std::thread ticking([&] {
+    while (controller->begun != Counting::kSteps) {
+      service.Beat();
+      service.TickHere();  // to a step that was told of while two threads were in the loop
+    }
+  });
+  controller->Process();
+  ticking.join();
+  service.Join();
+  EXPECT_EQ(controller->position, Counting::kSteps);
+  EXPECT_GE(service.works, 1);
+}
+
 // The service goes while work that it took still waits for its thread.
 TEST(TailRecursion, ForkedWorkThatComesLateTakesTheStepThatIsFree) {
   struct LateService final : Service {
