@@ -177,7 +177,8 @@ void Save(const std::string& path, const std::string& archive) {
     if (entry->GetType() == Core::kDirEntry) {
       saver.SaveTree(full, name);
     } else {
-      saver.SaveEntry(*working, *entry, name);
+      posix_dir parent(full.substr(0, std::max<std::size_t>(full.rfind('/'), 1)));
+      saver.SaveEntry(parent, *entry, name);
     }
   } catch (const Common::Error& failure) {
     // The archive can't be written. What is whole is kept, if that much can be done.
