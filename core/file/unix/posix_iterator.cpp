@@ -115,7 +115,7 @@ std::uint64_t posix_dir::stat_iterator::AcquireAllocatedSize() {
 
 entry_type posix_dir::stat_iterator::GetType() {
   // The types of entries are the types of files without the lower bits.
-  if (type_ != DT_UNKNOWN) return TypeOfMode(DTTOIF(type_));
+  if (type_ != DT_UNKNOWN) return TypeOfMode(static_cast<mode_t>(DTTOIF(type_)));
   const struct stat* const status = GetStatus();
   return status != nullptr ? TypeOfMode(status->st_mode) : kRegularEntry;
 }
