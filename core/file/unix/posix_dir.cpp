@@ -107,8 +107,6 @@ std::unique_ptr<rio_dir> OpenRootDir() noexcept {
 
 posix_dir::posix_dir(std::string path) : path_(std::move(path)) {}
 
-posix_dir::~posix_dir() {}
-
 std::string posix_dir::Join(const char16_t* path) const {
   if (path == nullptr) return {};
   const std::string name = TextToFileName(path);
@@ -444,10 +442,6 @@ char16_t posix_dir::GetSeparator() {
 bool posix_dir::IsCaseSensitive() {
   return true;
 }
-
-void posix_dir::EnableNotification(std::shared_ptr<dir_callback>) {}
-
-void posix_dir::RearmNotification() {}
 
 void posix_dir::Remove(const char16_t* path) {
   CallOnPath(*this, path, kFileDeleteFailure, kSource.At("Remove", 160), ::unlink);

@@ -12,8 +12,6 @@
 
 namespace Core {
 
-class DirWatcher;
-
 // A directory of the file system, named by a path. Making one asks nothing of the system: whether
 // the directory exists shows when something is done in it. No link is followed by the object; the
 // system follows those in the middle of paths.
@@ -29,7 +27,6 @@ class posix_dir : public rio_dir {
 
   // The path is absolute and normalised, without a "/" at its end but for the root.
   explicit posix_dir(std::string path);
-  ~posix_dir() override;
 
   std::unique_ptr<posix_dir> OpenDir(const char16_t* path);
   std::unique_ptr<posix_dir> OpenDir(i_dir::iterator& entry);
@@ -58,12 +55,9 @@ class posix_dir : public rio_dir {
   bool IsSeparator(char16_t character) override;
   char16_t GetSeparator() override;
   bool IsCaseSensitive() override;
-  // kSetEntryTimes (0x40001, 0x40003; 0x4000E for a symbolic link), kBackupEntry, kRestoreEntry,
-  // kGetFileSystemName and kGetSystemPath (0x4000E).
+  // kSetEntryTimes (0x40001, 0x40003; 0x4000E for a symbolic link), kBackupEntry, kRestoreEntry and
+  // kGetSystemPath (0x4000E).
   void IOCTL(ioctl_record& record) override;
-  // 0x40007 when the thread of the watch can't be started.
-  void EnableNotification(std::shared_ptr<dir_callback> callback) override;
-  void RearmNotification() override;
 
   // 0x40007.
   std::unique_ptr<ro_file> OpenWrite(const char16_t* path, bool manual_locks) override;
@@ -133,12 +127,10 @@ class posix_dir : public rio_dir {
   // With the "/" at its end.
   std::string GetClosedPath() const;
   void SetEntryTimes(const entry_times_record& record);
-  void GetFileSystemName(file_system_name_record& record);
   void GetSystemPath(system_path_record& record);
 
   const std::string path_;
   Common::String wide_path_;  // with a "/" at its end; empty until somebody asks
-  DirWatcher* watcher_ = nullptr;
 };
 
 }  // namespace Core
