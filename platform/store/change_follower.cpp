@@ -1,8 +1,15 @@
 #include "platform/store/change_follower.h"
 
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <cstdint>
 #include <exception>
 #include <new>
+#include <system_error>
 #include <utility>
 
 #include "core/common/trace.h"
@@ -10,6 +17,18 @@
 #include "platform/store/guarded_call.h"
 
 namespace Platform::Store {
+
+namespace {
+
+// The least time between two looks at what others write in the store's folder.
+constexpr std::chrono::milliseconds kOthersPause{2};
+
+timespec ToTimespec(std::chrono::nanoseconds time) {
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
+  return {static_cast<time_t>(seconds.count()), static_cast<long>((time - seconds).count())};
+}
+
+}  // namespace
 
 // What a look brings to a view that is behind.
 struct ChangeFollower::Reading {
@@ -45,13 +64,13 @@ bool ChangeFollower::Serve(const View& view) {
     waiting_.insert(view);
     try {
       if (pool_ == nullptr) pool_ = std::make_shared<ElasticPool>();
-      if (!thread_.joinable()) thread_ = std::thread([this] { Run(); });
+      if (!thread_.joinable()) StartThread();
     } catch (...) {
       waiting_.erase(view);
       throw;
     }
     has_arrival_ = true;
-    work_.notify_one();
+    Wake();
   }
   // What a read left behind that was ended too late, or broken off. The following thread may be in
   // a look for another view, which waits for the store.
@@ -65,7 +84,7 @@ void ChangeFollower::Stop(const Common::Error& result) {
     const std::lock_guard lock(mutex_);
     stop_.store(true, std::memory_order_relaxed);
     thread = std::move(thread_);
-    work_.notify_one();
+    Wake();
   }
   if (thread.joinable()) thread.join();
   std::set<View> waiting;
@@ -90,31 +109,81 @@ void ChangeFollower::Stop(const Common::Error& result) {
   }
 }
 
+void ChangeFollower::StartThread() {
+  if (!wake_) wake_ = Ipc::UniqueDescriptor(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+  if (!wake_) throw std::system_error(errno, std::system_category());
+  thread_ = std::thread([this] { Run(); });
+}
+
+void ChangeFollower::Wake() {
+  if (!is_asleep_ || is_woken_) return;
+  const std::uint64_t one = 1;
+  is_woken_ = ::write(wake_.Get(), &one, sizeof one) == sizeof one;
+}
+
 void ChangeFollower::Run() {
-  changed_ = Clock::now();
+  LookPace pace(Clock::now());
   std::unique_lock lock(mutex_);
   while (!stop_.load(std::memory_order_relaxed)) {
     if (waiting_.empty()) {
-      work_.wait(lock);
+      Sleep(lock, Clock::time_point::max(), false);
       continue;
     }
     has_arrival_ = false;
     lock.unlock();
+    if (watch_->TakeEvents()) had_events_ = true;
+    has_found_ = false;
     bool has_more = false;
     try {
       has_more = Look();
     } catch (const std::bad_alloc&) {
       // The next look tries again.
     }
+    const Clock::time_point now = Clock::now();
+    const LookPace::Pause pause = pace.NoteLook(now, had_events_, has_found_);
+    had_events_ = false;
     lock.lock();
-    if (has_more) continue;
-    work_.wait_for(lock, GetPause(),
-                   [this] { return has_arrival_ || stop_.load(std::memory_order_relaxed); });
+    if (!has_more) Sleep(lock, now + pause.time, pause.is_ended_by_event);
   }
 }
 
-ChangeFollower::Clock::duration ChangeFollower::GetPause() const {
-  return std::clamp<Clock::duration>((Clock::now() - changed_) / 8, kShortestPause, kLongestPause);
+void ChangeFollower::Sleep(std::unique_lock<std::mutex>& lock, Clock::time_point end,
+                           bool is_ended_by_event) {
+  if (has_arrival_ || stop_.load(std::memory_order_relaxed)) return;
+  is_asleep_ = true;
+  lock.unlock();
+  Poll(end, is_ended_by_event);
+  lock.lock();
+  is_asleep_ = false;
+  if (!is_woken_) return;
+  std::uint64_t count = 0;
+  is_woken_ = ::read(wake_.Get(), &count, sizeof count) != sizeof count;
+}
+
+void ChangeFollower::Poll(Clock::time_point end, bool is_ended_by_event) {
+  Clock::time_point heeded{};  // from then on there is a look at events
+  for (;;) {
+    const Clock::time_point now = Clock::now();
+    if (now >= end) return;
+    const bool heeds = is_ended_by_event && now >= heeded;
+    pollfd waits[] = {{wake_.Get(), POLLIN, 0}, {heeds ? watch_->GetDescriptor() : -1, POLLIN, 0}};
+    const bool is_endless = end == Clock::time_point::max();
+    const timespec time =
+        ToTimespec((is_ended_by_event && !heeds ? std::min(end, heeded) : end) - now);
+    const int ready = ::ppoll(waits, 2, is_endless ? nullptr : &time, nullptr);
+    if (ready < 0) {
+      // Nothing but a signal interrupts it. This must not spin if anything else does.
+      if (errno != EINTR) std::this_thread::sleep_for(kOthersPause);
+      continue;
+    }
+    if (waits[0].revents != 0) return;
+    if (waits[1].revents == 0) continue;
+    if (watch_->TakeEvents()) {
+      had_events_ = true;
+      return;
+    }
+    heeded = Clock::now() + kOthersPause;
+  }
 }
 
 // Drops the views whose reads were taken or ended: a new read serves them anew. Nothing else does,
@@ -142,7 +211,7 @@ bool ChangeFollower::Look() {
     const Common::Error failure = RunGuarded(u"Follow", [&] {
       const auto log = watch_->Look(has_new_place, stop_);
       if (log == nullptr) return;
-      if (last_ != log->GetLast()) changed_ = Clock::now();
+      has_found_ = last_ != log->GetLast();
       last_ = log->GetLast();
       has_more = ReadLog(*log, views);
     });

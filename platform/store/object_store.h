@@ -86,6 +86,11 @@ class ChangeWatch : public Common::NonCopyable {
   // Meant for every few milliseconds: costs microseconds then. `stop` is borrowed by the log and
   // ends its steps and this call, waits for locks included. Throws as ChangeLog.
   virtual std::unique_ptr<ChangeLog> Look(bool always, const std::atomic<bool>& stop) = 0;
+  // Can be read, as poll tells, when something is being written: sooner than the change can be
+  // seen, and not for every change. -1 while there is none; a Look may make one.
+  virtual int GetDescriptor() const = 0;
+  // Takes what can be read from the descriptor. True if it concerns the store.
+  virtual bool TakeEvents() = 0;
 };
 
 struct ObjectSummary {

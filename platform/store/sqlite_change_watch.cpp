@@ -32,12 +32,11 @@ long long GetStampClock() {
   return ToNanoseconds(now);
 }
 
-// The log lies beside the file itself, not beside a link to it.
-std::string GetLogPath(const std::string& path) {
+std::string ResolveLinks(const std::string& path) {
   char* const resolved = ::realpath(path.c_str(), nullptr);
-  std::string log = resolved != nullptr ? resolved : path;
+  std::string result = resolved != nullptr ? resolved : path;
   ::free(resolved);
-  return log.append("-wal");
+  return result;
 }
 
 }  // namespace
@@ -74,7 +73,11 @@ std::unique_ptr<ChangeLog> SqliteChangeWatch::Look(bool always, const std::atomi
   if (has_moved) moved_ = now;
   stamps_ = stamps;
   settled_ = false;  // a look that fails proves nothing
-  log_path_ = GetLogPath(store_.GetPath());
+  // The log lies beside the file itself, not beside a link to it.
+  const std::string path = ResolveLinks(store_.GetPath());
+  log_path_ = path;
+  log_path_.append("-wal");
+  files_.Arm(path, log_path_);
   auto log = store_.ReadChanges(stop);
   settled_ = IsLeftBehind(stamps.main, stamp_now) && IsLeftBehind(stamps.log, stamp_now);
   looked_ = Clock::now();

@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 
+#include "platform/store/file_watch.h"
 #include "platform/store/object_store.h"
 #include "platform/store/sqlite_store.h"
 
@@ -30,6 +31,8 @@ class SqliteChangeWatch final : public ChangeWatch {
   explicit SqliteChangeWatch(const SqliteStore& store) : store_(store) {}
 
   std::unique_ptr<ChangeLog> Look(bool always, const std::atomic<bool>& stop) override;
+  int GetDescriptor() const override { return files_.GetDescriptor(); }
+  bool TakeEvents() override { return files_.Take(); }
 
   // The least time from one look to the next where the stamps stand still, `cost` being the time
   // that the last one took.
@@ -56,6 +59,7 @@ class SqliteChangeWatch final : public ChangeWatch {
   static bool IsLeftBehind(const FileStamps& stamps, long long now);
 
   const SqliteStore& store_;
+  FileWatch files_;  // armed by each look that is taken
   std::string log_path_;
   Stamps stamps_;            // as they were right before the last look
   bool settled_ = false;     // the clock had left them behind by then

@@ -1,5 +1,3 @@
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
@@ -17,7 +15,6 @@
 #include "enterprise/common/dml/subscribe_without_report.h"
 #include "enterprise/common/por/unit_operations.h"
 #include "platform/store/report_threads.h"
-#include "platform/store/sqlite_change_watch.h"
 #include "platform/store/sqlite_store.h"
 #include "platform/store/store_subscription.h"
 #include "platform/store/subscribe_job.h"
@@ -689,81 +686,6 @@ TEST_F(StoreFollowed, AWaitingReadHoldsNothingOpen) {
     EXPECT_EQ(read.Wait(), 0U);
   }
   EXPECT_TRUE(is_clean);
-}
-
-TEST_F(StoreWriters, EachLookThatFollowsAChangeFindsIt) {
-  const SqliteStore store(path_);
-  SqliteChangeWatch watch(store);
-  const std::atomic<bool> stop{false};
-  ASSERT_NE(watch.Look(false, stop), nullptr);
-  for (long long number = 2; number < 50; ++number) {
-    // Right behind a look that may or may not have been left out.
-    if (number % 3 == 0) watch.Look(false, stop);
-    Store({MakeVersion(static_cast<int>(number), 1)});
-    const auto log = watch.Look(false, stop);
-    ASSERT_NE(log, nullptr) << number;
-    ASSERT_EQ(log->GetLast(), number);
-  }
-  // A time stamp proves that nothing has changed only when the clock has left it behind.
-  const auto now = std::filesystem::file_time_type::clock::now();
-  std::filesystem::last_write_time(path_, now + std::chrono::hours(1));
-  EXPECT_NE(watch.Look(false, stop), nullptr);
-  EXPECT_NE(watch.Look(false, stop), nullptr);
-  std::filesystem::last_write_time(path_, now - std::chrono::hours(1));
-  EXPECT_NE(watch.Look(false, stop), nullptr);
-  bool is_quiet = false;
-  for (int i = 0; i < 100 && !is_quiet; ++i) is_quiet = watch.Look(false, stop) == nullptr;
-  EXPECT_TRUE(is_quiet);
-  EXPECT_NE(watch.Look(true, stop), nullptr);
-  // Behind a link the log lies beside the file.
-  const std::string link = folder_ + "/link";
-  std::filesystem::create_symlink(path_, link);
-  const SqliteStore linked(link);
-  SqliteChangeWatch linked_watch(linked);
-  linked_watch.Look(true, stop);
-  SqliteStoreWriter writer(path_);
-  for (long long number = 50; number < 60; ++number) {
-    writer.Begin();
-    writer.Put(*Parse(MakeVersion(static_cast<int>(number), 1)));
-    writer.Commit();
-    const auto seen = linked_watch.Look(false, stop);
-    ASSERT_NE(seen, nullptr) << number;
-    ASSERT_EQ(seen->GetLast(), number);
-  }
-}
-
-TEST(SqliteChangeWatch, PausesGrowWithTheCostOfLooks) {
-  using namespace std::chrono_literals;
-  EXPECT_EQ(SqliteChangeWatch::GetPause(true, 50us), 60ms);
-  EXPECT_EQ(SqliteChangeWatch::GetPause(false, 50us), 1s);
-  EXPECT_EQ(SqliteChangeWatch::GetPause(false, 100ms), 4s);
-  EXPECT_EQ(SqliteChangeWatch::GetPause(true, 1h), 10s);
-}
-
-// A writer makes a change visible some time after it has written it.
-TEST_F(StoreWriters, AChangeBehindItsTimeStampsIsFound) {
-  const SqliteStore store(path_);
-  SqliteChangeWatch watch(store);
-  const std::atomic<bool> stop{false};
-  SqliteStoreWriter writer(path_);
-  // Takes up the room in the log that the change will have.
-  Execute(path_,
-          "PRAGMA wal_autocheckpoint = 0; PRAGMA cache_size = 1; BEGIN;"
-          "UPDATE objects SET data = zeroblob(1000000); DELETE FROM object_is; ROLLBACK");
-  const std::string log = path_ + "-wal";
-  const auto written = std::filesystem::file_time_type::clock::now() - std::chrono::hours(1);
-  std::filesystem::last_write_time(log, written);
-  const auto size = std::filesystem::file_size(log);
-  watch.Look(true, stop);
-  ASSERT_EQ(watch.Look(true, stop)->GetLast(), 1);
-  writer.Begin();
-  writer.Put(*Parse(MakeVersion(2, 1)));
-  writer.Commit();
-  std::filesystem::last_write_time(log, written);
-  ASSERT_EQ(std::filesystem::file_size(log), size);
-  const auto seen = watch.Look(false, stop);
-  ASSERT_NE(seen, nullptr);
-  EXPECT_EQ(seen->GetLast(), 2);
 }
 
 TEST_F(StoreSubscribe, AReaderThatFellBehindIsTold) {
