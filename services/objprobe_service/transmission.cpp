@@ -324,28 +324,31 @@ bool Transmission::IsOpen(const Channel& channel) const {
 }
 
 bool Transmission::MustWait() const {
-  return is_patient_ && (queue_.size() > limits_.max_queue_records / 2 ||
-                         queue_cost_ > limits_.max_queue_bytes / 2);
+  return is_patient_ && (load_.records > limits_.max_queue_records / 2 ||
+                         load_.bytes > limits_.max_queue_bytes / 2);
 }
 
-// The first one may have any size.
-bool Transmission::IsTooLong() const {
-  return queue_.size() > limits_.max_queue_records ||
-         (!queue_.empty() &&
-          queue_cost_ - GetCost(queue_.front().update) > limits_.max_queue_bytes);
+// Of a client that is waited for only what doesn't wait itself counts: a channel whose updates are
+// being delivered as another one fills the queue can't hold back the one that it has.
+bool Transmission::IsFull() const {
+  const Load& load = is_patient_ ? load_of_marks_ : load_;
+  return load.records >= limits_.max_queue_records || load.bytes > limits_.max_queue_bytes;
 }
 
-// A pull that waits is served when a read ends, so that it isn't answered with a single record; and
-// before the bound is judged.
+// A pull that waits is served when a read ends, so that it isn't answered with a single record, or
+// when much has come.
 void Transmission::Append(Record record, Aftermath& aftermath) {
-  const std::size_t cost = GetCost(record.update);
-  queue_.push_back(std::move(record));
-  queue_cost_ += cost;
-  if (MustWait() || IsTooLong()) ServePull(aftermath);
-  if (IsTooLong()) {
+  if (IsFull()) {
     Stop(MakeServiceError(kUpdatesNotTaken, kSource.At("Append", 30)), aftermath);
     aftermath.failure = failure_;
+    return;
   }
+  const bool is_mark = record.kind != RecordKind::kUpdate;
+  const std::size_t cost = GetCost(record.update);
+  queue_.push_back(std::move(record));
+  load_.Add(cost);
+  if (is_mark) load_of_marks_.Add(cost);
+  if (MustWait()) ServePull(aftermath);
 }
 
 void Transmission::ServePull(Aftermath& aftermath) {
@@ -358,7 +361,7 @@ void Transmission::ServePull(Aftermath& aftermath) {
 void Transmission::Stop(const Common::Error& reason, Aftermath& aftermath) {
   failure_ = reason;
   std::deque<Record>().swap(queue_);
-  queue_cost_ = 0;
+  load_ = load_of_marks_ = {};
   if (pull_ != nullptr) {
     aftermath.call.swap(pull_);
     aftermath.answer = reason;
@@ -378,10 +381,11 @@ void Transmission::TakeRecords(Records& records) {
       return;
     }
     const std::size_t next_cost = GetCost(next.update);
+    if (next.kind != RecordKind::kUpdate) load_of_marks_.Remove(next_cost);
     records.push_back(std::move(next));
     queue_.pop_front();
     cost += next_cost;
-    queue_cost_ -= next_cost;
+    load_.Remove(next_cost);
   }
 }
 

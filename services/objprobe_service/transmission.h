@@ -31,11 +31,13 @@ namespace ObjProbeService {
 //   ChannelError      the error as value; nothing but the removal comes behind it
 //   ChannelRemoval    nil; the last record
 //
-// What waits to be pulled is bounded (ServiceLimits); its first record may have any size. When
-// it exceeds that, the transmission fails: its channels end, its memory goes, and all that is asked
-// of it is answered by that failure. A client that pulls doesn't come to that: while more than half
-// of the bound waits, channels leave the changes in the store's log. They do so until the time of
-// the timer has passed since the last pull.
+// What waits to be pulled is bounded (ServiceLimits), but for the size of the record that comes
+// last. When there would be more, the transmission fails: its channels end, its memory goes, and
+// all that is asked of it is answered by that failure. A client that pulls doesn't come to that by
+// its updates: while more than half of the bound waits, channels leave the changes in the store's
+// log, each behind one update at most, that may already be on its way. So half of the bound waits,
+// one update of each channel, and what isn't an update, which alone is held to the bound then.
+// They do so until the time of the timer has passed since the last pull.
 //
 // An answer ends in front of a ChannelError that follows an update, as a client drops the updates
 // that stand before it in the same answer.
@@ -83,6 +85,21 @@ class Transmission final : public PullTimer::Waiter,
   using Records = std::vector<Record>;
   using Call = std::shared_ptr<Platform::Ipc::ServerCall>;
 
+  // Records and the memory that they take.
+  struct Load {
+    std::size_t records = 0;
+    std::size_t bytes = 0;
+
+    void Add(std::size_t cost) {
+      ++records;
+      bytes += cost;
+    }
+    void Remove(std::size_t cost) {
+      --records;
+      bytes -= cost;
+    }
+  };
+
   // What a change of the state leaves to be done when nothing is held any more.
   struct Aftermath {
     Call call;  // to be answered, with `answer` if that is a failure, else with `records`
@@ -105,7 +122,7 @@ class Transmission final : public PullTimer::Waiter,
   // With the lock held.
   bool IsOpen(const Channel& channel) const;
   bool MustWait() const;
-  bool IsTooLong() const;
+  bool IsFull() const;  // one record more would be too much
   void Append(Record record, Aftermath& aftermath);
   void ServePull(Aftermath& aftermath);
   void Stop(const Common::Error& reason, Aftermath& aftermath);
@@ -126,7 +143,8 @@ class Transmission final : public PullTimer::Waiter,
   Channels channels_;
   unsigned int last_channel_ = 0;
   std::deque<Record> queue_;
-  std::size_t queue_cost_ = 0;
+  Load load_;               // of the queue
+  Load load_of_marks_;      // of those that are no updates
   Call pull_;               // that waits; the queue was empty when it came
   std::uint64_t wait_ = 0;  // of the pull
   // Channels that read no more until there is room, and the wait that ends their patience.

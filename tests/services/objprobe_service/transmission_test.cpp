@@ -151,6 +151,50 @@ TEST_F(TransmissionTest, ClientThatPullsGetsMoreThanTheQueueHolds) {
   EXPECT_TRUE(failures_.empty());
 }
 
+// Each channel that is being read as the queue fills has an update already. The client that pulls
+// gets them all; what no channel holds back is bounded all the same.
+TEST_F(TransmissionTest, ClientThatPullsGetsOneChangeInManyChannels) {
+  constexpr int kChannels = 20;
+  for (const bool is_by_bytes : {false, true}) {
+    SCOPED_TRACE(is_by_bytes);
+    limits_ = {};
+    if (is_by_bytes) {
+      limits_.max_queue_bytes = 100;
+    } else {
+      limits_.max_queue_records = 1;
+    }
+    transmission_.reset();
+    sources_.clear();
+    Make();
+    Texts expected;
+    for (int i = 1; i <= kChannels; ++i) {
+      Open();
+      EXPECT_EQ(Pull(), (Texts{std::to_string(i) + " open"}));
+      expected.push_back(Join({std::to_string(i), "+1v1"}));
+    }
+    for (auto& [number, source] : sources_) Create(source, 1, 2);
+    for (auto& [number, source] : sources_) source.Deliver();
+    // None has read beyond its first one, though more than the bound waits.
+    for (auto& [number, source] : sources_) EXPECT_EQ(source.reader.load(), nullptr);
+    Open();
+    expected.push_back(Join({std::to_string(kChannels + 1), " open"}));
+    Texts texts;
+    while (texts.size() < expected.size()) {
+      for (std::string& text : Pull()) texts.push_back(std::move(text));
+    }
+    EXPECT_EQ(texts, expected);
+    EXPECT_TRUE(failures_.empty());
+    for (int i = 0; i < 2; ++i) {
+      EXPECT_TRUE(failures_.empty());
+      transmission_->OpenChannel(transmission_->ReserveChannel(),
+                                 std::make_unique<TestSubscription>(sources_[100]), nullptr);
+    }
+    EXPECT_EQ(failures_,
+              (std::map<std::string, std::uint32_t>{{"transmission", kUpdatesNotTaken}}));
+    failures_.clear();
+  }
+}
+
 TEST_F(TransmissionTest, ClientThatDoesNotPullIsGivenUp) {
   limits_.max_queue_records = 5;
   Make(std::chrono::milliseconds(20));
