@@ -8,9 +8,11 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/system/error_code.hpp>
+#include <boost/system/system_error.hpp>
 #include <csignal>
 #include <exception>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -24,6 +26,16 @@ using boost::asio::posix::stream_descriptor;
 using boost::system::error_code;
 
 constexpr std::size_t kScratchSize = std::size_t{256} << 10;
+
+// Asio fails by an exception of its own, which callers don't know.
+template <class Made, class... Arguments>
+std::unique_ptr<Made> Make(Arguments&&... arguments) {
+  try {
+    return std::make_unique<Made>(std::forward<Arguments>(arguments)...);
+  } catch (const boost::system::system_error& failure) {
+    throw std::system_error(failure.code().value(), std::system_category());
+  }
+}
 
 class AsioWatch final : public IoWatch {
  public:
@@ -107,7 +119,7 @@ class AsioLoop final : public IoLoop {
   }
 
   std::unique_ptr<IoWatch> CreateWatch(int descriptor) override {
-    return std::make_unique<AsioWatch>(context_, descriptor);
+    return Make<AsioWatch>(context_, descriptor);
   }
   std::unique_ptr<IoTimer> CreateTimer() override { return std::make_unique<AsioTimer>(context_); }
   std::span<unsigned char> GetScratch() override { return scratch_; }
@@ -137,7 +149,7 @@ class AsioLoop final : public IoLoop {
 }  // namespace
 
 std::unique_ptr<IoLoop> IoLoop::Create() {
-  return std::make_unique<AsioLoop>();
+  return Make<AsioLoop>();
 }
 
 }  // namespace Platform::Ipc

@@ -31,7 +31,8 @@ class IoTimer : public Common::NonCopyable {
 // The one thread that looks after the connections of an end. Nothing that may block runs on it.
 class IoLoop : public Common::NonCopyable {
  public:
-  // Starts the thread. Throws std::system_error when the system lacks resources.
+  // Starts the thread. Throws std::system_error, with the system's errno, when there is no thread
+  // or no descriptor for it; std::bad_alloc.
   static std::unique_ptr<IoLoop> Create();
   // Stops.
   virtual ~IoLoop() = default;
@@ -44,7 +45,7 @@ class IoLoop : public Common::NonCopyable {
   // loop has seen to that. Then the thread is gone. Not on the loop's thread.
   virtual void Stop() = 0;
 
-  // On the loop's thread. Throws std::system_error.
+  // On the loop's thread. Throws std::system_error, with the system's errno; std::bad_alloc.
   virtual std::unique_ptr<IoWatch> CreateWatch(int descriptor) = 0;
   virtual std::unique_ptr<IoTimer> CreateTimer() = 0;
   // Memory for what is read, whose content lasts as long as the call that is running.

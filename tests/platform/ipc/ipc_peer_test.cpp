@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -336,6 +337,49 @@ TEST_F(IpcClientPeer, ACallThatAThreadWaitsForFailsInTimeAndTheConnectionGoesOn)
   EXPECT_TRUE(error.HoldsCode(Common::kPosixErrorCode));
   EXPECT_EQ(Call(*access_point, kEcho).GetCode(), kFaultCode);
   access_point.reset();
+}
+
+// While it lives, so many more descriptors can be had.
+class DescriptorLimit {
+ public:
+  explicit DescriptorLimit(int more) {
+    ::getrlimit(RLIMIT_NOFILE, &former_);
+    const int lowest = ::dup(STDERR_FILENO);
+    ::close(lowest);
+    rlimit limit = former_;
+    limit.rlim_cur = static_cast<rlim_t>(lowest + more);
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+  }
+  ~DescriptorLimit() { ::setrlimit(RLIMIT_NOFILE, &former_); }
+
+ private:
+  rlimit former_{};
+};
+
+TEST_F(IpcClientPeer, EachDescriptorThatCannotBeHadIsAnErrorOfBothEnds) {
+  const UniqueDescriptor silent = RawPeer::Listen(GetSocket());
+  ClientOptions options;
+  options.limits.handshake = std::chrono::milliseconds(20);
+  options.runtime_directory = folder_.GetPath();
+  ::setenv("VELORIN_IPC_DIR", folder_.GetPath().c_str(), 1);
+  std::uint32_t connected = 0;
+  std::uint32_t listened = 1;
+  int errors_of_loops = 0;
+  for (int more = 0; more < 12; ++more) {
+    const auto client = Client::Create(options);
+    TestHost host;
+    const auto server = Server::Create(host);
+    std::unique_ptr<Binding::AccessPoint> access_point;
+    const DescriptorLimit limit(more);
+    connected = ConnectLocally(*client, access_point).GetCode();
+    listened = CodeOf([&] { server->ListenLocal(kServiceId + 1); });
+    EXPECT_TRUE(connected != 0 && (more != 0 || listened != 0)) << more;
+    errors_of_loops += connected == kNoResources.code;
+    errors_of_loops += listened == kNoResources.code;
+  }
+  EXPECT_EQ(connected, kConnectTimedOut.code);  // got through to the peer, who says nothing
+  EXPECT_EQ(listened, 0u);
+  EXPECT_GE(errors_of_loops, 4);
 }
 
 TEST_F(IpcClientPeer, AHeartbeatKeepsAQuietConnection) {
