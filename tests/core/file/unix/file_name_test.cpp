@@ -92,11 +92,8 @@ TEST(FileNames, KeepBytesThatAreNoText) {
   EXPECT_EQ(FileNameToText("\xEF\xA2\x80"), u"\uF880");
   EXPECT_EQ(TextToFileName(u"\uF880"), "\x80");
   EXPECT_EQ(TextToFileName(u"\uF87F\uF900"), "\xEF\xA1\xBF\xEF\xA4\x80");
-  for (const char16_t half : {u'\xD800', u'\xDBFF', u'\xDC00', u'\xDFFF'}) {
-    const std::u16string text{u'\u00E4', half};
+  for (const char16_t* const text : {u"\u00E4\xD800", u"\xDC00z", u"\xD800\uF880\xDC00"}) {
     EXPECT_EQ(TextToFileName(text), "");
-    EXPECT_EQ(TextToFileName(text + u"b"), "");
-    EXPECT_EQ(TextToFileName(text + u'\uF880' + half), "");
   }
 }
 
