@@ -149,6 +149,15 @@ TEST_F(TransmissionTest, ClientThatPullsGetsMoreThanTheQueueHolds) {
   large.Deliver();
   EXPECT_EQ(Pull(), (Texts{"1+2v1"}));
   EXPECT_TRUE(failures_.empty());
+  // Behind a small one, too.
+  limits_.max_queue_bytes = 2000;
+  Make();
+  Source& mixed = Open();
+  mixed.created = {MakeVersion(1, 1), MakeVersion(2, 1, std::string(5000, 'x'))};
+  EXPECT_EQ(Pull(), (Texts{"1 open"}));
+  mixed.Deliver();
+  EXPECT_EQ(Pull(), (Texts{"1+1v1", "1+2v1"}));
+  EXPECT_TRUE(failures_.empty());
 }
 
 // Each channel that is being read as the queue fills has an update already. The client that pulls
