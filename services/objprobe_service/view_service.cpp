@@ -86,12 +86,8 @@ class ViewService::Connection final : public std::enable_shared_from_this<Connec
       case ViewMethod::kCloseView:
         CloseView(request.view);
         break;
-      case ViewMethod::kSubscribe: {
-        ReplyWriter reply(method);
-        reply.WriteSubscription(Subscribe());
-        reply.Send(*call);
-        return;
-      }
+      case ViewMethod::kSubscribe:
+        return AnswerSubscribe(*call);
       case ViewMethod::kAddInterest:
         return AddInterest(call, std::move(request));
       case ViewMethod::kReadSubscription:
@@ -237,6 +233,20 @@ class ViewService::Connection final : public std::enable_shared_from_this<Connec
     if (closed.empty()) throw MakeServiceError(kUnknownView, kSource.At("CloseView", 60));
   }
 
+  // Of a transmission that the client doesn't learn of nothing stays.
+  void AnswerSubscribe(ServerCall& call) {
+    ReplyWriter reply(ViewMethod::kSubscribe);
+    const unsigned int id = Subscribe();
+    const auto undo = [&] { Platform::Store::RunGuarded(u"Undo", [&] { Unsubscribe(id); }); };
+    try {
+      reply.WriteSubscription(id);
+      reply.Finish();
+    } catch (const std::bad_alloc&) {
+      undo();
+      throw;
+    }
+    if (!reply.Send(call)) undo();
+  }
   unsigned int Subscribe() {
     const std::lock_guard lock(mutex_);
     if (transmission_ != nullptr && !transmission_->GetFailure().IsFailure()) {

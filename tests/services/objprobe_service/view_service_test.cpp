@@ -458,12 +458,19 @@ TEST_F(ViewServiceTest, RememberedObjectsAreCounted) {
       std::count(texts.begin(), texts.end(), Join({"1 error ", std::to_string(kTooManyViews)})), 1);
 }
 
-// Of a view or channel whose client doesn't learn of it nothing stays, its place included.
+// Of a view, channel or transmission whose client doesn't learn of it nothing stays, its place
+// included.
 TEST_F(ViewServiceTest, SnapshotsThatAreNotToldLeaveNothing) {
   limits_.max_views = 1;
   limits_.max_reports = 1;
   HeldOffice::Reading reading;
   Serve(std::make_unique<HeldOffice>(reading));
+  Subscription untold;
+  for (const bool is_cancelled : {true, false}) {
+    SentRequest sent = MakeCall(CreateSubscribeRequest({}, untold));
+    is_cancelled ? sent.call->Cancel() : sent.call->TakeRoom();
+    session_->OnCall(sent.call);
+  }
   const unsigned int id = Subscribe();
   Units units;
   Topic topic;
