@@ -27,7 +27,8 @@ const char16_t* GetText(std::uint32_t code) {
       return u"The objects make a larger reply than the service sends. Ask for fewer of them with "
              u"the option \"LimitOptions\".";
     case kUpdatesNotTaken:
-      return u"More updates wait than the service keeps, because the client does not take them.";
+      return u"More updates wait than the service keeps, or some were lost with an answer, because "
+             u"the client does not take them.";
     case kViewClosing:
       return Common::GetMessageText(Common::MessageRow::DmlViewClosing);
     case kAlreadyRunning:

@@ -353,7 +353,11 @@ void Transmission::Append(Record record, Aftermath& aftermath) {
 
 void Transmission::ServePull(Aftermath& aftermath) {
   if (pull_ == nullptr || queue_.empty()) return;
-  TakeRecords(aftermath.records);
+  try {
+    TakeRecords(aftermath.records);
+  } catch (const std::bad_alloc&) {
+    aftermath.answer = Common::Error::OutOfMemory();
+  }
   aftermath.call.swap(pull_);
   EndWait(wait_);
 }
@@ -372,20 +376,27 @@ void Transmission::Stop(const Common::Error& reason, Aftermath& aftermath) {
   aftermath.ended.merge(channels_);
 }
 
+// Nothing is taken when there is no memory for it.
 void Transmission::TakeRecords(Records& records) {
+  std::size_t count = 0;
   std::size_t cost = 0;
-  while (!queue_.empty() && (records.empty() || cost < limits_.max_pull_bytes)) {
-    Record& next = queue_.front();
-    if (next.kind == RecordKind::kError && !records.empty() &&
-        records.back().kind == RecordKind::kUpdate) {
-      return;
+  for (const Record& next : queue_) {
+    if (count != 0 &&
+        (cost >= limits_.max_pull_bytes ||
+         (next.kind == RecordKind::kError && queue_[count - 1].kind == RecordKind::kUpdate))) {
+      break;
     }
+    ++count;
+    cost += GetCost(next.update);
+  }
+  records.reserve(count);
+  for (; count != 0; --count) {
+    Record& next = queue_.front();
     const std::size_t next_cost = GetCost(next.update);
+    load_.Remove(next_cost);
     if (next.kind != RecordKind::kUpdate) load_of_marks_.Remove(next_cost);
     records.push_back(std::move(next));
     queue_.pop_front();
-    cost += next_cost;
-    load_.Remove(next_cost);
   }
 }
 
@@ -406,22 +417,35 @@ void Transmission::EndWait(std::uint64_t& wait) {
 void Transmission::Finish(Aftermath aftermath) {
   for (const auto& [number, channel] : aftermath.ended) channel->Close();
   if (aftermath.failure.IsFailure()) on_failure_("transmission", aftermath.failure);
-  if (aftermath.call != nullptr) Answer(aftermath);
+  if (aftermath.call != nullptr && !Answer(aftermath)) FailOfLoss();
   for (const std::shared_ptr<Channel>& channel : aftermath.resumed) channel->Follow();
 }
 
-void Transmission::Answer(const Aftermath& aftermath) {
+void Transmission::FailOfLoss() {
+  Aftermath aftermath;
+  {
+    const std::lock_guard lock(mutex_);
+    if (failure_.IsFailure()) return;
+    Stop(MakeServiceError(kUpdatesNotTaken, kSource.At("FailOfLoss", 40)), aftermath);
+    aftermath.failure = failure_;
+  }
+  Finish(std::move(aftermath));
+}
+
+bool Transmission::Answer(const Aftermath& aftermath) {
   if (aftermath.answer.IsFailure()) {
-    return SendFailure(*aftermath.call, kPullMethod, aftermath.answer);
+    SendFailure(*aftermath.call, kPullMethod, aftermath.answer);
+    return true;
   }
   try {
     ReplyWriter reply(kPullMethod);
     reply.BeginTopicUpdates();
     for (const Record& record : aftermath.records) reply.WriteItem(record.update);
-    reply.Send(*aftermath.call);
+    if (reply.Send(*aftermath.call)) return true;
   } catch (const std::bad_alloc&) {
     aftermath.call->Fail(Common::Error::OutOfMemory());
   }
+  return aftermath.records.empty();
 }
 
 }  // namespace ObjProbeService

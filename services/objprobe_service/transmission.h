@@ -39,6 +39,9 @@ namespace ObjProbeService {
 // one update of each channel, and what isn't an update, which alone is held to the bound then.
 // They do so until the time of the timer has passed since the last pull.
 //
+// It fails, too, when an answer with records doesn't go out, for want of memory or because its call
+// is over: they are lost, and the client doesn't go on behind a gap that it can't see.
+//
 // An answer ends in front of a ChannelError that follows an update, as a client drops the updates
 // that stand before it in the same answer.
 //
@@ -131,7 +134,10 @@ class Transmission final : public PullTimer::Waiter,
   void EndWait(std::uint64_t& wait);
   // Without.
   void Finish(Aftermath aftermath);
-  static void Answer(const Aftermath& aftermath);
+  // Nobody goes on behind records that were lost.
+  void FailOfLoss();
+  // False when it has lost records.
+  static bool Answer(const Aftermath& aftermath);
 
   const unsigned int id_;
   const ServiceLimits limits_;

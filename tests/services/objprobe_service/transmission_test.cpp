@@ -218,6 +218,37 @@ TEST_F(TransmissionTest, ClientThatDoesNotPullIsGivenUp) {
   EXPECT_EQ(SendPull().Wait().GetCode(), kUpdatesNotTaken);
 }
 
+// The next answer would begin behind a gap.
+TEST_F(TransmissionTest, AnswerThatDoesNotGoOutEndsIt) {
+  for (const bool is_waiting : {false, true}) {
+    for (const bool is_cancelled : {false, true}) {
+      SCOPED_TRACE(Join({is_waiting ? "waiting" : "at once", is_cancelled ? ", cancelled" : ""}));
+      Make();
+      Source& source = Open();
+      SentRequest sent = MakeCall(CreateReadSubscriptionRequest(1, content_));
+      if (is_waiting) {
+        Pull();
+        transmission_->Pull(sent.call);
+      }
+      is_cancelled ? sent.call->Cancel() : sent.call->TakeRoom();
+      if (is_waiting) {
+        Create(source, 1, 1);
+        source.Deliver();
+      } else {
+        transmission_->Pull(sent.call);
+      }
+      if (is_waiting && is_cancelled) {
+        EXPECT_EQ(Pull(), (Texts{"1+1v1"}));
+        continue;
+      }
+      EXPECT_EQ(std::exchange(failures_, {}),
+                (std::map<std::string, std::uint32_t>{{"transmission", kUpdatesNotTaken}}));
+      EXPECT_EQ(source.reader.load(), nullptr);
+      EXPECT_EQ(SendPull().Wait().GetCode(), kUpdatesNotTaken);
+    }
+  }
+}
+
 // A client would drop the updates that stand in front of an error in one answer.
 TEST_F(TransmissionTest, ErrorDoesNotFollowUpdatesInOneAnswer) {
   Make();
