@@ -9,12 +9,14 @@
 #include "core/common/line_tag.h"
 #include "core/common/text.h"
 #include "core/common/trace.h"
+#include "core/file/unix/file_name.h"
 #include "enterprise/common/dml/local_post_office.h"
 #include "enterprise/common/dml/tools/objprobe/dml.h"
 #include "enterprise/common/dml/tools/objprobe/output.h"
 #include "enterprise/common/dml/tools/objprobe/output_stream.h"
 #include "enterprise/common/dml/tools/objprobe/service_connection.h"
 #include "enterprise/common/ipc/client/lib/client.h"
+#include "enterprise/common/por/parser/file_reader.h"
 #include "enterprise/common/por/parser/in_memory_data_reader.h"
 #include "enterprise/common/por/parser/unit_construction_format.h"
 #include "enterprise/common/por/unit_factory.h"
@@ -28,8 +30,6 @@ namespace {
 
 // The lines of this file are from 100; see arguments.cpp.
 constexpr Common::SourceFile kSource{"enterprise/common/dml/tools/objprobe/main"};
-
-constexpr std::uint32_t kCannotReadFile = 1;
 
 Por::SharedUnit ReadUnit(Utils::DataReader& reader, const Por::Construction::UnitFactory& factory) {
   OutputStream echo(StandardOutput());
@@ -45,11 +45,12 @@ Por::SharedUnit ReadUnitText(const std::string& text,
   return ReadUnit(reader, factory);
 }
 
-// A unit from a file. Files are not read yet: only the empty name, which is no file, works.
-Por::SharedUnit ReadUnitFile(const std::string& name) {
+// A unit from a file; the empty name is no file.
+Por::SharedUnit ReadUnitFile(const std::string& name,
+                             const Por::Construction::UnitFactory& factory) {
   if (name.empty()) return nullptr;
-  throw Common::Error(kCannotReadFile, "Query files are not supported by this build.",
-                      kSource.At("ReadUnitFile", 120));
+  Utils::FileReader reader(Core::FileNameToText(name));
+  return ReadUnit(reader, factory);
 }
 
 Por::SharedUnit CreateTypePattern(const std::string& object_type,
@@ -98,8 +99,8 @@ Dml::ViewSpec CreateViewSpec(const Arguments& arguments) {
     spec.options = ReadUnitText(arguments.options, factory);
     spec.pattern = ReadUnitText(arguments.pattern, factory);
   } else {
-    spec.options = ReadUnitFile(arguments.options_file);
-    spec.pattern = ReadUnitFile(arguments.pattern_file);
+    spec.options = ReadUnitFile(arguments.options_file, factory);
+    spec.pattern = ReadUnitFile(arguments.pattern_file, factory);
   }
   return spec;
 }

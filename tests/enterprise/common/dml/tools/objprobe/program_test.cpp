@@ -1,6 +1,9 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <regex>
@@ -79,7 +82,6 @@ std::string WithoutPlaces(const std::string& text) {
 
 TEST(FailedQuery, PrintsItsErrorBehindTheEchoAndExitsWithItsCode) {
   const std::string no_service = "Error 0x3: Failed to create local connection with HUB\n| line\n";
-  const std::string no_files = "Error 0x1: Query files are not supported by this build.\n| line\n";
   const struct {
     Words query;
     std::string text;  // the beginning
@@ -102,8 +104,11 @@ TEST(FailedQuery, PrintsItsErrorBehindTheEchoAndExitsWithItsCode) {
        7},
       // The options file is not consulted beside a pattern.
       {{"pattern", " ", "options_file", "/nowhere"}, "Interpret trace: \n" + no_service, 3},
-      {{"pattern_file", "/nowhere"}, no_files, 1},
-      {{"pattern_file", "", "options_file", "/nowhere"}, no_files, 1},
+      {{"pattern_file", "/nowhere"}, "Error 0x1: Cannot read from file '/nowhere'\n| line\n", 1},
+      // The options file comes first.
+      {{"pattern_file", "/nothing", "options_file", "/nowhere"},
+       "Error 0x1: Cannot read from file '/nowhere'\n| line\n",
+       1},
       // Options beside a file are not read, and an empty name is no file.
       {{"pattern_file", "", "options", "Foo("}, no_service, 3},
       {{"pattern", "", "options", "Foo("}, no_service, 3},
@@ -225,6 +230,77 @@ TEST_F(StoreReport, PrintsTheObjectsOfTheQuery) {
     EXPECT_EQ(result.err, "");
     EXPECT_EQ(result.status, 0);
   }
+}
+
+TEST_F(StoreReport, TakesPatternAndOptionsFromFiles) {
+  const TestSupport::TemporaryFolder folder;
+  const auto make_file = [&folder](const std::string& name, const std::string& text) {
+    std::ofstream(folder / name) << text;
+    return folder / name;
+  };
+  const std::string pattern = make_file("pattern", ".Nil()\n.End()");
+  const std::string one =
+      make_file("one", ".Composite().Property('LimitOptions').DWord(1).End().End()");
+  const std::string no_text = make_file("empty", "");
+  // Bytes that are no UTF-8 name a file as well as others do.
+  const std::string odd = make_file("odd \xFF\xC3\xA4", "Nil()End()");
+  const std::string all = std::string(kTask) + kMachine;
+  const std::string echo = "Interpret trace: .Nil().End()\n";
+  const struct {
+    Words query;
+    std::string text;
+  } cases[] = {
+      {{"pattern_file", pattern}, echo + all},
+      {{"pattern_file", odd, "report"}, echo + all},
+      {{"pattern_file", pattern, "options_file", one},
+       "Interpret trace: .Composite().Property(\"LimitOptions\").Dword(1).End().End()\n" + echo +
+           kTask},
+      // Without a unit everything matches.
+      {{"pattern_file", no_text}, "Interpret trace: \n" + all},
+      {{"pattern_file", "", "options_file", no_text}, "Interpret trace: \n" + all},
+      {{"pattern_file", pattern, "options", "Foo("}, echo + all},
+  };
+  for (const auto& c : cases) {
+    const ProgramResult result = Query(c.query);
+    EXPECT_EQ(result.out, c.text);
+    EXPECT_EQ(result.status, 0);
+  }
+}
+
+TEST_F(StoreReport, TellsWhyAQueryFileCantBeRead) {
+  const TestSupport::TemporaryFolder folder;
+  const std::string locked = folder / "locked";
+  // A lock of this process, as an editor would hold it.
+  const int descriptor = ::open(locked.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  struct flock lock = {};
+  lock.l_type = F_WRLCK;
+  ASSERT_EQ(::fcntl(descriptor, F_SETLK, &lock), 0);
+  std::filesystem::create_symlink("loop", folder / "loop");
+  const std::string sparse = folder / "sparse";
+  std::ofstream(sparse).put('.');
+  std::filesystem::resize_file(sparse, 2ULL << 40);
+  const struct {
+    std::string path;
+    std::string reason;
+  } cases[] = {
+      {folder / "missing", "error 0x40011: The specified file does not exist."},
+      {folder / "loop", "error 0x40007: Error occurred while opening the file."},
+      {locked, "error 0x40014: Access to the file is denied."},
+      {sparse, "error 0x40006: Not enough memory to complete the operation."},
+      {folder.GetPath(), "error 0x400"},
+      // Without an end to be sought.
+      {"/proc/self/status", "error 0x40005: Error occurred while searching in the file."},
+  };
+  for (const auto& c : cases) {
+    const ProgramResult result = Query({"pattern_file", c.path});
+    const std::string head = "Error 0x1: Cannot read from file '" + c.path +
+                             "'\n| line\n| file: enterprise/common/por/parser/file_io\n"
+                             "| function: Read\n| $module: objprobe_lxa64_43267\n|\n| " +
+                             c.reason;
+    EXPECT_EQ(WithoutPlaces(result.out).substr(0, head.size()), head);
+    EXPECT_EQ(result.status, 1);
+  }
+  ::close(descriptor);
 }
 
 TEST_F(StoreReport, EndsInOrderWhenNobodyReads) {
