@@ -47,7 +47,12 @@ class ViewPull final : public Dml::SubscriptionReader,
       const std::lock_guard lock(mutex_);
       self_ = shared_from_this();
     }
-    const std::shared_ptr<Async::Job> job = subscription.Read(*this, *this);
+    std::shared_ptr<Async::Job> job;
+    try {
+      job = subscription.Read(*this, *this);
+    } catch (const std::bad_alloc&) {
+      return Completed(Common::Error::OutOfMemory());
+    }
     if (job == nullptr) return;
     bool is_cancelled = false;
     {

@@ -9,11 +9,13 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "enterprise/common/dml/reader.h"
 #include "enterprise/common/dml_view_common/view_manager_requests.h"
 #include "enterprise/common/ipc/request_impl.h"
 #include "enterprise/serialize/xml_serializer.h"
@@ -114,6 +116,14 @@ class TestCall final : public Platform::Ipc::ServerCall {
   std::atomic<bool> has_no_room_{false};
   int answers_ = 0;
   bool is_gone_ = false;
+};
+
+// Finds no memory for a read.
+class FailingSubscription final : public Dml::Subscription {
+ public:
+  std::shared_ptr<Async::Job> Read(Dml::SubscriptionReader&, Async::ActionHandler&) override {
+    throw std::bad_alloc();
+  }
 };
 
 // A request of a client's own builder on its way.

@@ -512,6 +512,24 @@ TEST_F(ViewServiceTest, SnapshotsThatAreNotToldLeaveNothing) {
   EXPECT_EQ(Call(CreateOpenStaticViewRequest({}, units)), 0U);
 }
 
+TEST_F(ViewServiceTest, PullThatFindsNoMemoryLeavesNothing) {
+  HeldOffice::Reading reading;
+  Serve(std::make_unique<HeldOffice>(reading));
+  unsigned int view = 0;
+  Units units;
+  SentRequest sent = Send(CreateOpenDynamicViewRequest({}, view, units));
+  reading.End(std::make_unique<FailingSubscription>());
+  ASSERT_EQ(sent.Wait().GetCode(), 0U);
+  std::vector<ViewUpdate> updates;
+  std::weak_ptr<TestCall> call;
+  {
+    SentRequest pull = Send(CreateAcquireUpdatesRequest(view, updates));
+    EXPECT_EQ(pull.Wait().GetCode(), Common::Error::OutOfMemory().GetCode());
+    call = pull.call;
+  }
+  EXPECT_TRUE(call.expired());
+}
+
 TEST_F(ViewServiceTest, SecondGenerationIsNotServedInTheFirst) {
   Serve(1);
   EXPECT_EQ(service_->GetInterfaces().at(0).version, 1U);
