@@ -232,6 +232,12 @@ class AuthenticatorTest : public UserFileTest {
     });
   }
 
+  int CountInLog(const std::string& text) const {
+    int number = 0;
+    for (auto at = log_.find(text); at != std::string::npos; at = log_.find(text, at + 1)) ++number;
+    return number;
+  }
+
   Authenticator::Limits limits_;
   std::mutex mutex_;
   std::string log_;
@@ -277,25 +283,42 @@ TEST_F(AuthenticatorTest, RefusesAfterTooManyFailuresAlsoOfAttemptsAtATime) {
     for (std::thread& thread : threads) thread.join();
     return admitted.load();
   };
-  const auto count = [&](const std::string& text) {
-    int number = 0;
-    for (auto at = log_.find(text); at != std::string::npos; at = log_.find(text, at + 1)) ++number;
-    return number;
-  };
   // Success costs nothing, however often.
   EXPECT_EQ(try_all(kPassword, "192.0.2.1:5"), kAttempts);
   EXPECT_EQ(log_, "");
   EXPECT_EQ(try_all("wrong", "192.0.2.1:5"), 0);
   // No more passwords were tried than may be wrong; then nobody is let in from there.
-  EXPECT_EQ(count("refused: unknown user or wrong password"), 3);
-  EXPECT_EQ(count("refused: too many failures of the address"), kAttempts - 3);
+  EXPECT_EQ(CountInLog("refused: unknown user or wrong password"), 3);
+  EXPECT_EQ(CountInLog("refused: too many failures of the address"), kAttempts - 3);
   EXPECT_FALSE(authenticator->Authenticate("anna", kPassword, "192.0.2.1:7"));
   // From elsewhere, until the user has had too many, too.
   EXPECT_EQ(try_all(kPassword, "192.0.2.2:5"), kAttempts);
   EXPECT_EQ(try_all("wrong", "192.0.2.3:5"), 0);
-  EXPECT_EQ(count("refused: too many failures of the user"), kAttempts - 1);
+  EXPECT_EQ(CountInLog("refused: too many failures of the user"), kAttempts - 1);
   EXPECT_FALSE(authenticator->Authenticate("bob", kPassword, "192.0.2.2:5"));
   EXPECT_TRUE(authenticator->Authenticate("anna", kPassword, "192.0.2.2:5"));
+}
+
+// Each attempt comes from another network, so that only the user's count can hold it up.
+TEST_F(AuthenticatorTest, TriesNoMorePasswordsOfOneUserAtATimeThanMayFail) {
+  constexpr int kAttempts = 12;
+  constexpr int kMost = 2;
+  limits_.max_failures_of_user = kMost;
+  const auto authenticator = Make();
+  for (const bool is_right : {true, false}) {
+    std::atomic<int> admitted{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kAttempts; ++i) {
+      threads.emplace_back([&, i] {
+        const std::string address = std::string("192.0.2.").append(std::to_string(i));
+        if (authenticator->Authenticate("bob", is_right ? kPassword : "wrong", address)) ++admitted;
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(admitted, is_right ? kAttempts : 0);
+  }
+  EXPECT_EQ(CountInLog("refused: unknown user or wrong password"), kMost);
+  EXPECT_EQ(CountInLog("refused: too many failures of the user"), kAttempts - kMost);
 }
 
 TEST_F(AuthenticatorTest, UnknownUsersCostAHash) {

@@ -265,6 +265,15 @@ TEST_F(TransmissionTest, ErrorDoesNotFollowUpdatesInOneAnswer) {
   EXPECT_EQ(last[1], "2 open");
 }
 
+TEST_F(TransmissionTest, ChannelThatFindsNoMemoryToReadSaysSo) {
+  Make();
+  transmission_->OpenChannel(transmission_->ReserveChannel(),
+                             std::make_unique<FailingSubscription>(), nullptr);
+  const std::uint32_t code = Common::Error::OutOfMemory().GetCode();
+  EXPECT_EQ(Pull(), (Texts{"1 open", Join({"1 error ", std::to_string(code)})}));
+  EXPECT_EQ(failures_, (std::map<std::string, std::uint32_t>{{"channel 1", code}}));
+}
+
 }  // namespace
 
 }  // namespace ObjProbeService
