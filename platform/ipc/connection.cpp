@@ -56,6 +56,8 @@ void Connection::Do(void (Connection::*step)()) {
   if (has_ended_) return;
   try {
     (this->*step)();
+  } catch (const std::bad_alloc&) {
+    End(Common::Error::OutOfMemory(), false);
   } catch (const std::exception& failure) {
     End(MakeReasonedError(kNoResources, failure.what(), kSource.At("Do", 10)), false);
   }
@@ -252,6 +254,11 @@ void Connection::SendMessage(FrameKind kind, std::uint64_t call_id,
     FailWriting(MakeError(kOutputFull, kSource.At("SendMessage", 110)));
   }
   Pump();
+}
+
+void Connection::FailSending(const Common::Error& error) noexcept {
+  const std::lock_guard lock(mutex_);
+  if (is_open_ && !is_finishing_) FailWriting(error);
 }
 
 bool Connection::DropPacket(std::uint64_t call_id) {

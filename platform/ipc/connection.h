@@ -54,6 +54,9 @@ class Connection : public FrameSink, public std::enable_shared_from_this<Connect
   // `payload` is wiped when `is_secret`.
   void SendMessage(FrameKind kind, std::uint64_t call_id, std::vector<unsigned char> payload = {},
                    bool is_secret = false);
+  // Something that the peer waits for can't be sent: the connection ends, without a Goodbye, at the
+  // latest when the time limits are looked at. Needs no memory.
+  void FailSending(const Common::Error& error) noexcept;
   // Drops what waits of a packet. Whether its first part has gone out.
   bool DropPacket(std::uint64_t call_id);
   // On the loop's thread: sends the message, then ends the connection when the peer has closed its

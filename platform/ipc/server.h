@@ -36,7 +36,9 @@ class ServerCall : public Common::NonCopyable {
   virtual const std::vector<unsigned char>& GetPacket() const = 0;
 
   // Answers the call, with a packet or with an error in its place. The first answer counts; after
-  // the call was cancelled or the connection is gone there is none, and these do nothing.
+  // the call was cancelled or the connection is gone there is none, and these do nothing. When
+  // there is no memory for the answer, the connection ends in its place; nothing is thrown. Reply
+  // alone throws std::bad_alloc, and the call is then still to be answered.
   virtual void Reply(std::vector<unsigned char> packet) = 0;
   // The same of a packet that somebody else holds, and `owner` keeps: a large one need not be
   // copied. False when the client won't get it: the call is over, or there is no room for the

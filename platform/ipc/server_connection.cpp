@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <new>
 #include <string>
 #include <utility>
 
@@ -17,16 +18,21 @@ constexpr Common::SourceFile kSource{"platform/ipc/server_connection"};
 constexpr std::size_t kMaxPromised = std::size_t{1} << 20;
 
 // A service has no reason to throw. What it throws all the same is traced and told as an error.
+// Needs no memory of its own.
 template <class Function>
-Common::Error Guard(Function&& function) {
+Common::Error Guard(Function&& function) noexcept {
   Common::Error error;
   try {
     function();
     return error;
   } catch (const Common::Error& failure) {
     error = failure;
+  } catch (const std::bad_alloc&) {
+    error = Common::Error::OutOfMemory();
   } catch (const std::exception& failure) {
-    error = MakeReasonedError(kNoResources, failure.what(), kSource.At("Guard", 10));
+    const Common::LineTag tag = kSource.At("Guard", 10);
+    error = MakeError(kNoResources, tag);
+    error.SetReason(Common::Error(kSystemReason.code, failure.what(), tag));
   } catch (...) {
     error = MakeError(kNoResources, kSource.At("Guard", 20));
   }
@@ -44,9 +50,7 @@ class ConnectionCall final : public ServerCall {
       : connection_(std::move(connection)), start_(start), packet_(std::move(packet)) {}
   ~ConnectionCall() override {
     if (state_ == State::kIsOpen) {
-      Guard([&] {
-        connection_->Fail(start_.call_id, MakeError(kNoAnswer, kSource.At("~ConnectionCall", 30)));
-      });
+      connection_->Fail(start_.call_id, MakeError(kNoAnswer, kSource.At("~ConnectionCall", 30)));
     }
     if (state_ != State::kIsAnswered) connection_->Release(packet_.size());
   }
@@ -60,10 +64,10 @@ class ConnectionCall final : public ServerCall {
     ReplyShared(owner, owner->data(), owner->size());
   }
   bool ReplyShared(std::shared_ptr<const void> owner, const unsigned char* packet,
-                   std::size_t size) override {
+                   std::size_t size) noexcept override {
     return BeginAnswer() && connection_->Reply(start_.call_id, std::move(owner), packet, size);
   }
-  void Fail(const Common::Error& error) override {
+  void Fail(const Common::Error& error) noexcept override {
     if (BeginAnswer()) connection_->Fail(start_.call_id, error);
   }
 
@@ -411,37 +415,42 @@ void ServerConnection::TakeCancel(std::uint64_t call_id) {
 }
 
 bool ServerConnection::Reply(std::uint64_t call_id, std::shared_ptr<const void> owner,
-                             const unsigned char* packet, std::size_t size) {
-  if (size > GetLimits().max_reply_size) {
-    Fail(call_id,
-         MakeError(kReplyTooLarge, kSource.At("Reply", 200), std::to_string(size) + " bytes"));
-    return false;
-  }
+                             const unsigned char* packet, std::size_t size) noexcept {
   if (!Take(call_id)) return false;
-  OutgoingPacket outgoing;
-  outgoing.start.call_id = call_id;
-  outgoing.start.size = size;
-  outgoing.data = packet;
-  outgoing.owner = std::move(owner);
   bool is_sent = false;
   Answer([&] {
-    is_sent = SendPacket(std::move(outgoing)) != Sending::kFull;
-    if (is_sent) return;
-    SendMessage(FrameKind::kFault, call_id,
-                EncodeError(MakeError(kOutputFull, kSource.At("Reply", 210))));
+    Common::Error error;
+    if (size <= GetLimits().max_reply_size) {
+      OutgoingPacket outgoing;
+      outgoing.start.call_id = call_id;
+      outgoing.start.size = size;
+      outgoing.data = packet;
+      outgoing.owner = std::move(owner);
+      is_sent = SendPacket(std::move(outgoing)) != Sending::kFull;
+      if (is_sent) return;
+      error = MakeError(kOutputFull, kSource.At("Reply", 210));
+    } else {
+      error = MakeError(kReplyTooLarge, kSource.At("Reply", 200), std::to_string(size) + " bytes");
+    }
+    SendMessage(FrameKind::kFault, call_id, EncodeError(error));
   });
   return is_sent;
 }
 
-void ServerConnection::Fail(std::uint64_t call_id, const Common::Error& error) {
+void ServerConnection::Fail(std::uint64_t call_id, const Common::Error& error) noexcept {
   if (!Take(call_id)) return;
   Answer([&] { SendMessage(FrameKind::kFault, call_id, EncodeError(error)); });
 }
 
-// A client must not wait for an answer that has found no room.
-void ServerConnection::Answer(const std::function<void()>& send) {
+template <class Send>
+void ServerConnection::Answer(Send&& send) noexcept {
   const Common::Error error = Guard(send);
-  if (error.IsFailure()) Close(error);
+  if (!error.IsFailure()) return;
+  try {
+    Close(error);
+  } catch (const std::exception&) {
+    FailSending(error);
+  }
 }
 
 void ServerConnection::Release(std::size_t size) {

@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <unordered_map>
@@ -85,8 +84,8 @@ class ServerConnection final : public Connection {
   // From the calls. Only the first one for an id does something.
   // Whether the client gets it, unless the connection ends before.
   bool Reply(std::uint64_t call_id, std::shared_ptr<const void> owner, const unsigned char* packet,
-             std::size_t size);
-  void Fail(std::uint64_t call_id, const Common::Error& error);
+             std::size_t size) noexcept;
+  void Fail(std::uint64_t call_id, const Common::Error& error) noexcept;
   // A call with a packet of that size is about to be answered, or is destroyed without an answer.
   void Release(std::size_t size);
 
@@ -121,7 +120,9 @@ class ServerConnection final : public Connection {
   void SendWelcome(std::vector<InterfaceVersion> interfaces);
   bool EndMalformed(const IpcFailure& failure, const char* detail, std::uint32_t line);
   bool Dispatch(IncomingPacket packet);
-  void Answer(const std::function<void()>& send);
+  // A client must not wait for an answer that has found no memory: then the connection ends.
+  template <class Send>
+  void Answer(Send&& send) noexcept;
   void TakeCancel(std::uint64_t call_id);
   // Takes a call out of the open ones. False: it isn't open.
   bool Take(std::uint64_t call_id);

@@ -9,6 +9,8 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <new>
+#include <semaphore>
 #include <string>
 #include <thread>
 #include <utility>
@@ -17,6 +19,7 @@
 #include "platform/ipc/ipc_codes.h"
 #include "tests/platform/ipc/ipc_test_support.h"
 #include "tests/platform/ipc/raw_peer.h"
+#include "tests/support/allocation_watch.h"
 #include "tests/support/child_process.h"
 
 // What an end does when the other one doesn't keep to the rules, or isn't who it must be.
@@ -188,6 +191,98 @@ TEST(IpcServerPeer, CostsNoMemoryByALengthAlone) {
   const auto reply = peer.Receive();
   ASSERT_TRUE(reply);
   EXPECT_EQ(reply->call_id, 7u);
+}
+
+// Answers in the way of the method, while memory is out from some allocation on.
+class ForgetfulHost final : public ServiceHost {
+ public:
+  enum Way : std::uint32_t { kReplies = 1, kRepliesShared, kFails, kDrops };
+
+  bool Authenticate(const std::string&, const std::string&, const std::string&) override {
+    return false;
+  }
+  std::unique_ptr<Session> Open(unsigned int, const Peer&, std::vector<InterfaceVersion>&,
+                                Common::Error&) override {
+    return std::make_unique<ForgetfulSession>(*this);
+  }
+
+  // Set before a call comes.
+  unsigned long long successes = 0;
+  unsigned long long failures = 0;
+  // Behind a call.
+  std::binary_semaphore is_done{0};
+  bool has_failed = false;
+
+ private:
+  struct ForgetfulSession final : Session {
+    explicit ForgetfulSession(ForgetfulHost& of) : host(of) {}
+    void OnCall(std::shared_ptr<ServerCall> call) override { host.Answer(std::move(call)); }
+    void OnClosed() override {}
+    ForgetfulHost& host;
+  };
+
+  void Answer(std::shared_ptr<ServerCall> call) {
+    const auto shared = std::make_shared<const Buffer>(40, 'r');
+    Buffer packet = *shared;
+    {
+      const TestSupport::AllocationWatch watch(successes, failures);
+      try {
+        switch (call->GetMethodNumber()) {
+          case kReplies:
+            call->Reply(std::move(packet));
+            break;
+          case kRepliesShared:
+            call->ReplyShared(shared, shared->data(), shared->size());
+            break;
+          case kFails:
+            call->Fail(Common::Error::OutOfMemory());
+            break;
+        }
+      } catch (const std::bad_alloc&) {
+        call->Fail(Common::Error::OutOfMemory());
+      }
+      call.reset();
+      has_failed = watch.HasFailed();
+    }
+    is_done.release();
+  }
+};
+
+TEST(IpcServerPeer, GetsAnAnswerOrAnEndWhereverMemoryIsOut) {
+  const TestSupport::TemporaryFolder folder;
+  ::setenv("VELORIN_IPC_DIR", folder.GetPath().c_str(), 1);
+  ForgetfulHost host;
+  Limits limits;
+  limits.heartbeat = std::chrono::milliseconds(40);  // it looks at its connections that often
+  limits.idle = std::chrono::minutes(2);
+  const auto server = Server::Create(host, limits);
+  server->ListenLocal(kServiceId);
+  for (const auto way : {ForgetfulHost::kReplies, ForgetfulHost::kRepliesShared,
+                         ForgetfulHost::kFails, ForgetfulHost::kDrops}) {
+    for (const unsigned long long failures : {1ull, TestSupport::AllocationWatch::kAll}) {
+      bool has_failed = true;
+      for (host.successes = 0; has_failed; ++host.successes) {
+        host.failures = failures;
+        RawPeer peer = RawPeer::Connect(folder / "service-33.sock");
+        ASSERT_TRUE(peer.Send(RawPeer::MakeHello(kServiceId)));
+        ASSERT_TRUE(peer.Receive());
+        ASSERT_TRUE(peer.SendFrame(FrameKind::kRequest, 1, RequestStart(way, 0, 0)));
+        host.is_done.acquire();
+        has_failed = host.has_failed;
+        const auto answer = peer.Receive();
+        const FrameKind kind = answer ? answer->kind : FrameKind::kGoodbye;
+        const FrameKind good =
+            way <= ForgetfulHost::kRepliesShared ? FrameKind::kReply : FrameKind::kFault;
+        EXPECT_TRUE(kind == good ||
+                    (has_failed && (kind == FrameKind::kFault || kind == FrameKind::kGoodbye)))
+            << way << " " << host.successes << " " << static_cast<int>(kind);
+        if (kind != FrameKind::kGoodbye) continue;
+        ASSERT_TRUE(peer.WaitForEnd()) << way << " " << host.successes;
+      }
+      // All but a shared packet take memory.
+      EXPECT_TRUE(host.successes > 1 || way == ForgetfulHost::kRepliesShared) << way;
+    }
+  }
 }
 
 // Plays the service of one connection on a thread.
