@@ -40,6 +40,7 @@ class ClientImpl final : public Client,
   bool BeginCall() override;
   void EndCall() override;
   void Deliver(std::shared_ptr<ClientCall> call) override { delivery_.Post(std::move(call)); }
+  void EnsureDelivery() noexcept override { delivery_.EnsureRetry(); }
   void NoteBlocked() override { pool_.NoteBlocked(); }
   void Forget(Connection& connection) override;
 

@@ -22,6 +22,9 @@ class ClientCore : public Common::NonCopyable {
   virtual void EndCall() = 0;
   // Has the call run on the pool, at once or as soon as the pool can. Never fails.
   virtual void Deliver(std::shared_ptr<ClientCall> call) = 0;
+  // Sees to it that calls are delivered that have found no thread or no memory. To be called now
+  // and then.
+  virtual void EnsureDelivery() noexcept = 0;
   // The calling thread is about to wait.
   virtual void NoteBlocked() = 0;
   // The connection has ended.
@@ -57,6 +60,7 @@ class ClientConnection final : public Connection {
 
  private:
   void OnReady() override;
+  void OnTick() noexcept override { core_->EnsureDelivery(); }
   bool OnFrame(FrameKind kind, std::uint64_t call_id, Bytes payload) override;
   bool OnPacketStart(const PacketStart& start) override;
   bool OnPacketBytes(std::uint64_t call_id, Bytes bytes) override;

@@ -191,6 +191,7 @@ bool Connection::OnMessage(FrameKind kind, std::uint64_t call_id, Bytes payload)
 }
 
 void Connection::Tick() {
+  OnTick();
   bool has_failed = false;
   const Clock::time_point now = Clock::now();
   {

@@ -77,6 +77,8 @@ class Connection : public FrameSink, public std::enable_shared_from_this<Connect
   virtual void OnReady() = 0;
   // Frames that this class has no use for. False: stop reading, the connection has ended.
   virtual bool OnFrame(FrameKind kind, std::uint64_t call_id, Bytes payload) = 0;
+  // Now and then, as long as the connection is open.
+  virtual void OnTick() noexcept {}
   // The connection has ended. Once, the last of the hooks.
   virtual void OnEnd(const Common::Error& error) = 0;
 

@@ -36,13 +36,13 @@ void Delivery::Post(std::shared_ptr<DeliveryTask> task) noexcept {
   try {
     pool_.Post(task);
   } catch (const std::exception&) {
-    {
-      const std::lock_guard lock(mutex_);
-      task->next_ = std::move(undelivered_);
-      undelivered_ = std::move(task);
-    }
-    EnsureRetry();
+    const std::lock_guard lock(mutex_);
+    task->next_ = std::move(undelivered_);
+    undelivered_ = std::move(task);
   }
+  // Also when this one has got through: one before it may not even have found memory to be tried
+  // again.
+  EnsureRetry();
 }
 
 void Delivery::EnsureRetry() noexcept {

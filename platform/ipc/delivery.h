@@ -31,8 +31,9 @@ class Delivery : public Common::NonCopyable {
   void Post(std::shared_ptr<DeliveryTask> task) noexcept;
   // Throws std::bad_alloc; then it is as if it hadn't been called.
   void Post(std::function<void()> task);
-  // Sees to it that what is undelivered is tried again, also if there was no memory for that. What
-  // waits for a task calls it now and then.
+  // Sees to it that what is undelivered is tried again, also if there was no memory for that. Post
+  // calls it, connections do when they look at their time limits, and what waits for a task does
+  // now and then.
   void EnsureRetry() noexcept;
 
   // Before the loop stops, and behind it, before the pool does: what is still undelivered runs on

@@ -107,6 +107,7 @@ class ServerConnection final : public Connection {
   };
 
   void OnReady() override {}
+  void OnTick() noexcept override { core_.GetDelivery().EnsureRetry(); }
   bool OnFrame(FrameKind kind, std::uint64_t call_id, Bytes payload) override;
   bool OnPacketStart(const PacketStart& start) override;
   bool OnPacketBytes(std::uint64_t call_id, Bytes bytes) override;
