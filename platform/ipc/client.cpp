@@ -56,7 +56,9 @@ class ClientImpl final : public Client,
   Clock::time_point GetDeadline() const { return Clock::now() + options_.limits.handshake; }
 
  private:
-  IoLoop& GetLoop();  // with the lock held
+  // With the lock held.
+  IoLoop& GetLoop();
+  bool CloseAll() noexcept;  // false: there was no memory for all
 
   const ClientOptions options_;
   ElasticPool pool_;
@@ -319,14 +321,24 @@ void ClientImpl::EndCall() {
   if (--open_calls_ == 0) idle_.notify_all();
 }
 
+bool ClientImpl::CloseAll() noexcept {
+  try {
+    const Common::Error reason = MakeError(kNotStarted, kSource.At("CloseAll", 100));
+    for (const auto& [key, connection] : connections_) connection->Close(reason);
+    return true;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
 Common::Error ClientImpl::Stop() {
   if (pool_.IsOwnThread()) return MakeError(kDeinitInCallback, kSource.At("Stop", 90));
   std::unique_lock lock(mutex_);
   if (std::exchange(is_stopped_, true)) return Common::Error();
-  for (const auto& [key, connection] : connections_) {
-    connection->Close(MakeError(kNotStarted, kSource.At("Stop", 100)));
-  }
-  while (!idle_.wait_for(lock, kRetryTime, [&] { return open_calls_ == 0; })) {
+  // Without memory for it, it is tried again.
+  bool are_closed = CloseAll();
+  while (!idle_.wait_for(lock, kRetryTime, [&] { return are_closed && open_calls_ == 0; })) {
+    if (!are_closed) are_closed = CloseAll();
     delivery_.EnsureRetry();
   }
   lock.unlock();

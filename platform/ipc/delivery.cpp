@@ -88,8 +88,8 @@ void Delivery::Retry() {
   }
 }
 
-void Delivery::PrepareStop() {
-  loop_->Post([this] {
+void Delivery::PrepareStop() noexcept {
+  loop_->PostAtLast([this] {
     is_stopping_ = true;
     timer_.reset();
   });

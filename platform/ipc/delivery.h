@@ -39,7 +39,7 @@ class Delivery : public Common::NonCopyable {
   // Before the loop stops, and behind it, before the pool does: what is still undelivered runs on
   // the calling thread. The last task is the first one, as the end of a session makes its calls
   // return, or takes the place of them.
-  void PrepareStop();
+  void PrepareStop() noexcept;
   void Flush();
 
  private:

@@ -12,6 +12,7 @@
 #include <csignal>
 #include <exception>
 #include <mutex>
+#include <new>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -26,6 +27,7 @@ using boost::asio::posix::stream_descriptor;
 using boost::system::error_code;
 
 constexpr std::size_t kScratchSize = std::size_t{256} << 10;
+constexpr std::chrono::milliseconds kMemoryPause{10};
 
 // Asio fails by an exception of its own, which callers don't know.
 template <class Made, class... Arguments>
@@ -147,6 +149,16 @@ class AsioLoop final : public IoLoop {
 };
 
 }  // namespace
+
+bool IoLoop::PostAtLast(const std::function<void()>& task) noexcept {
+  for (;;) {
+    try {
+      return Post(task);
+    } catch (const std::bad_alloc&) {
+      std::this_thread::sleep_for(kMemoryPause);
+    }
+  }
+}
 
 std::unique_ptr<IoLoop> IoLoop::Create() {
   return Make<AsioLoop>();

@@ -40,6 +40,9 @@ class IoLoop : public Common::NonCopyable {
   // Runs `task` on the loop's thread, in the order of the calls. False, and the task is dropped,
   // after Stop. Threads: any. Throws std::bad_alloc.
   virtual bool Post(std::function<void()> task) = 0;
+  // The same, but tries again until there is memory: for what an end can't do without. Not on the
+  // loop's thread.
+  bool PostAtLast(const std::function<void()>& task) noexcept;
   virtual bool IsOwnThread() const = 0;
   // Waits until what was posted has run and no watch and no timer waits any more: whoever stops the
   // loop has seen to that. Then the thread is gone. Not on the loop's thread.

@@ -220,7 +220,7 @@ LocalListener::~LocalListener() {
         found.st_dev == device_ && found.st_ino == inode_) {
       ::unlinkat(folder.Get(), name_.c_str(), 0);
     }
-  } catch (const Common::Error&) {
+  } catch (...) {
     // What stands in the way of removing it is no concern of those who stop: the next server finds
     // a leftover.
   }

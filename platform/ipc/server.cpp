@@ -11,6 +11,7 @@
 #include <new>
 #include <random>
 #include <system_error>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -40,6 +41,7 @@ constexpr std::size_t kMaxStrangersOfNetwork = 64;
 constexpr std::size_t kMaxSurplus = 128;
 constexpr int kMaxAccepts = 32;
 constexpr std::chrono::milliseconds kAcceptPause{100};
+constexpr std::chrono::milliseconds kMemoryPause{10};
 
 class ServerImpl;
 
@@ -83,6 +85,7 @@ class ServerImpl final : public Server, public ServerCore {
   void WaitAccept(Listener& listener);
   void Accept(Listener& listener);
   void Admit(Listener& listener, UniqueDescriptor socket);
+  void CloseAll();
 
   ServiceHost& host_;
   const Limits limits_;
@@ -91,6 +94,8 @@ class ServerImpl final : public Server, public ServerCore {
   std::unique_ptr<IoLoop> loop_;                      // from the first Listen on
   std::vector<std::unique_ptr<Listener>> listeners_;  // those who listen and stop
   bool is_stopped_ = false;
+  enum class Closing { kIsUnderWay, kHasFailed, kIsDone };
+  std::atomic<Closing> closing_{};
 
   std::mutex mutex_;  // guards what follows
   struct Entry {
@@ -304,27 +309,37 @@ void ServerImpl::Forget(Connection& connection) {
   std::erase(waiting_openings_, last);
 }
 
+void ServerImpl::CloseAll() {
+  for (const std::unique_ptr<Listener>& listener : listeners_) {
+    listener->watch.reset();
+    listener->timer.reset();
+  }
+  // From now on none comes.
+  Closing result = Closing::kIsDone;
+  {
+    const Common::Error reason = MakeError(kServerStopped, kSource.At("CloseAll", 60));
+    const std::lock_guard lock(mutex_);
+    try {
+      for (const auto& [key, entry] : connections_) entry.connection->Close(reason);
+    } catch (const std::bad_alloc&) {
+      result = Closing::kHasFailed;
+    }
+  }
+  closing_ = result;
+  closing_.notify_all();
+}
+
 void ServerImpl::Stop() {
-  if (std::exchange(is_stopped_, true)) return;
+  if (is_stopped_) return;
   if (loop_ != nullptr) {
-    loop_->Post([this] {
-      for (const std::unique_ptr<Listener>& listener : listeners_) {
-        listener->watch.reset();
-        listener->timer.reset();
-      }
-      // From now on none comes.
-      const std::lock_guard lock(mutex_);
-      for (const auto& [key, entry] : connections_) {
-        entry.connection->Close(MakeError(kServerStopped, kSource.At("Stop", 60)));
-      }
-    });
-    // What Close has posted must be in the queue before it is closed.
-    const auto passed = std::make_shared<std::atomic<bool>>(false);
-    loop_->Post([passed] {
-      passed->store(true);
-      passed->notify_all();
-    });
-    passed->wait(false);
+    // What Close posts must be in the queue before it is closed.
+    for (;;) {
+      closing_ = Closing::kIsUnderWay;
+      loop_->PostAtLast([this] { CloseAll(); });
+      closing_.wait(Closing::kIsUnderWay);
+      if (closing_ == Closing::kIsDone) break;
+      std::this_thread::sleep_for(kMemoryPause);
+    }
     delivery_.PrepareStop();
     loop_->Stop();
   }
@@ -332,6 +347,7 @@ void ServerImpl::Stop() {
   // What has found no thread may be what others wait for.
   delivery_.Flush();
   pool_.Stop();
+  is_stopped_ = true;
 }
 
 }  // namespace

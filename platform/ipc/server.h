@@ -117,7 +117,8 @@ class Server : public Common::NonCopyable {
                                   const std::string& key_file) = 0;
 
   // Takes no more clients, tells those that are there goodbye, ends their calls and closes the
-  // sessions. Returns when no callback runs any more. The second call does nothing.
+  // sessions. Returns when no callback runs any more. Doesn't fail: what there is no memory for is
+  // tried again until there is. The second call does nothing.
   virtual void Stop() = 0;
 };
 

@@ -15,6 +15,7 @@
 #include "enterprise/common/ipc/client/lib/client.h"
 #include "platform/ipc/ipc_codes.h"
 #include "tests/platform/ipc/ipc_test_support.h"
+#include "tests/support/allocation_watch.h"
 
 // Calls between a client and a server over a local socket.
 
@@ -291,6 +292,34 @@ TEST(IpcCalls, AServerThatStopsEndsItsCallsAndSessions) {
   EXPECT_EQ(pair.TryToConnect(), kNoLocalService.code);  // its socket is gone
   // An answer that comes after all of it does nothing.
   pair.host.Release();
+}
+
+TEST(IpcCalls, EitherEndStopsWhereverMemoryIsOut) {
+  for (const bool is_server : {true, false}) {
+    for (const unsigned int failures : {1u, 4u}) {
+      bool has_failed = true;
+      for (unsigned long long successes = 0; has_failed; ++successes) {
+        LocalPair pair;
+        const auto access_point = pair.Connect();
+        StartedCall call(*access_point, kWaiting);
+        ASSERT_TRUE(pair.host.WaitFor(pair.host.calls, 1));
+        {
+          const TestSupport::AllocationWatch watch(successes, failures);
+          if (is_server) {
+            pair.server->Stop();
+          } else {
+            pair.client->Stop();
+          }
+          has_failed = watch.HasFailed();
+        }
+        EXPECT_TRUE(has_failed || successes != 0);
+        EXPECT_NE(call.Wait().GetCode(), 0u);
+        EXPECT_TRUE(call.handler.IsTold());
+        EXPECT_TRUE(pair.host.WaitFor(pair.host.destroyed, 1));
+        EXPECT_EQ(pair.TryToConnect(), is_server ? kNoLocalService.code : kNotStarted.code);
+      }
+    }
+  }
 }
 
 TEST(IpcCalls, EachGetsItsOwnReplyUntilEitherEndStopsInTheMiddleOfTraffic) {
