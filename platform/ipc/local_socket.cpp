@@ -71,28 +71,24 @@ bool GetPeerUser(int descriptor, uid_t& user) {
 
 // Held while a server looks after its socket, so that no two of a user do. Of a file that nobody
 // else can open: what others can lock, they can hold for ever.
-UniqueDescriptor LockSockets(const std::string& directory) {
-  const std::string path = directory + "/servers-" + std::to_string(::geteuid()) + ".lock";
-  // By its path, as the thread sanitizer doesn't know openat: it would take a descriptor that
-  // another thread had before for shared.
-  UniqueDescriptor result(
-      ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
+UniqueDescriptor LockSockets(const UniqueDescriptor& folder, const std::string& directory) {
+  const std::string name = "servers-" + std::to_string(::geteuid()) + ".lock";
+  UniqueDescriptor result(::openat(folder.Get(), name.c_str(),
+                                   O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
+  const auto fail = [&](int failure, std::uint32_t line) {
+    throw MakeSystemError(kListenFailed, failure, kSource.At("LockSockets", line),
+                          directory + "/" + name);
+  };
   struct stat found {};
-  if (!result || ::fstat(result.Get(), &found) != 0) {
-    throw MakeSystemError(kListenFailed, errno, kSource.At("LockSockets", 20), path);
-  }
+  if (!result || ::fstat(result.Get(), &found) != 0) fail(errno, 20);
   if (!S_ISREG(found.st_mode) || found.st_uid != ::geteuid() ||
       (found.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
-    throw MakeSystemError(kListenFailed, EPERM, kSource.At("LockSockets", 22), path);
+    fail(EPERM, 22);
   }
   const Clock::time_point deadline = Clock::now() + kLockTime;
   while (::flock(result.Get(), LOCK_EX | LOCK_NB) != 0) {
-    if (errno != EINTR && errno != EWOULDBLOCK) {
-      throw MakeSystemError(kListenFailed, errno, kSource.At("LockSockets", 24), path);
-    }
-    if (Clock::now() >= deadline) {
-      throw MakeSystemError(kListenFailed, ETIMEDOUT, kSource.At("LockSockets", 26), path);
-    }
+    if (errno != EINTR && errno != EWOULDBLOCK) fail(errno, 24);
+    if (Clock::now() >= deadline) fail(ETIMEDOUT, 26);
     ::poll(nullptr, 0, static_cast<int>(kBacklogPause.count()));
   }
   return result;
@@ -178,7 +174,7 @@ LocalListener::LocalListener(const std::string& directory, unsigned int service_
     throw MakeSystemError(kListenFailed, errno, kSource.At("LocalListener", 110), directory);
   }
   const UniqueDescriptor folder = OpenRuntimeDirectory(directory);
-  const UniqueDescriptor lock = LockSockets(directory);
+  const UniqueDescriptor lock = LockSockets(folder, directory);
 
   const std::string path = directory + "/" + name_;
   const sockaddr_un address = MakeAddress(directory, folder.Get(), name_);
@@ -214,7 +210,7 @@ LocalListener::LocalListener(const std::string& directory, unsigned int service_
 LocalListener::~LocalListener() {
   try {
     const UniqueDescriptor folder = OpenRuntimeDirectory(directory_);
-    const UniqueDescriptor lock = LockSockets(directory_);
+    const UniqueDescriptor lock = LockSockets(folder, directory_);
     struct stat found {};
     if (::fstatat(folder.Get(), name_.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 &&
         found.st_dev == device_ && found.st_ino == inode_) {
