@@ -192,8 +192,8 @@ LocalListener::LocalListener(const std::string& directory, unsigned int service_
   socket_ = MakeSocket();
   // Nobody else may come in between bind and a later chmod, so its rights are those of the
   // descriptor from the start.
-  ::fchmod(socket_.Get(), 0600);
-  if (::bind(socket_.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+  if (::fchmod(socket_.Get(), 0600) != 0 ||
+      ::bind(socket_.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     throw MakeSystemError(kListenFailed, errno, kSource.At("LocalListener", 140), path);
   }
   if (::fstatat(folder.Get(), name_.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0) {
