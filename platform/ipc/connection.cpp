@@ -471,7 +471,16 @@ bool Connection::FillPlainWire(Wire& wire) {
 
 void Connection::AppendMessage(FrameKind kind, std::uint64_t call_id, Bytes payload) {
   const std::size_t before = messages_.size();
-  messages_.resize(before + kFrameHeaderSize + payload.size());
+  const std::size_t size = before + kFrameHeaderSize + payload.size();
+  if (has_secret_ && size > messages_.capacity()) {
+    // By itself it would leave the secret behind where it was.
+    std::vector<unsigned char> larger;
+    larger.reserve(std::max(size, 2 * before));
+    larger.assign(messages_.begin(), messages_.end());
+    messages_.swap(larger);
+    Wipe(larger);
+  }
+  messages_.resize(size);
   PutFrameHead(messages_.data() + before, kind, call_id, payload.size());
   std::copy(payload.begin(), payload.end(),
             messages_.begin() + static_cast<std::ptrdiff_t>(before + kFrameHeaderSize));
