@@ -160,7 +160,7 @@ bool ClientConnection::OnFrame(FrameKind kind, std::uint64_t call_id, Bytes payl
 
 bool ClientConnection::TakeWelcome(Bytes payload) {
   Welcome welcome;
-  if (!DecodeWelcome(payload, welcome)) {
+  if (!DecodeWelcome(payload, welcome) || welcome.connection_key == 0) {
     End(MakeError(kMalformedFrame, kSource.At("TakeWelcome", 110), "Welcome"), true);
     return false;
   }

@@ -337,6 +337,8 @@ TEST_F(IpcClientPeer, HandshakesEndInErrorsOfTheirOwnAndInTime) {
       {"a later version", RawPeer::MakeWelcome(2), false, kVersionMismatch.code},
       {"a malformed Welcome", RawPeer::MakeFrame(FrameKind::kWelcome, 0, Buffer(12, 'x')), false,
        kMalformedFrame.code},
+      {"a Welcome without a key", RawPeer::MakeWelcome(kTransportVersion, 0), false,
+       kMalformedFrame.code},
       {"a Reply", RawPeer::MakeFrame(FrameKind::kReply, 1, ReplyStart(1, 1)), false,
        kUnexpectedFrame.code},
       {"a part", RawPeer::MakeFrame(FrameKind::kReplyPart, 1, {1}), false, kUnexpectedFrame.code},

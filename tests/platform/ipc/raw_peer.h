@@ -74,10 +74,10 @@ class RawPeer {
     hello.service_id = service_id;
     return MakeFrame(FrameKind::kHello, 0, EncodeHello(hello));
   }
-  static Buffer MakeWelcome(std::uint32_t version = kTransportVersion) {
+  static Buffer MakeWelcome(std::uint32_t version = kTransportVersion, std::uint32_t key = 5) {
     Welcome welcome;
     welcome.version = version;
-    welcome.connection_key = 5;
+    welcome.connection_key = key;
     return MakeFrame(FrameKind::kWelcome, 0, EncodeWelcome(welcome));
   }
 
