@@ -37,7 +37,8 @@ namespace ObjProbeService {
 // its updates: while more than half of the bound waits, channels leave the changes in the store's
 // log, each behind one update at most, that may already be on its way. So half of the bound waits,
 // one update of each channel, and what isn't an update, which alone is held to the bound then.
-// They do so until the time of the timer has passed since the last pull.
+// They do so until the time of the timer has passed since the first of them began to, or since the
+// last pull, whichever is later.
 //
 // It fails, too, when an answer with records doesn't go out, for want of memory or because its call
 // is over: they are lost, and the client doesn't go on behind a gap that it can't see.
