@@ -215,6 +215,8 @@ TEST_F(Soak, EverythingPrintedIsTrueAndNothingIsLeftBehind) {
     if (Below(3) != 0) std::this_thread::sleep_for(std::chrono::microseconds(Below(8'000)));
   }
 
+  ASSERT_FALSE(memory.empty());  // else it has failed before
+
   // Those that are left see everything to the end.
   for (const auto& client : clients_) {
     if (client->is_suspended) client->program->Signal(SIGCONT);
@@ -268,6 +270,10 @@ TEST_F(Soak, EverythingPrintedIsTrueAndNothingIsLeftBehind) {
 int main(int argc, char** argv) {
   testing::InitGoogleTest(&argc, argv);
   if (argc > 1) EndToEnd::soak_seconds = std::atoi(argv[1]);
+  if (EndToEnd::soak_seconds <= 0) {
+    std::cerr << "usage: end_to_end_soak [SECONDS [SEED]], of one second at least\n";
+    return 2;
+  }
   EndToEnd::soak_seed =
       argc > 2 ? static_cast<unsigned int>(std::atoll(argv[2])) : std::random_device()();
   return RUN_ALL_TESTS();
