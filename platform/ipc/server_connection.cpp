@@ -80,13 +80,17 @@ class ConnectionCall final : public ServerCall {
     callback();
   }
 
-  // Behind this nothing is answered. On the pool.
+  // Behind this nothing is answered.
+  void MarkCancelled() {
+    const std::lock_guard lock(mutex_);
+    if (state_ == State::kIsOpen) state_ = State::kIsCancelled;
+  }
+  // The same, and tells the service, once. On the pool.
   void Cancel() {
+    MarkCancelled();
     std::function<void()> callback;
     {
       const std::lock_guard lock(mutex_);
-      if (state_ != State::kIsOpen) return;
-      state_ = State::kIsCancelled;
       callback.swap(callback_);
     }
     if (callback) Guard(callback);
@@ -115,6 +119,21 @@ class ConnectionCall final : public ServerCall {
   std::mutex mutex_;  // guards what follows
   State state_ = State::kIsOpen;
   std::function<void()> callback_;
+};
+
+// Tells a service that a call was cancelled, while the session is entered.
+class CancelRunner final : public DeliveryTask {
+ public:
+  CancelRunner(std::shared_ptr<ConnectionCall> call, std::shared_ptr<SessionRunner> session)
+      : call_(std::move(call)), session_(std::move(session)) {}
+  void Run() override {
+    call_->Cancel();
+    session_->Leave();
+  }
+
+ private:
+  const std::shared_ptr<ConnectionCall> call_;
+  const std::shared_ptr<SessionRunner> session_;
 };
 
 void SessionRunner::Call(std::shared_ptr<ServerCall> call) {
@@ -399,17 +418,13 @@ void ServerConnection::TakeCancel(std::uint64_t call_id) {
     call = open->second.lock();
   }
   if (call != nullptr) {
-    // The call stays open until this is posted: otherwise the connection's end tells it.
+    // The call stays open as long as this may fail: otherwise the connection's end tells it.
+    auto runner = std::make_shared<CancelRunner>(call, session_);
+    // From here on, as the client may use the id for its next call, which must not get the answer
+    // of this one.
+    call->MarkCancelled();
     session_->Enter();
-    try {
-      core_.GetDelivery().Post([call = std::move(call), session = session_] {
-        call->Cancel();
-        session->Leave();
-      });
-    } catch (const std::bad_alloc&) {
-      session_->Leave();
-      throw;
-    }
+    core_.GetDelivery().Post(std::move(runner));
   }
   Take(call_id);
 }

@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <new>
+#include <optional>
 #include <semaphore>
 #include <string>
 #include <thread>
@@ -191,6 +192,42 @@ TEST(IpcServerPeer, CostsNoMemoryByALengthAlone) {
   const auto reply = peer.Receive();
   ASSERT_TRUE(reply);
   EXPECT_EQ(reply->call_id, 7u);
+}
+
+TEST(IpcServerPeer, GetsNoAnswerOfACancelledCallForTheNextOneOfItsId) {
+  LocalPair pair;
+  pair.host.holds_cancels = true;
+  RawPeer peer = RawPeer::Connect(pair.GetSocket());
+  ASSERT_TRUE(peer.Send(RawPeer::MakeHello(kServiceId)));
+  ASSERT_TRUE(peer.Receive());
+  const std::string packet =
+      "<XML_SERIALIZER><request_Test_Text><text></text></request_Test_Text></XML_SERIALIZER>";
+  const auto request = [&](std::uint64_t id, std::uint32_t method) {
+    Buffer payload = RequestStart(method, packet.size(), 0);
+    payload.insert(payload.end(), packet.begin(), packet.end());
+    return peer.SendFrame(FrameKind::kRequest, id, payload);
+  };
+  constexpr int kCalls = 20;
+  for (std::uint64_t id = 1; id <= kCalls; ++id) request(id, kWaiting);
+  ASSERT_TRUE(pair.host.WaitFor(pair.host.waits, kCalls));
+  // The threads are held up by the cancels of others before that of the last one has its turn.
+  for (std::uint64_t id = 1; id <= kCalls; ++id) peer.SendFrame(FrameKind::kCancel, id);
+  request(kCalls, kFault);
+  // Refused at once, behind the cancels.
+  peer.SendFrame(FrameKind::kRequest, kCalls + 1, RequestStart(kEcho, 1ull << 40, 1));
+  std::optional<RawPeer::Frame> answer;
+  for (bool is_refused = false; !is_refused;) {
+    auto frame = peer.Receive();
+    ASSERT_TRUE(frame);
+    is_refused = frame->call_id == kCalls + 1;
+    if (!is_refused) answer = std::move(frame);
+  }
+  pair.host.Release();
+  pair.host.LetGo();
+  if (!answer) answer = peer.Receive();
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->call_id, std::uint64_t{kCalls});
+  EXPECT_EQ(answer->kind, FrameKind::kFault);
 }
 
 // Answers in the way of the method, while memory is out from some allocation on.
