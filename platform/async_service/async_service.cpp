@@ -311,23 +311,24 @@ AsyncService::Source::~Source() = default;
 
 Async::Metronome* AsyncService::Source::GetMetronome(unsigned int interval) {
   std::lock_guard lock(mutex_);
-  std::unique_ptr<PoolMetronome>& metronome = metronomes_[interval];
-  if (metronome == nullptr) {
-    metronome = std::make_unique<PoolMetronome>(
-        pool_, std::chrono::milliseconds(interval + (interval == 0)));
-    if (stopped_) metronome->CancelAll();
+  if (const auto found = metronomes_.find(interval); found != metronomes_.end()) {
+    return found->second.get();
   }
-  return metronome.get();
+  auto metronome =
+      std::make_unique<PoolMetronome>(pool_, std::chrono::milliseconds(interval + (interval == 0)));
+  if (stopped_) metronome->CancelAll();
+  return metronomes_.emplace(interval, std::move(metronome)).first->second.get();
 }
 
 void AsyncService::Source::CancelAll() {
-  std::vector<PoolMetronome*> metronomes;
-  {
-    std::lock_guard lock(mutex_);
-    stopped_ = true;
-    for (const auto& [interval, metronome] : metronomes_) metronomes.push_back(metronome.get());
+  std::unique_lock lock(mutex_);
+  stopped_ = true;
+  // None is taken out. One that comes meanwhile is cancelled already.
+  for (const auto& [interval, metronome] : metronomes_) {
+    lock.unlock();
+    metronome->CancelAll();
+    lock.lock();
   }
-  for (PoolMetronome* const metronome : metronomes) metronome->CancelAll();
 }
 
 AsyncService::AsyncService() : storage_(pool_), source_(pool_) {}

@@ -344,6 +344,21 @@ TEST(AsyncService, AWatchEndsByCancelByStopAndForWantOfMemoryForTheNextBeat) {
   EXPECT_THROW(watch(1, watchers[3], handlers[3]), Common::Error);
 }
 
+TEST(AsyncService, StopsAlsoWhenAMetronomeFoundNoMemory) {
+  TestSupport::FailEachAllocation(
+      [](const TestSupport::AllocationWatch& watch) {
+        std::unique_ptr<AsyncService> service;
+        try {
+          service = std::make_unique<AsyncService>();
+          EXPECT_NE(service->GetMetronomeSource()->GetMetronome(60), nullptr);
+        } catch (const std::bad_alloc&) {
+          EXPECT_TRUE(watch.HasFailed());
+        }
+        if (service != nullptr) service->Stop();
+      },
+      1);
+}
+
 TEST(AsyncService, ASequenceOutlivesTheStop) {
   static AsyncService* current = nullptr;
   AsyncService service;
