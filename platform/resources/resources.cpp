@@ -93,10 +93,12 @@ OpenZipFunction* GetZipOpener() {
 // A store while files are taken out of it.
 class Store {
  public:
-  explicit Store(const std::string& path) : bytes_(ReadSection(path, kStoreSection)) {
-    if (bytes_.bytes == nullptr) return;
+  explicit Store(const std::string& path) {
+    // First: a program that loads no modules doesn't open a file that its user names, either.
     OpenZipFunction* const open = GetZipOpener();
     if (open == nullptr) return;
+    bytes_ = ReadSection(path, kStoreSection);
+    if (bytes_.bytes == nullptr) return;
     archive_.reset(open(bytes_.bytes.get(), bytes_.size));
   }
 
@@ -124,7 +126,7 @@ class Store {
   }
 
  private:
-  const SectionBytes bytes_;
+  SectionBytes bytes_;
   std::unique_ptr<const ZipArchive> archive_;  // null if there is no sound one
 };
 

@@ -3,11 +3,9 @@
 #include <minizip/unzip.h>
 
 #include <algorithm>
-#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <new>
-#include <utility>
 
 namespace Platform::Resources {
 
@@ -66,6 +64,8 @@ int GetError(voidpf /*bytes*/, voidpf /*stream*/) {
 
 constexpr int kMatchCase = 1;
 constexpr uLong kEncrypted = 1;  // a flag of a file
+// A store has one for each language and a few more; each costs time when one is looked for.
+constexpr ZPOS64_T kMaxFiles = 1000;
 
 class MinizipArchive final : public ZipArchive {
  public:
@@ -75,12 +75,18 @@ class MinizipArchive final : public ZipArchive {
                                  &Seek, &Close,     &GetError, &bytes_};
     archive_ = unzOpen2_64(nullptr, &calls);
   }
+  MinizipArchive(const MinizipArchive&) = delete;
+  MinizipArchive& operator=(const MinizipArchive&) = delete;
 
   ~MinizipArchive() override {
     if (archive_ != nullptr) unzClose(archive_);
   }
 
-  bool IsSound() const { return archive_ != nullptr; }
+  bool IsSound() const {
+    unz_global_info64 info;
+    return archive_ != nullptr && unzGetGlobalInfo64(archive_, &info) == UNZ_OK &&
+           info.number_entry <= kMaxFiles;
+  }
 
   std::unique_ptr<unsigned char[]> Read(const char* name, std::size_t limit,
                                         unsigned int* size) const override {
@@ -91,6 +97,8 @@ class MinizipArchive final : public ZipArchive {
       return nullptr;
     }
     if ((info.flag & kEncrypted) != 0 || info.uncompressed_size > limit) return nullptr;
+    // What it can't unpack the library hands out as it is, without looking at the CRC.
+    if (info.compression_method != 0 && info.compression_method != Z_DEFLATED) return nullptr;
     const auto wanted = static_cast<unsigned int>(info.uncompressed_size);
     std::unique_ptr<unsigned char[]> bytes(new (std::nothrow) unsigned char[wanted]);
     if (bytes == nullptr || unzOpenCurrentFile(archive_) != UNZ_OK) return nullptr;

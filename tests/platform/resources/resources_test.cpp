@@ -86,7 +86,7 @@ TEST(GetEnvironmentLocales, TakesTheVariablesInTheirUsualOrder) {
 
 // An archive of names and contents, as the ZIP library writes it.
 std::string MakeZip(const std::vector<std::pair<std::string, std::string>>& files,
-                    bool is_encrypted = false) {
+                    bool is_encrypted = false, zip_int32_t method = ZIP_CM_DEFAULT) {
   const TestSupport::TemporaryFolder folder;
   const std::string path = folder / "a.zip";
   zip_t* const archive = zip_open(path.c_str(), ZIP_CREATE, nullptr);
@@ -94,6 +94,9 @@ std::string MakeZip(const std::vector<std::pair<std::string, std::string>>& file
     zip_source_t* const source = zip_source_buffer(archive, content.data(), content.size(), 0);
     const zip_int64_t index = zip_file_add(archive, name.c_str(), source, 0);
     EXPECT_GE(index, 0);
+    EXPECT_EQ(zip_set_file_compression(archive, static_cast<zip_uint64_t>(index),
+                                       name == "locales" ? ZIP_CM_DEFAULT : method, 0),
+              0);
     if (is_encrypted && name != "locales") {
       EXPECT_EQ(zip_file_set_encryption(archive, static_cast<zip_uint64_t>(index), ZIP_EM_AES_256,
                                         "secret"),
@@ -206,6 +209,8 @@ TEST_F(StoreTest, GivesTheFileOfTheNearestLanguageThatItLists) {
 TEST_F(StoreTest, GivesNothingWhereNoSoundStoreIs) {
   SetLanguage("de");
   const std::string zip = MakeZip(kFiles);
+  auto many_files = kFiles;
+  for (int i = 0; i < 1000; ++i) many_files.emplace_back(std::to_string(i), "");
   const std::string elf = MakeElf(zip);
   std::string flipped = zip;
   flipped[zip.find("de/f") + 8] ^= 0x10;  // within the packed bytes
@@ -220,6 +225,8 @@ TEST_F(StoreTest, GivesNothingWhereNoSoundStoreIs) {
       {"a cut archive", MakeElf(zip.substr(0, zip.size() / 2))},
       {"damaged packed bytes", MakeElf(flipped)},
       {"encrypted", MakeElf(MakeZip(kFiles, true))},
+      {"packed by bzip2", MakeElf(MakeZip(kFiles, false, ZIP_CM_BZIP2))},
+      {"too many files", MakeElf(MakeZip(many_files))},
       {"no locales", MakeElf(MakeZip({{"de/f", "Deutsch"}}))},
       {"locales without names", MakeElf(MakeZip({{"locales", " ,\n"}, {"de/f", "Deutsch"}}))},
       {"locales beyond all measure",
