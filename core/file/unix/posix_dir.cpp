@@ -524,4 +524,22 @@ void posix_dir::CreateDeviceNode(const char16_t* path, entry_type type, std::uin
   });
 }
 
+void posix_dir::EnableNotification(std::shared_ptr<dir_callback> callback) {
+  const Common::LineTag tag = kSource.At("EnableNotification", 260);
+  GuardOperation(*this, tag, [&] {
+    if (callback == nullptr) return watcher_.reset();
+    if (const int errnum = DirWatcher::StartThread(); errnum != 0) {
+      Common::Error error = MakeFileError(kFileOpenFailure, tag, path_.c_str());
+      error.AddPosixError(errnum);
+      return SetError(error);
+    }
+    if (watcher_ != nullptr) return watcher_->SetCallback(std::move(callback));
+    watcher_ = DirWatcher::Make(path_, std::move(callback));
+  });
+}
+
+void posix_dir::RearmNotification() {
+  if (watcher_ != nullptr) watcher_->Rearm();
+}
+
 }  // namespace Core

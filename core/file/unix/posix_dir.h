@@ -7,6 +7,7 @@
 #include <string>
 
 #include "core/common/string.h"
+#include "core/file/unix/dir_watcher.h"
 #include "core/file/unix/posix_file.h"
 #include "core/include/file/dir.h"
 
@@ -55,9 +56,13 @@ class posix_dir : public rio_dir {
   bool IsSeparator(char16_t character) override;
   char16_t GetSeparator() override;
   bool IsCaseSensitive() override;
-  // kSetEntryTimes (0x40001, 0x40003; 0x4000E for a symbolic link), kBackupEntry, kRestoreEntry and
-  // kGetSystemPath (0x4000E).
+  // kSetEntryTimes (0x40001, 0x40003; 0x4000E for a symbolic link), kBackupEntry, kRestoreEntry,
+  // kGetFileSystemName and kGetSystemPath (0x4000E).
   void IOCTL(ioctl_record& record) override;
+  // By a DirWatcher. 0x40007 when its thread can't be started. A callback replaces the one before
+  // and asks for a report, too; null, or the directory's end, doesn't wait for one that runs.
+  void EnableNotification(std::shared_ptr<dir_callback> callback) override;
+  void RearmNotification() override;
 
   // 0x40007.
   std::unique_ptr<ro_file> OpenWrite(const char16_t* path, bool manual_locks) override;
@@ -110,6 +115,8 @@ class posix_dir : public rio_dir {
   std::string Join(const file_identifier* entry) const;
 
  private:
+  friend class DirWatcher;
+
   posix_dir* DoOpenDir(const char16_t* path) override;
   posix_dir* DoOpenDir(i_dir::iterator& entry) override;
   posix_dir* DoOpenDir(const file_identifier* entry) override;
@@ -127,10 +134,12 @@ class posix_dir : public rio_dir {
   // With the "/" at its end.
   std::string GetClosedPath() const;
   void SetEntryTimes(const entry_times_record& record);
+  void GetFileSystemName(file_system_name_record& record);
   void GetSystemPath(system_path_record& record);
 
   const std::string path_;
-  Common::String wide_path_;  // with a "/" at its end; empty until somebody asks
+  Common::String wide_path_;       // with a "/" at its end; empty until somebody asks
+  DirWatcher::Reference watcher_;  // null without notification
 };
 
 }  // namespace Core

@@ -1,10 +1,14 @@
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <sys/sysmacros.h>
 #include <sys/time.h>
 
+#include <cctype>
 #include <cerrno>
+#include <cstdint>
 #include <string>
 
+#include "core/file/unix/file_system_name.h"
 #include "core/file/unix/guarded_operation.h"
 #include "core/file/unix/posix_backup.h"
 #include "core/file/unix/posix_dir.h"
@@ -33,6 +37,8 @@ void posix_dir::IOCTL(ioctl_record& record) {
       return GuardOperation(*this, kSource.At("IOCTL", 50), [&] {
         SetError(PosixRestoreFile(*this, static_cast<const restore_record&>(record)));
       });
+    case kGetFileSystemName:
+      return GetFileSystemName(static_cast<file_system_name_record&>(record));
     case kGetSystemPath:
       return GetSystemPath(static_cast<system_path_record&>(record));
     default:
@@ -56,6 +62,23 @@ void posix_dir::SetEntryTimes(const entry_times_record& record) {
     if (::utimes(path.c_str(), times) != 0) {
       SetError(MakePosixError(kFileWriteFailure, errno, tag, path.c_str()));
     }
+  });
+}
+
+void posix_dir::GetFileSystemName(file_system_name_record& record) {
+  const Common::LineTag tag = kSource.At("IOCTL", 20);
+  GuardOperation(*this, tag, [&] {
+    const std::string path = GetClosedPath();
+    struct statfs status;
+    if (::statfs(path.c_str(), &status) != 0) {
+      return SetError(MakePosixError(kFileUnsupported, errno, tag, path.c_str()));
+    }
+    char16_t* end = record.name;
+    const char* name = Core::GetFileSystemName(static_cast<std::uint32_t>(status.f_type));
+    for (; *name != 0; ++name) {
+      *end++ = static_cast<char16_t>(std::toupper(static_cast<unsigned char>(*name)));
+    }
+    *end = 0;
   });
 }
 
