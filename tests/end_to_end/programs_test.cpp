@@ -396,7 +396,7 @@ TEST_F(Programs, FiftyListenersSeeEachChangeOnceAndInOrder) {
   History history(store_);
   const auto service = Serve({true, 2});
   const pid_t process = service->GetProgram().GetId();
-  const int descriptors = CountDescriptors(process);
+  const int descriptors = CountDescriptors(process) + kFollowerDescriptors;
   std::vector<std::unique_ptr<RunningProgram>> listeners;
   for (int i = 0; i < kListeners; ++i) {
     const Way way{i % 4 == 0, 2};

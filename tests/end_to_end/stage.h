@@ -96,6 +96,9 @@ class Stage : public Common::NonCopyable {
 
 // A process as the system shows it.
 int CountDescriptors(pid_t process, const std::string& kind = {});  // "socket:"
+// What a service keeps for a store from the first listen on: one to be woken by and one that tells
+// of the store's files.
+inline constexpr int kFollowerDescriptors = 2;
 long GetResidentKilobytes(pid_t process);
 long CountThreads(pid_t process);
 inline bool IsConnected(pid_t process) {
