@@ -372,8 +372,8 @@ namespace {
 AsyncService& GetProcessService() {
   static AsyncService* const service = [] {
     auto* const made = new AsyncService;
-    // Loads the catalogue of the user's language, which registers its end first: so the pool's
-    // threads, which read texts, end before the texts are freed.
+    // Makes sure that the catalogue of the user's language is loaded, and so its end registered,
+    // first: the pool's threads, which read texts, end before the texts are freed.
     Common::GetMessageText(Common::MessageRow::AsyncCanceled);
     std::atexit([] {
       Async::SetServiceProvider(nullptr);

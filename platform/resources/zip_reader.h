@@ -22,8 +22,8 @@ class ZipArchive {
 // there is no memory. Threads: any.
 ZipArchive* OpenZip(const void* bytes, std::size_t size);
 
-// The module with it, which is loaded with the first language that isn't English: linking the ZIP
-// library costs a process more at start than a small report takes.
+// The module with it, which is loaded with the first language that isn't English, so that English
+// doesn't pay for the ZIP library.
 inline constexpr char kZipModule[] = "objprobe-zip.so";
 using OpenZipFunction = decltype(OpenZip);
 inline constexpr char kOpenZipSymbol[] = "ObjprobeOpenZip";

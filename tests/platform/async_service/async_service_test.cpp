@@ -451,7 +451,9 @@ TEST(AsyncService, NoStepOfASequenceTakesMemory) {
     watch = &running;
     const auto job = sequence.Perform(handler);
     EXPECT_EQ(handler.told, 1);
-    EXPECT_LE(at_last - at_first, current == nullptr ? 0 : kSteps / 100);
+    // Beside the service a pass takes some when it begins anew, which it does when the machine
+    // keeps the thread off for two beats.
+    EXPECT_LE(at_last - at_first, current == nullptr ? 0 : 8);
   }
 }
 
