@@ -426,7 +426,6 @@ TEST(AsyncService, MovesALoopWhoseThreadStalls) {
   EXPECT_NE(second, std::this_thread::get_id());
 }
 
-// With the service the metronome takes some for its beats.
 TEST(AsyncService, NoStepOfASequenceTakesMemory) {
   constexpr unsigned long long kSteps = 4000;
   const Async::ServiceProvider provider = Async::SetServiceProvider(nullptr);
